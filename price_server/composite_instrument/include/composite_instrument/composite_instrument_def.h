@@ -1,0 +1,58 @@
+#pragma once
+
+#include "composite_instrument/synthetic_leg.h"
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace ps_ns
+{
+
+/// A client's definition of a composite instrument: either one tradable instrument, or a synthetic one built from legs.
+/// A plain value; copying copies the strings and the map and shares the legs.
+struct CompositeInstrumentDef
+{
+    // What the instrument's identity is made of (composite_instrument_id.h). What the attributes mean is the client's
+    // business: they tell apart what otherwise looks alike.
+    std::uint64_t instrumentId = 0;
+    std::int16_t marketId = 0;
+    std::uint8_t attrA = 0;
+    std::uint8_t attrB = 0;
+    std::uint32_t attrC = 0;
+    std::int8_t attrD = 0;
+    std::int16_t submarketId = -1;
+    std::uint64_t attrE = 0;
+
+    InstrumentDef instrument; ///< symbol and product / exchange
+    std::string currency;
+    std::map<std::uint16_t, std::string> properties;
+    SyntheticLegs legs; ///< not empty: a synthetic instrument
+
+    std::array<bool, 3> components{true, false, false}; ///< wanted: direct, implied, aggregated
+
+    std::uint64_t expiry_ns = 0; ///< ns since 1970 UTC; 0: none
+    std::uint64_t lotSize = 0;   ///< units in one lot; 0: not known
+    double contractSize = 1.0;   ///< of the underlying asset
+    double strike = 0.0;
+    std::uint32_t flags = 0;
+    std::uint32_t priority = 0;
+    std::int64_t createTime_ns = 0;
+    std::int64_t changeTime_ns = 0;
+    std::uint16_t segment = 0;
+    std::uint16_t assetClass = 0;
+
+    const std::string& GetSymbol() const noexcept { return instrument.symbol; }
+
+    bool IsSyntheticComposite() const noexcept { return !legs.empty(); }
+
+    /// One line for the log, like "BTCUSDT market=2 submarket=-1 id=7 exchange=USDM"; a synthetic one adds " legs=2".
+    std::string ToString() const;
+
+    /// The short form, like "BTCUSDT@2". Safe to call from several threads on one object: it is made afresh, since a
+    /// text kept in the definition would need a lock, and would be copied into every action.
+    std::string ToStringShortCached() const;
+};
+
+} // namespace ps_ns

@@ -1,0 +1,106 @@
+#pragma once
+
+#include "base/cache_line.h"
+#include "common/task.h"
+#include "logging/logging.h"
+#include "metrics/metrics.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace ps_ns
+{
+
+/// What a node of the queue holds: the task to run. One is allocated for each insert.
+struct DataMsgTask
+{
+    Task* task;
+};
+
+/// A linked queue for any number of producers and one consumer: the one way by which work reaches the thread that owns
+/// the manager's maps.
+///
+/// It is the classic two-lock queue. The list always holds one dummy node at its head; producers append at the tail
+/// under a spin lock that is held for two pointer stores, the consumer advances the head under a lock of its own, and
+/// the two meet only in the `next` pointer of the last node. No insert wakes anybody: the consumer looks (queue_reader.h).
+///
+/// Threads: insert() from any thread; take() from one thread at a time; shutdown() from the owner's.
+///
+/// Ownership: the queue owns the tasks in it. Its destructor disposes, without running them, of those nobody took; no
+/// producer may be inside insert() by then.
+///
+/// Limits: the spin lock has no back-off. With more producers than cores, a producer that loses the processor while it
+/// holds the lock stalls the others for a scheduler's slice: keep producers few.
+///
+/// `Element` is the element type; it must be built from {Task*} and have a member `task`.
+template <class Element>
+class DataQueue
+{
+public:
+    /// `name` is used in messages; `depthGauge` follows the number of queued tasks and may be a null handle.
+    DataQueue(std::string name, zel::metrics::Gauge depthGauge);
+    ~DataQueue();
+    DataQueue(const DataQueue&) = delete;
+    DataQueue& operator=(const DataQueue&) = delete;
+
+    /// Appends a task, or disposes of it when the queue is shut down; that is logged at level 0. The caller does not
+    /// touch the task afterwards. Throws std::bad_alloc, in which case the task has been disposed of and nothing is
+    /// queued.
+    void insert(Task* task);
+
+    /// Takes the oldest task off the queue; null when there is none.
+    Task* take();
+
+    /// Refuses tasks from now on; what is queued stays for the consumer. One-way.
+    void shutdown() noexcept { m_shutdown.store(true); }
+    bool isShutdown() const noexcept { return m_shutdown.load(); }
+
+    /// Number of queued tasks, and the largest such number so far. Concurrent inserts may lower the mark by one.
+    std::uint64_t size() const noexcept { return m_size.load(); }
+    std::uint64_t maxSize() const noexcept { return m_maxSize.load(); }
+
+    const std::string& name() const noexcept { return m_name; }
+
+private:
+    /// A whole cache line each, so that the consumer's reads of one node do not disturb the producer that fills the next.
+    struct alignas(kCacheLineSize) Node
+    {
+        Element* value = nullptr;
+        std::atomic<Node*> next{nullptr};
+    };
+    static_assert(sizeof(Node) == kCacheLineSize && alignof(Node) == kCacheLineSize);
+
+    /// A hot member on a cache line of its own.
+    template <class Member>
+    struct alignas(kCacheLineSize) OnOwnLine
+    {
+        Member value{};
+    };
+    static_assert(sizeof(OnOwnLine<std::atomic<Node*>>) == kCacheLineSize);
+    static_assert(alignof(OnOwnLine<std::atomic<bool>>) == kCacheLineSize);
+
+    void refuse(Task* task);
+    void link(Node* node) noexcept;
+
+    // The consumer's side.
+    OnOwnLine<Node*> m_head; ///< the dummy; under m_consumerLock
+    OnOwnLine<std::atomic<bool>> m_consumerLock;
+
+    // The producers' side.
+    OnOwnLine<std::atomic<Node*>> m_tail; ///< the last node; stored under m_producerLock
+    OnOwnLine<std::atomic<bool>> m_producerLock;
+    std::atomic<bool> m_shutdown{false}; ///< set by the owner, read by every producer
+    const std::string m_name;
+    std::atomic<std::uint64_t> m_size{0};
+    std::atomic<std::uint64_t> m_maxSize{0};
+    zel::metrics::Gauge m_depthGauge;
+};
+
+/// The queue of the price server. Compiled once, in the library.
+extern template class DataQueue<DataMsgTask>;
+
+} // namespace ps_ns
+
+#include "common/detail/data_queue_impl.h"

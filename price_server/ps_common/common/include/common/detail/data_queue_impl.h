@@ -1,0 +1,119 @@
+#pragma once
+
+#include "common/data_queue.h"
+
+#include <memory>
+#include <utility>
+
+namespace ps_ns
+{
+namespace detail
+{
+const std::shared_ptr<const zel::logging::Source>& DataQueueLogSource();
+}
+
+template <class Element>
+DataQueue<Element>::DataQueue(std::string name, zel::metrics::Gauge depthGauge)
+    : m_name(std::move(name))
+    , m_depthGauge(std::move(depthGauge))
+{
+    Node* const dummy = new Node;
+    m_head.value = dummy;
+    m_tail.value.store(dummy);
+}
+
+template <class Element>
+DataQueue<Element>::~DataQueue()
+{
+    while (Task* const task = take())
+    {
+        DisposeOf(task);
+    }
+    delete m_head.value;
+}
+
+template <class Element>
+void DataQueue<Element>::insert(Task* task)
+{
+    if (m_shutdown.load())
+    {
+        refuse(task);
+        return;
+    }
+
+    const std::uint64_t size = m_size.fetch_add(1) + 1;
+    if (size > m_maxSize.load())
+    {
+        // Not one atomic step with the comparison: a racing producer may lower the mark by one, which is accepted.
+        m_maxSize.store(m_size.load());
+    }
+
+    // Both allocations come before the lock.
+    std::unique_ptr<Element> element;
+    Node* node = nullptr;
+    try
+    {
+        element.reset(new Element{task});
+        node = new Node;
+    }
+    catch (...)
+    {
+        m_size.fetch_sub(1);
+        DisposeOf(task);
+        throw;
+    }
+    node->value = element.release();
+
+    link(node);
+    ++m_depthGauge;
+}
+
+template <class Element>
+void DataQueue<Element>::link(Node* node) noexcept
+{
+    while (m_producerLock.value.exchange(true))
+    {
+    }
+    m_tail.value.load()->next.store(node);
+    m_tail.value.store(node);
+    m_producerLock.value.store(false);
+}
+
+template <class Element>
+void DataQueue<Element>::refuse(Task* task)
+{
+    const void* const address = task; // the task is gone when the line is written
+    DisposeOf(task);
+    zel::logging::Log(0, detail::DataQueueLogSource(),
+                      [&](std::ostream& text)
+                      {
+                          text << "DataQueue " << m_name << " @" << static_cast<const void*>(this)
+                               << " is in Shutdown mode. Ignoring insert for task @" << address;
+                      });
+}
+
+template <class Element>
+Task* DataQueue<Element>::take()
+{
+    while (m_consumerLock.value.exchange(true))
+    {
+    }
+    Node* const dummy = m_head.value;
+    Node* const first = dummy->next.load();
+    if (first == nullptr)
+    {
+        m_consumerLock.value.store(false);
+        return nullptr;
+    }
+    // The first node becomes the new dummy, once its value is out.
+    const std::unique_ptr<Element> element(std::exchange(first->value, nullptr));
+    m_head.value = first;
+    m_consumerLock.value.store(false);
+
+    m_size.fetch_sub(1);
+    --m_depthGauge;
+    delete dummy;
+    return element->task;
+}
+
+} // namespace ps_ns
