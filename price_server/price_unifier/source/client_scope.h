@@ -1,0 +1,49 @@
+#pragma once
+
+#include "async/async_task.h"
+#include "composite_instrument/composite_subscription_info.h"
+#include "composite_price/merged_order_book.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+
+namespace ps_ns
+{
+
+class IFlexiblePriceObserver;
+
+/// When the next book may go to one recipient, and which one it had last. Executor only.
+struct DeliveryPace
+{
+    std::shared_ptr<const MergedOrderBook> delivered;
+    std::chrono::steady_clock::time_point nextTime{}; ///< no book before that
+    std::shared_ptr<AsyncTask> timer;                 ///< made when a book had to wait for the first time
+    bool isWaiting = false;                           ///< the timer will deliver
+};
+
+/// A flexible client's scope on a composite subscription, as the delivery sees it. What is not atomic or constant
+/// belongs to the executor.
+struct ClientScope
+{
+    ClientScope(unsigned long subscriptionId, std::shared_ptr<IFlexiblePriceObserver> flexibleObserver,
+                const CompositeSubscriptionInfo& scope)
+        : id(subscriptionId)
+        , observer(std::move(flexibleObserver))
+        , info(scope)
+    {
+    }
+
+    const unsigned long id;
+    const std::shared_ptr<IFlexiblePriceObserver> observer;
+    std::atomic<bool> isRemoved{false}; ///< set by the queue thread: nothing more goes to it, at once
+
+    CompositeSubscriptionInfo info;
+    unsigned repliedComponents = 0; ///< bit by component: the manager replays these answers, the delivery does not
+    bool isActive = false;          ///< the replayed answers are out, data may follow
+    bool wantsImage = true;         ///< joined or changed its scope, and has had no book since
+    DeliveryPace pace;
+};
+
+} // namespace ps_ns

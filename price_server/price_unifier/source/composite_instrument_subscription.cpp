@@ -1,0 +1,514 @@
+#include "price_unifier/source/composite_instrument_subscription.h"
+
+#include "composite_instrument/subscription_ex.h"
+#include "logging/logging.h"
+#include "price_unifier/source/component_link.h"
+#include "price_unifier/source/composite_subscription_mgr.h"
+#include "price_unifier/source/symbol_prefixes.h"
+#include "simple_subscription/simple_subscription_mgr.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+namespace ps_ns
+{
+
+using ps_messages_ns::SubscriptionResult;
+
+namespace
+{
+
+constexpr std::array kComponentTypes{CompositeComponentType::Direct, CompositeComponentType::Implied,
+                                     CompositeComponentType::Aggregated};
+
+const std::shared_ptr<const zel::logging::Source>& LogSource()
+{
+    static const auto source = std::make_shared<const zel::logging::Source>("composite_instrument_subscription");
+    return source;
+}
+
+/// What a provider knows a component by.
+std::string GetComponentSymbol(CompositeComponentType::Type type, const std::string& symbol)
+{
+    switch (type)
+    {
+    case CompositeComponentType::Implied:
+        return impliedSymbolPrefix + symbol;
+    case CompositeComponentType::Aggregated:
+        return aggregatorSymbolPrefix + symbol;
+    case CompositeComponentType::Direct:
+        break;
+    }
+    return symbol;
+}
+
+Submarket GetSubmarket(const CompositeInstrumentDef& def)
+{
+    return {def.marketId, def.submarketId};
+}
+
+} // namespace
+
+CompositeInstrumentSubscription::CompositeInstrumentSubscription(
+    SimpleSubscriptionMgr* simpleSubscriptionMgr, const CompositeInstrumentDef& def,
+    const CompositeSubscriptionInfo& adjustedScope, const std::shared_ptr<ICompositePriceObserver>& observer,
+    unsigned long handle, CompositeSubscriptionMgr* manager, bool skipUnchangedSnapshots, unsigned /*defaultDepth*/,
+    unsigned /*maxDepth*/, unsigned emptySuppressInterval, unsigned instrumentMonitoringInterval_sec)
+    : m_simpleSubscriptionMgr(simpleSubscriptionMgr)
+    , m_handle(handle)
+    , m_core(std::make_shared<SubscriptionCore>(
+          def, observer, manager, adjustedScope,
+          PriceDelivery::Settings{skipUnchangedSnapshots, emptySuppressInterval, instrumentMonitoringInterval_sec},
+          simpleSubscriptionMgr->GetSubscriptionExecutor(GetSubmarket(def)), simpleSubscriptionMgr->GetTimers(),
+          simpleSubscriptionMgr->GetStaleGauge()))
+    , m_gate(std::make_shared<UnsubscribeGate>([this, manager]
+                                               { manager->OnUnsubscribeCompositeSubscription(this, GetDefinition()); }))
+    , m_symbol(def.GetSymbol())
+    , m_mergedScope(adjustedScope)
+{
+    for (std::size_t i = 0; i < m_components.size(); ++i)
+    {
+        m_components[i].isWanted = def.components[i];
+    }
+    m_simpleSubscriptionMgr->GetRegistry().Enrol(this);
+}
+
+CompositeInstrumentSubscription::~CompositeInstrumentSubscription()
+{
+    m_simpleSubscriptionMgr->GetRegistry().Leave(this);
+    m_core->Silence();
+    m_gate->Disarm();
+    for (Component& component : m_components)
+    {
+        Unsubscribe(component, false);
+    }
+}
+
+// --- Scopes ----------------------------------------------------------------------------------------------------------
+
+CompositeSubscriptionInfo CompositeInstrumentSubscription::MergeScopes() const
+{
+    if (m_scopes.empty())
+    {
+        return m_mergedScope; // no sentinel ever reaches a component: the last one stays
+    }
+    auto scope = m_scopes.begin();
+    CompositeSubscriptionInfo merged = scope->second.info;
+    while (++scope != m_scopes.end())
+    {
+        merged = CompositeSubscriptionInfo::Merge(merged, scope->second.info);
+    }
+    return merged;
+}
+
+bool CompositeInstrumentSubscription::AddScope(const CompositeSubscriptionInfo& info, unsigned long subscriptionId,
+                                               const std::shared_ptr<IFlexiblePriceObserver>& flexibleObserver,
+                                               CompositeSubscriptionInfo& newAggregate)
+{
+    Scope scope{info, flexibleObserver, nullptr};
+    if (flexibleObserver != nullptr)
+    {
+        scope.client = std::make_shared<ClientScope>(subscriptionId, flexibleObserver, info);
+    }
+    const std::shared_ptr<ClientScope> client = scope.client;
+    const auto [entry, isNew] = m_scopes.try_emplace(subscriptionId, std::move(scope));
+    if (!isNew)
+    {
+        return false;
+    }
+    const bool hadSnapshot = m_core->AnySnapshotsReceived();
+    try
+    {
+        m_answersAtJoin = client != nullptr ? m_core->AddClient(client) : m_core->GetAnswers();
+        const auto replays =
+            std::count_if(m_answersAtJoin.begin(), m_answersAtJoin.end(),
+                          [](const ComponentAnswer& answer) { return answer.result != SubscriptionResult::None; });
+        m_joining = Joining{};
+        if (client != nullptr && replays == 0)
+        {
+            m_core->ActivateClient(client, hadSnapshot);
+        }
+        else if (client != nullptr)
+        {
+            m_joining = Joining{client, static_cast<unsigned>(replays), hadSnapshot};
+        }
+    }
+    catch (...)
+    {
+        if (client != nullptr)
+        {
+            client->isRemoved.store(true); // should it have reached the delivery already
+        }
+        m_scopes.erase(entry);
+        throw;
+    }
+    m_mergedScope = MergeScopes();
+    newAggregate = m_mergedScope;
+    return true;
+}
+
+bool CompositeInstrumentSubscription::RemoveScope(unsigned long subscriptionId, CompositeSubscriptionInfo& newAggregate)
+{
+    const auto entry = m_scopes.find(subscriptionId);
+    if (entry == m_scopes.end())
+    {
+        return false;
+    }
+    // The record moves to the executor, so that it is let go there: its timers must not lose it under their feet.
+    if (std::shared_ptr<ClientScope> client = std::move(entry->second.client))
+    {
+        client->isRemoved.store(true);
+        m_core->RemoveClient(std::move(client));
+    }
+    m_scopes.erase(entry);
+    m_mergedScope = MergeScopes();
+    newAggregate = m_mergedScope;
+    return true;
+}
+
+bool CompositeInstrumentSubscription::ChangeScope(const CompositeSubscriptionInfo& info, unsigned long subscriptionId,
+                                                  CompositeSubscriptionInfo& newAggregate)
+{
+    const auto entry = m_scopes.find(subscriptionId);
+    if (entry == m_scopes.end())
+    {
+        return false;
+    }
+    if (entry->second.client != nullptr)
+    {
+        m_core->ChangeClient(entry->second.client, info);
+    }
+    else
+    {
+        m_directClientWaits = true;
+    }
+    entry->second.info = info;
+    m_mergedScope = MergeScopes();
+    newAggregate = m_mergedScope;
+    return true;
+}
+
+void CompositeInstrumentSubscription::ChangeScope(const CompositeSubscriptionInfo& aggregate)
+{
+    m_directClientWaits = false; // it gets a new book
+    for (const Component& component : m_components)
+    {
+        if (component.link != nullptr)
+        {
+            if (IPriceProvider* const provider = m_simpleSubscriptionMgr->FindProvider(component.provider))
+            {
+                provider->ChangeScope(component.link, aggregate);
+            }
+        }
+    }
+    m_core->SetMergedScope(aggregate);
+}
+
+bool CompositeInstrumentSubscription::GetScope(unsigned long subscriptionId, ScopeEntry& scope) const
+{
+    const auto entry = m_scopes.find(subscriptionId);
+    if (entry == m_scopes.end())
+    {
+        return false;
+    }
+    scope = {entry->second.info, entry->second.observer};
+    return true;
+}
+
+// --- Components ------------------------------------------------------------------------------------------------------
+
+void CompositeInstrumentSubscription::DecideProvider(CompositeComponentType::Type type)
+{
+    const CompositeInstrumentDef& def = GetDefinition();
+    const auto [provider, isFinal] = m_simpleSubscriptionMgr->GetProviderType(
+        ProviderFunction::Prices, def.marketId, def.submarketId, GetComponentSymbol(type, m_symbol));
+    Get(type).provider = provider;
+    Get(type).isDecided = isFinal;
+}
+
+int CompositeInstrumentSubscription::Subscribe(CompositeComponentType::Type type, std::string& why)
+{
+    Component& component = Get(type);
+    const int failure = component.isDecided ? SubscribeStatus::Failed : SubscribeStatus::Pending;
+    IPriceProvider* const provider = m_simpleSubscriptionMgr->FindProvider(component.provider);
+    if (provider == nullptr)
+    {
+        why = "no provider serves " + GetComponentSymbol(type, m_symbol);
+        return failure; // undecided: the switch to another provider may still come
+    }
+    m_core->BeginEpoch(type, m_provider, m_symbol);
+    const auto link = std::make_shared<ComponentLink>(type, component.provider, m_core, m_gate);
+    int status = SubscribeStatus::Failed;
+    try
+    {
+        status = provider->Subscribe(
+            {type, GetSubmarket(GetDefinition()), GetComponentSymbol(type, m_symbol), m_mergedScope}, link);
+    }
+    catch (const SubscriptionEx& error)
+    {
+        why = error.what();
+        link->Abandon();
+        return SubscribeStatus::Failed;
+    }
+    catch (...)
+    {
+        link->Abandon();
+        throw;
+    }
+    if (status == SubscribeStatus::Failed)
+    {
+        link->Abandon();
+        return status;
+    }
+    component.link = link;
+    return status == SubscribeStatus::Subscribed && !component.isDecided ? SubscribeStatus::Pending : status;
+}
+
+int CompositeInstrumentSubscription::SubscribeComponents()
+{
+    std::string firstReason;
+    int answer = SubscribeStatus::Failed;
+    std::vector<CompositeComponentType::Type> failed;
+    bool isFirst = true;
+    for (const auto type : kComponentTypes)
+    {
+        if (!Get(type).isWanted)
+        {
+            continue;
+        }
+        DecideProvider(type);
+        if (std::exchange(isFirst, false))
+        {
+            m_provider = Get(type).provider;
+        }
+        std::string why;
+        const int status = Subscribe(type, why);
+        if (status == SubscribeStatus::Failed)
+        {
+            failed.push_back(type);
+            firstReason = firstReason.empty() ? why : firstReason;
+        }
+        else if (answer == SubscribeStatus::Failed)
+        {
+            answer = status;
+        }
+    }
+    if (answer != SubscribeStatus::Failed)
+    {
+        // The others make up for them; who is interested hears of them as of any answer.
+        for (const auto type : failed)
+        {
+            m_core->OnAnswer(type, SubscriptionResult::DirectSubscriptionFailed, PriceFormat{});
+        }
+        return answer;
+    }
+    if (isFirst)
+    {
+        throw SubscriptionEx("the definition wants no component");
+    }
+    if (!firstReason.empty())
+    {
+        throw SubscriptionEx(firstReason);
+    }
+    return answer;
+}
+
+/// Writes what is being handled as an exception.
+void CompositeInstrumentSubscription::LogThrown(const char* doing) const noexcept
+{
+    zel::logging::Log(30, LogSource(),
+                      [&](std::ostream& text)
+                      {
+                          text << GetDefinition().ToString() << ": " << doing << " as " << m_symbol << " threw: ";
+                          try
+                          {
+                              throw;
+                          }
+                          catch (const std::exception& error)
+                          {
+                              text << error.what();
+                          }
+                          catch (...)
+                          {
+                              text << "something that is no exception";
+                          }
+                      });
+}
+
+void CompositeInstrumentSubscription::Unsubscribe(Component& component, bool forSymbolChange) noexcept
+{
+    const std::shared_ptr<ComponentLink> link = std::move(component.link);
+    component.link.reset();
+    if (link == nullptr)
+    {
+        return;
+    }
+    link->Detach(forSymbolChange);
+    try
+    {
+        if (IPriceProvider* const provider = m_simpleSubscriptionMgr->FindProvider(component.provider))
+        {
+            provider->Unsubscribe(link);
+        }
+    }
+    catch (...)
+    {
+        LogThrown("unsubscribing");
+        link->OnUnsubscribed(false);
+    }
+}
+
+void CompositeInstrumentSubscription::UnsubscribeComponents() noexcept
+{
+    m_isEnding = true;
+    m_lifeState = DirectUnsubscribed;
+    m_core->Silence();
+    for (Component& component : m_components)
+    {
+        Unsubscribe(component, false);
+    }
+    m_gate->BeginTeardown();
+}
+
+void CompositeInstrumentSubscription::SubscribeAnew(CompositeComponentType::Type type)
+{
+    std::string why;
+    if (Subscribe(type, why) == SubscribeStatus::Failed)
+    {
+        zel::logging::Log(20, LogSource(),
+                          [&](std::ostream& text)
+                          {
+                              text << GetDefinition().ToString() << ": component " << static_cast<int>(type)
+                                   << " could not be subscribed again as " << GetComponentSymbol(type, m_symbol) << ": "
+                                   << (why.empty() ? "the provider refused" : why);
+                          });
+        m_core->OnAnswer(type, SubscriptionResult::DirectSubscriptionFailed, PriceFormat{});
+    }
+}
+
+void CompositeInstrumentSubscription::SwitchProvider(CompositeComponentType::Type type, ProviderType::Value provider)
+{
+    if (m_isEnding)
+    {
+        return;
+    }
+    if (type == CompositeComponentType::Direct)
+    {
+        m_provider = provider;
+    }
+    for (const auto other : kComponentTypes)
+    {
+        Component& component = Get(other);
+        const ProviderType::Value before = component.provider;
+        if (other == type)
+        {
+            component.provider = provider;
+            component.isDecided = true;
+        }
+        else if (component.isWanted && !component.isDecided)
+        {
+            DecideProvider(other); // what was undecided with it may be decided now
+        }
+        const bool isSame = component.provider == before && component.link != nullptr;
+        if (!component.isWanted || isSame || !component.isDecided || m_lifeState == DirectUnsubscribed)
+        {
+            continue;
+        }
+        if (component.link != nullptr)
+        {
+            const ProviderType::Value after = std::exchange(component.provider, before);
+            Unsubscribe(component, false);
+            component.provider = after;
+        }
+        if (other == type || before != component.provider)
+        {
+            SubscribeAnew(other);
+        }
+    }
+}
+
+void CompositeInstrumentSubscription::UnsubscribeDirect(UnsubscribeAnswer answer) noexcept
+{
+    m_lifeState = DirectUnsubscribed;
+    m_gate->BeginChange(m_simpleSubscriptionMgr->GetSymbolChangeGroups().Get(GetDefinition().marketId, m_symbol),
+                        [answer = std::move(answer), id = CompositeInstrumentID(GetDefinition())](bool ok)
+                        { answer(id, ok); });
+    for (Component& component : m_components)
+    {
+        Unsubscribe(component, true);
+    }
+    m_gate->FinishExpecting();
+}
+
+void CompositeInstrumentSubscription::ResubscribeDirect(const std::string& newSymbol) noexcept
+{
+    m_simpleSubscriptionMgr->GetSymbolChangeGroups().Drop(GetDefinition().marketId, m_symbol);
+    m_symbol = newSymbol;
+    if (!m_isEnding)
+    {
+        m_lifeState = Active;
+        for (const auto type : kComponentTypes)
+        {
+            if (!Get(type).isWanted)
+            {
+                continue;
+            }
+            try
+            {
+                SubscribeAnew(type);
+            }
+            catch (...)
+            {
+                LogThrown("subscribing again");
+            }
+        }
+    }
+    m_gate->EndChange();
+}
+
+// --- Delivery --------------------------------------------------------------------------------------------------------
+
+void CompositeInstrumentSubscription::GenerateMergedSnapshotViaExecutor(GenerateSnapshotReason reason)
+{
+    m_core->GenerateSnapshot(static_cast<std::uint32_t>(reason), std::exchange(m_directClientWaits, false));
+}
+
+void CompositeInstrumentSubscription::RunViaExecutor(std::function<void()> task)
+{
+    m_core->RunViaExecutor(std::move(task));
+    // Data may follow the last of the answers that are replayed to a client who has just joined.
+    if (m_joining.replaysToCome != 0 && --m_joining.replaysToCome == 0)
+    {
+        m_core->ActivateClient(std::move(m_joining.client), m_joining.hadSnapshot);
+    }
+}
+
+// --- What the manager reads ------------------------------------------------------------------------------------------
+
+SubscriptionResult::Value
+CompositeInstrumentSubscription::GetSubscribeResult(CompositeComponentType::Type component) const
+{
+    return m_answersAtJoin[static_cast<std::size_t>(component)].result;
+}
+
+const PriceFormat& CompositeInstrumentSubscription::GetPriceFormat(CompositeComponentType::Type component) const
+{
+    return m_answersAtJoin[static_cast<std::size_t>(component)].format;
+}
+
+std::string CompositeInstrumentSubscription::GetCountsAsString() const
+{
+    const CallbackCounts& counts = m_core->GetCounts();
+    return "books=" + std::to_string(counts.books.load()) + " trades=" + std::to_string(counts.trades.load()) +
+           " customFields=" + std::to_string(counts.customFields.load());
+}
+
+void CompositeInstrumentSubscription::Describe(std::ostream& out) const
+{
+    out << GetDefinition().ToString() << " subscribedAs=" << m_symbol << " handle=" << m_handle
+        << " provider=" << static_cast<int>(m_provider) << " state=" << static_cast<int>(m_lifeState)
+        << " scopes=" << m_scopes.size() << " mergedScope " << m_mergedScope << " " << GetCountsAsString();
+}
+
+} // namespace ps_ns

@@ -1,0 +1,165 @@
+#pragma once
+
+#include "composite_instrument/i_composite_price_observer.h"
+#include "composite_instrument/i_flexible_price_observer.h"
+#include "price_unifier/source/book_merger.h"
+#include "price_unifier/source/client_scope.h"
+#include "simple_subscription/book_update.h"
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
+
+namespace ps_ns
+{
+
+class CompositeSubscriptionMgr;
+class ICompositePriceFactory;
+
+/// How often the observers of one composite subscription were called back with data. From any thread.
+struct CallbackCounts
+{
+    std::atomic<std::uint64_t> books{0};
+    std::atomic<std::uint64_t> trades{0};
+    std::atomic<std::uint64_t> customFields{0};
+};
+
+/// The part of a composite subscription that runs on its executor: merges what the components deliver and hands it to
+/// the subscription's own observer, once for each change, and then to each flexible client with its own depth and
+/// interval. Everybody who wants the same depth gets the same object.
+///
+/// Threads: the executor's only, but for the counts.
+///
+/// Conflation: a recipient with an interval gets at most one book in that time, and the newest one when it is over. Its
+/// own observer goes by the merged scope's interval. Trades are never conflated.
+class PriceDelivery
+{
+public:
+    using Clock = std::chrono::steady_clock;
+    /// Makes a timer that runs a function on the executor.
+    using MakeTimer = std::function<std::shared_ptr<AsyncTask>(const char* name, std::function<void()> onExpiry)>;
+
+    struct Settings
+    {
+        bool skipUnchangedSnapshots = false; ///< a book that shows the same as the last one is not delivered again
+        unsigned emptySuppressInterval_ms = 0;
+        unsigned monitoringInterval_sec = 0; ///< 0: off
+    };
+
+    PriceDelivery(const CompositeInstrumentDef& def, std::shared_ptr<ICompositePriceObserver> observer,
+                  CompositeSubscriptionMgr* manager, const CompositeSubscriptionInfo& scope, const Settings& settings,
+                  MakeTimer makeTimer, std::function<Clock::time_point()> now);
+    ~PriceDelivery();
+    PriceDelivery(const PriceDelivery&) = delete;
+    PriceDelivery& operator=(const PriceDelivery&) = delete;
+
+    // --- Clients ---
+
+    void AddClient(const std::shared_ptr<ClientScope>& client);
+    /// Data may go to the client from now on; `sendImage`: the present book at once.
+    void ActivateClient(ClientScope& client, bool sendImage);
+    void RemoveClient(const ClientScope& client);
+    void ChangeClient(ClientScope& client, const CompositeSubscriptionInfo& info);
+    /// Another merged scope: what the recipients see is cut and sent anew.
+    void SetMergedScope(const CompositeSubscriptionInfo& scope);
+    /// The present book to who waits for an image, and to the own observer if `toOwnObserver`.
+    void GenerateSnapshot(std::uint32_t reason, bool toOwnObserver);
+
+    // --- What the components deliver ---
+
+    /// A component's answer: told to the own observer and to each client who has not got it by replay.
+    void OnAnswer(CompositeComponentType::Type component, ps_messages_ns::SubscriptionResult::Value result,
+                  const PriceFormat& format, const CompositeSubscriptionState& state);
+    void OnBook(CompositeComponentType::Type component, const BookUpdate& update);
+    void OnTrades(CompositeComponentType::Type component, const std::shared_ptr<const std::vector<Trade>>& trades);
+    void OnCustomFields(const std::shared_ptr<const CustomFields>& fields);
+
+    /// The component is subscribed anew (another provider, another symbol): its book stays until the new image replaces
+    /// it, and only an image can come first. `subscriptionEpoch` is what merged books carry from that image on.
+    void ExpectImage(CompositeComponentType::Type component, std::uint64_t subscriptionEpoch);
+
+    bool HasSnapshot() const noexcept { return m_current != nullptr; }
+    const CallbackCounts& GetCounts() const noexcept { return m_counts; }
+
+    /// Called when a component falls silent or speaks again.
+    std::function<void(bool isStale)> onStaleChanged;
+
+private:
+    struct Component
+    {
+        bool isWanted = false;
+        bool isAnswered = false; ///< with success
+        bool hasImage = false;
+        bool expectsImage = true;
+        bool isStale = false;
+        std::uint64_t epoch = 0;             ///< the provider's
+        std::uint64_t subscriptionEpoch = 0; ///< the subscription's, once the image is there
+        Clock::time_point lastSpoke{};
+        std::uint64_t lastReceiveTime_ns = 0;
+        ps_messages_ns::SubscriptionResult::Value toldResult = ps_messages_ns::SubscriptionResult::None;
+        PriceFormat toldFormat;
+    };
+
+    /// The merged book as clients of one depth see it.
+    struct DepthView
+    {
+        std::uint32_t depth;
+        std::shared_ptr<const MergedOrderBook> source; ///< what `book` was cut from
+        std::shared_ptr<const MergedOrderBook> book;
+    };
+
+    Component& Get(CompositeComponentType::Type component) { return m_components[static_cast<std::size_t>(component)]; }
+
+    std::shared_ptr<MergedOrderBook> MergeBook(std::uint32_t reason) const;
+    void Publish();
+    bool HoldsBackEmpty(const MergedOrderBook& book);
+    void Deliver();
+    void DeliverOwn();
+    void DeliverTo(const std::shared_ptr<ClientScope>& client);
+    /// True when the recipient may have a book now; otherwise its timer is armed to run `later`.
+    bool IsDue(DeliveryPace& pace, unsigned interval_ms, std::function<void()> later);
+    void SendOwn(const std::shared_ptr<const MergedOrderBook>& book);
+    void Send(ClientScope& client, const std::shared_ptr<const MergedOrderBook>& book);
+    const std::shared_ptr<const MergedOrderBook>& GetView(std::int32_t depth);
+    void DropUnusedViews();
+
+    void NoteSpoken(Component& component, std::uint64_t receiveTime_ns);
+    void ArmMonitor();
+    void OnMonitor();
+    template <class Call>
+    void Timed(bool isTrade, const Call& call);
+
+    const CompositeInstrumentDef& m_def; ///< the core's
+    const std::shared_ptr<ICompositePriceObserver> m_observer;
+    CompositeSubscriptionMgr* const m_manager;
+    const std::shared_ptr<ICompositePriceFactory> m_factory;
+    const Settings m_settings;
+    const MakeTimer m_makeTimer;
+    const std::function<Clock::time_point()> m_now;
+
+    CompositeSubscriptionInfo m_scope; ///< the merged one
+    std::array<Component, CompositeComponentType::kCount> m_components;
+    BookMerger m_merger;
+    std::shared_ptr<const MergedOrderBook> m_current; ///< the newest; null: none yet
+    std::uint64_t m_sequence = 0;
+    std::uint64_t m_exchangeTime_ns = 0;
+    std::uint64_t m_receiveTime_ns = 0;
+    std::uint64_t m_venueSequence = 0;
+    double m_lastTradePrice;
+
+    DeliveryPace m_ownPace;
+    std::vector<std::shared_ptr<ClientScope>> m_clients;
+    std::vector<DepthView> m_views;
+
+    std::shared_ptr<AsyncTask> m_emptyTimer;
+    bool m_holdsBackEmpty = false;
+    std::shared_ptr<AsyncTask> m_monitorTimer;
+
+    CallbackCounts m_counts;
+};
+
+} // namespace ps_ns

@@ -1,0 +1,46 @@
+#pragma once
+
+#include "async/executor.h"
+
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <vector>
+
+namespace ps_ns::testing
+{
+
+/// Strands whose tasks run when the test says so, on the test's thread. Each executor keeps its own order; which
+/// executor runs next is the test's choice.
+///
+/// Threads: one.
+class HandDrivenExecutors final : public IExecutorFactory
+{
+public:
+    HandDrivenExecutors();
+    /// Destroys what has not run.
+    ~HandDrivenExecutors() override;
+
+    std::shared_ptr<Executor> MakeExecutor() override;
+
+    std::size_t GetExecutorCount() const noexcept { return m_queues.size(); }
+    std::size_t GetWaiting(std::size_t executor) const { return m_queues[executor]->size(); }
+    std::size_t GetWaiting() const;
+
+    /// Runs the oldest task of an executor; false when it has none. What the task throws comes out.
+    bool RunOne(std::size_t executor);
+    /// Runs everything, and what that posts; returns how many tasks ran.
+    std::size_t RunAll();
+    /// Destroys everything that waits; later posts are destroyed at once.
+    void Stop();
+
+    static bool IsInsideTask() noexcept;
+
+private:
+    using Queue = std::deque<std::function<void()>>;
+    std::vector<std::shared_ptr<Queue>> m_queues;
+    std::shared_ptr<bool> m_isStopped;
+};
+
+} // namespace ps_ns::testing
