@@ -1,0 +1,145 @@
+#include "price_unifier/source/unsubscribe_gate.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+using namespace ps_ns;
+
+namespace
+{
+
+using Events = std::vector<std::string>;
+
+class UnsubscribeGateTest : public ::testing::Test
+{
+protected:
+    std::shared_ptr<UnsubscribeGate> MakeGate(const std::string& name)
+    {
+        return std::make_shared<UnsubscribeGate>([this, name] { events.push_back(name + " completed"); });
+    }
+    /// Begins a change that expects one answer.
+    void BeginChange(UnsubscribeGate& gate, const std::string& name)
+    {
+        gate.BeginChange(group, [this, name](bool ok) { events.push_back(name + (ok ? " ok" : " failed")); });
+        gate.Expect(true);
+        gate.FinishExpecting();
+    }
+
+    Events events;
+    std::shared_ptr<SymbolChangeGroup> group = std::make_shared<SymbolChangeGroup>();
+};
+
+} // namespace
+
+TEST_F(UnsubscribeGateTest, CompletesAtOnceWhenNothingIsOwed)
+{
+    MakeGate("A")->BeginTeardown();
+    EXPECT_EQ(events, Events{"A completed"});
+}
+
+TEST_F(UnsubscribeGateTest, CompletesOnceWithTheLastAnswer)
+{
+    const auto gate = MakeGate("A");
+    gate->Expect(false);
+    gate->Expect(false);
+    gate->OnAnswer(false, true);
+    gate->BeginTeardown();
+    EXPECT_TRUE(events.empty());
+    gate->OnAnswer(false, false); // a failed answer is an answer
+    gate->BeginTeardown();
+    EXPECT_EQ(events, Events{"A completed"});
+}
+
+TEST_F(UnsubscribeGateTest, DoesNotCompleteBeforeTheTeardown)
+{
+    const auto gate = MakeGate("A");
+    gate->Expect(false);
+    gate->OnAnswer(false, true);
+    EXPECT_TRUE(events.empty());
+}
+
+TEST_F(UnsubscribeGateTest, AnswersAChangeThatOwesNothingAtOnce)
+{
+    const auto gate = MakeGate("A");
+    gate->BeginChange(group, [this](bool ok) { events.push_back(ok ? "ok" : "failed"); });
+    EXPECT_TRUE(events.empty());
+    gate->FinishExpecting();
+    EXPECT_EQ(events, Events{"ok"});
+}
+
+TEST_F(UnsubscribeGateTest, HoldsTheCompletionBackUntilTheChangeHasResubscribed)
+{
+    const auto gate = MakeGate("A");
+    BeginChange(*gate, "A");
+    gate->BeginTeardown();
+    gate->OnAnswer(true, true);
+    EXPECT_EQ(events, Events{"A ok"});
+    gate->EndChange();
+    EXPECT_EQ(events, (Events{"A ok", "A completed"}));
+}
+
+TEST_F(UnsubscribeGateTest, CompletesAfterItsOwnFailedAnswer)
+{
+    const auto gate = MakeGate("A");
+    BeginChange(*gate, "A");
+    gate->BeginTeardown();
+    gate->OnAnswer(true, false);
+    EXPECT_EQ(events, (Events{"A failed", "A completed"}));
+}
+
+TEST_F(UnsubscribeGateTest, CompletesAfterASiblingsFailureButNotBeforeItsOwnAnswer)
+{
+    const auto a = MakeGate("A");
+    const auto b = MakeGate("B");
+    const auto c = MakeGate("C");
+    BeginChange(*a, "A");
+    BeginChange(*b, "B");
+    BeginChange(*c, "C");
+    a->BeginTeardown();
+    b->BeginTeardown();
+    b->OnAnswer(true, true);
+    EXPECT_EQ(events, Events{"B ok"});
+    c->OnAnswer(true, false);
+    EXPECT_EQ(events, (Events{"B ok", "C failed", "B completed"}));
+    a->OnAnswer(true, true);
+    EXPECT_EQ(events, (Events{"B ok", "C failed", "B completed", "A ok", "A completed"}));
+}
+
+TEST_F(UnsubscribeGateTest, HoldsNothingBackForASiblingThatJoinsAfterTheFailure)
+{
+    const auto a = MakeGate("A");
+    BeginChange(*a, "A");
+    a->OnAnswer(true, false);
+    const auto b = MakeGate("B");
+    BeginChange(*b, "B");
+    b->BeginTeardown();
+    b->OnAnswer(true, true);
+    EXPECT_EQ(events, (Events{"A failed", "B ok", "B completed"}));
+}
+
+TEST_F(UnsubscribeGateTest, WaitsForAnswersOutsideTheChangeToo)
+{
+    const auto gate = MakeGate("A");
+    gate->Expect(false); // a provider switch
+    BeginChange(*gate, "A");
+    gate->OnAnswer(true, true);
+    EXPECT_EQ(events, Events{"A ok"});
+    gate->BeginTeardown();
+    gate->EndChange();
+    EXPECT_EQ(events, Events{"A ok"});
+    gate->OnAnswer(false, false);
+    EXPECT_EQ(events, (Events{"A ok", "A completed"}));
+}
+
+TEST_F(UnsubscribeGateTest, SaysNothingOnceDisarmed)
+{
+    const auto gate = MakeGate("A");
+    BeginChange(*gate, "A");
+    gate->Disarm();
+    gate->OnAnswer(true, true);
+    gate->EndChange();
+    gate->BeginTeardown();
+    EXPECT_TRUE(events.empty());
+}
