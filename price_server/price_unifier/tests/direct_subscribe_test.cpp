@@ -21,14 +21,16 @@ class DirectSubscribe : public ::testing::Test
 {
 protected:
     /// The line that a successful direct subscribe of market 1's default depth writes.
-    static std::string ExecutedLine(const CompositeInstrumentDef& instrument, unsigned long handle, const std::string& name,
+    static std::string ExecutedLine(const CompositeInstrumentDef& instrument, unsigned long handle,
+                                    const std::string& name,
                                     const std::string& scope = "depth=5 interval=0 trades=0 customFields=0")
     {
         return LogLine(10, "SPLUNK_IGNORE | CompositeSubscriptionMgr: Subscribe request for instrument " +
                                instrument.ToString() + " handle=" + std::to_string(handle) + " (observer=" + name +
                                ") compositeSubscriptionInfo " + scope + " executed");
     }
-    static std::string FailedLine(const CompositeInstrumentDef& instrument, const std::string& name, const std::string& why)
+    static std::string FailedLine(const CompositeInstrumentDef& instrument, const std::string& name,
+                                  const std::string& why)
     {
         return LogLine(20, "CompositeSubscriptionMgr: Subscription for instrument " + instrument.ToString() +
                                " (observer=" + name + ") failed when making the direct subscription. Details: " + why);
@@ -90,9 +92,8 @@ TEST_F(DirectSubscribe, RefusesASecondDirectClientOfTheSameInstrument)
     const auto second = bench.MakeObserver("B");
     EXPECT_EQ(bench.manager->Subscribe(def, {}, first, 7), Answer(1, SubscriptionResult::Accepted));
     EXPECT_EQ(bench.manager->Subscribe(def, {}, second, 8), Answer(0, SubscriptionResult::Refused));
-    EXPECT_EQ(bench.events.Take(),
-              Events{LogLine(30, "CompositeSubscriptionMgr: Subscribe request for instrument " + def.ToString() +
-                                     " (observer=B) rejected as a duplicate")});
+    EXPECT_EQ(bench.events.Take(), Events{LogLine(30, "CompositeSubscriptionMgr: Subscribe request for instrument " +
+                                                          def.ToString() + " (observer=B) rejected as a duplicate")});
     EXPECT_EQ(bench.queue.GetWaiting(), 1U);
     EXPECT_EQ(std::get<1>(bench.Access().SubscriptionByHandle().at(1)), first);
     EXPECT_EQ(bench.manager->Subscribe(MakeDef("Y"), {}, second, 8), Answer(2, SubscriptionResult::Accepted));
@@ -116,9 +117,9 @@ TEST_F(DirectSubscribe, RefusesASyntheticAfterTheBookkeepingAndTakesNothingBack)
     const auto observer = bench.MakeObserver("A");
     EXPECT_EQ(bench.manager->Subscribe(def, {}, observer, 7), Answer(1, SubscriptionResult::Accepted));
     EXPECT_EQ(bench.manager->Subscribe(synthetic, {}, observer, 7), Answer(0, SubscriptionResult::Refused));
-    EXPECT_EQ(bench.events.Take(),
-              Events{LogLine(30, 0, "CompositeSubscriptionMgr: UnifierSynthetic. request for " + synthetic.ToString() +
-                                        " not supported on windows or KEEL SDK")});
+    EXPECT_EQ(bench.events.Take(), Events{LogLine(30, 0,
+                                                  "CompositeSubscriptionMgr: UnifierSynthetic. request for " +
+                                                      synthetic.ToString() + " not supported on windows or KEEL SDK")});
     EXPECT_EQ(bench.Access().HandleByInstrument().at(CompositeInstrumentID(synthetic)), 2U);
     EXPECT_EQ(std::get<1>(bench.Access().SubscriptionByHandle().at(2)), observer);
     EXPECT_EQ(bench.queue.GetWaiting(), 1U);
@@ -133,9 +134,9 @@ TEST_F(DirectSubscribe, RefusesARepeatedSyntheticAsADuplicateFirst)
     bench.events.Clear();
     EXPECT_EQ(bench.manager->Subscribe(synthetic, {}, bench.MakeObserver("A"), 7),
               Answer(0, SubscriptionResult::Refused));
-    EXPECT_EQ(bench.events.Take(), Events{LogLine(30, "CompositeSubscriptionMgr: Subscribe request for instrument " +
-                                                          synthetic.ToString() +
-                                                          " (observer=A) rejected as a duplicate")});
+    EXPECT_EQ(bench.events.Take(),
+              Events{LogLine(30, "CompositeSubscriptionMgr: Subscribe request for instrument " + synthetic.ToString() +
+                                     " (observer=A) rejected as a duplicate")});
 }
 
 TEST_F(DirectSubscribe, KeepsTheOldEntryOfAHandleThatIsFiledAlready)
@@ -161,8 +162,7 @@ TEST_F(DirectSubscribe, ReplacesTheDepthSentinelsByTheMarketsDepths)
                       "zel.Subscribe T component=0 depth=100 interval=0 trades=0 customFields=0"}));
     const Events lines = bench.events.Filter("log 10");
     ASSERT_EQ(lines.size(), 4U);
-    EXPECT_EQ(lines[1],
-              ExecutedLine(MakeDef("M"), 2, "A", "depth=20 interval=0 trades=0 customFields=1"));
+    EXPECT_EQ(lines[1], ExecutedLine(MakeDef("M"), 2, "A", "depth=20 interval=0 trades=0 customFields=1"));
 }
 
 TEST_F(DirectSubscribe, ParksASubscriptionWhoseProviderIsUndecidedAndCountsIt)

@@ -16,7 +16,10 @@ namespace
 
 using Events = std::vector<std::string>;
 
-std::string Export() { return prometheus::TextSerializer().Serialize(zel::metrics::GetCollectable()->Collect()); }
+std::string Export()
+{
+    return prometheus::TextSerializer().Serialize(zel::metrics::GetCollectable()->Collect());
+}
 
 } // namespace
 
@@ -29,7 +32,8 @@ TEST(ManagerMetrics, ExportFiveGaugesWithTheirHelpTexts)
           "# HELP unifier_subscriptions_zel number of subscriptions using the ZEL provider\n",
           "# HELP unifier_subscriptions_mds number of subscriptions using the in-process MDS provider\n",
           "# HELP unifier_subscriptions_synthetic number of subscriptions using the unifier synthetics feature\n",
-          "# HELP unifier_subscriptions_synthetic_flexible number of subscriptions using the unifier synthetics feature "
+          "# HELP unifier_subscriptions_synthetic_flexible number of subscriptions using the unifier synthetics "
+          "feature "
           "on the flexible api\n"})
     {
         EXPECT_NE(page.find(text), std::string::npos) << text << page;

@@ -88,8 +88,7 @@ TEST_F(PriceDeliveryTest, IgnoresChangesOfAnEpochThatItsImageHasNotOpened)
     bench->zel->NextEpoch();
     bench->zel->SendChange("X", {{kBid, "8", "2"}});
     bench->zel->SendImage("X", {{kBid, "9", "1"}});
-    EXPECT_EQ(Delivered(),
-              (Events{"A.OnOrderBook X 10x2+0 |  @executor", "A.OnOrderBook X 9x1+0 |  @executor"}));
+    EXPECT_EQ(Delivered(), (Events{"A.OnOrderBook X 10x2+0 |  @executor", "A.OnOrderBook X 9x1+0 |  @executor"}));
 }
 
 TEST_F(PriceDeliveryTest, CutsTheBookToTheScopesDepth)
@@ -203,14 +202,15 @@ TEST_F(PriceDeliveryTest, GivesUpADirectSubscriptionWithItsHandleAndDeliversNoth
     bench->zel->SendImage("X", {{kBid, "10", "2"}}); // posted, and not delivered yet
     EXPECT_TRUE(bench->manager->Unsubscribe(handle));
     bench->queue.RunAll();
-    EXPECT_EQ(Delivered(), (Events{
-                               LogLine(10, "SPLUNK_IGNORE | CompositeSubscriptionMgr: Unsubscribe request for instrument " +
-                                               def.ToString() +
-                                               " handle=1 (observer=A) executed. instrument_callbacks books=0 trades=0 "
-                                               "customFields=0"),
-                               "zel.Unsubscribe X",
-                               "zel.Unsubscribe IM_X",
-                           }));
+    EXPECT_EQ(Delivered(),
+              (Events{
+                  LogLine(10, "SPLUNK_IGNORE | CompositeSubscriptionMgr: Unsubscribe request for instrument " +
+                                  def.ToString() +
+                                  " handle=1 (observer=A) executed. instrument_callbacks books=0 trades=0 "
+                                  "customFields=0"),
+                  "zel.Unsubscribe X",
+                  "zel.Unsubscribe IM_X",
+              }));
     EXPECT_EQ(bench->simple->GetRegistry().GetSize(), 1U);
     bench->zel->AnswerUnsubscribe("X");
     bench->Run();
@@ -289,14 +289,15 @@ TEST_F(PriceDeliveryTest, RetargetsTheProvidersAndSendsABookOfTheNewDepth)
     bench->Run();
     bench->events.Clear();
     EXPECT_TRUE(bench->manager->ChangeScope(handle, {2, 0, false, false}, 1, false));
-    EXPECT_EQ(Delivered(),
-              (Events{
-                  LogLine(10, "SPLUNK_IGNORE | CompositeSubscriptionMgr: ChangeScope request for instrument " +
-                                  def.ToString() +
-                                  " handle=1 (observer=A) executed. PreviousSubscriptionInfo depth=1 interval=0 trades=0 "
-                                  "customFields=0 NewSubscriptionInfo depth=2 interval=0 trades=0 customFields=0"),
-                  "zel.ChangeScope X depth=2 interval=0 trades=0 customFields=0",
-                  "zel.ChangeScope IM_X depth=2 interval=0 trades=0 customFields=0",
-                  "A.OnOrderBook X 10x1+0 9x1+0 |  @executor",
-              }));
+    EXPECT_EQ(
+        Delivered(),
+        (Events{
+            LogLine(10, "SPLUNK_IGNORE | CompositeSubscriptionMgr: ChangeScope request for instrument " +
+                            def.ToString() +
+                            " handle=1 (observer=A) executed. PreviousSubscriptionInfo depth=1 interval=0 trades=0 "
+                            "customFields=0 NewSubscriptionInfo depth=2 interval=0 trades=0 customFields=0"),
+            "zel.ChangeScope X depth=2 interval=0 trades=0 customFields=0",
+            "zel.ChangeScope IM_X depth=2 interval=0 trades=0 customFields=0",
+            "A.OnOrderBook X 10x1+0 9x1+0 |  @executor",
+        }));
 }

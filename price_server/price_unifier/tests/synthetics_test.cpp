@@ -13,7 +13,10 @@ namespace
 
 using Events = std::vector<std::string>;
 
-Submarket SubmarketOf(const std::string& exchange) { return GetSyntheticExecutorSubmarket(MakeSyntheticDef("S", exchange, 2)); }
+Submarket SubmarketOf(const std::string& exchange)
+{
+    return GetSyntheticExecutorSubmarket(MakeSyntheticDef("S", exchange, 2));
+}
 
 CompositeInstrumentDef WithFirstLegOfKind(std::uint32_t kind)
 {
@@ -84,9 +87,10 @@ TEST(SyntheticExecutor, IsEmptyAndLoggedWhenThereIsNone)
     const CompositeInstrumentDef def = MakeSyntheticDef("S", "ICE_L", 99);
     EXPECT_EQ(bench.manager->GetSyntheticExecutor(def), nullptr);
     EXPECT_EQ(bench.events.Take(),
-              Events{LogLine(30, 0, "CompositeSubscriptionMgr: UnifierSynthetic. no executor for leg0 submarket="
-                                    "market_id=99 submarket_id=1 " +
-                                        def.ToString())});
+              Events{LogLine(30, 0,
+                             "CompositeSubscriptionMgr: UnifierSynthetic. no executor for leg0 submarket="
+                             "market_id=99 submarket_id=1 " +
+                                 def.ToString())});
 }
 
 TEST(SyntheticSupport, NeedsAFinalProviderOtherThanMdsAndLegs)
@@ -106,8 +110,9 @@ TEST(FlexibleSynthetic, SubscribeWritesOneLineAndCallsNobody)
     ManagerBench bench;
     const CompositeInstrumentDef def = MakeSyntheticDef("S");
     bench.manager->FlexibleSyntheticSubscribe(def, {}, bench.factory, bench.MakeFlexibleObserver("F"), 7);
-    EXPECT_EQ(bench.events.Take(), Events{LogLine(30, 0, "CompositeSubscriptionMgr: UnifierSynthetic. request for " +
-                                                             def.ToString() + " not supported on windows")});
+    EXPECT_EQ(bench.events.Take(), Events{LogLine(30, 0,
+                                                  "CompositeSubscriptionMgr: UnifierSynthetic. request for " +
+                                                      def.ToString() + " not supported on windows")});
     bench.Run();
     EXPECT_EQ(bench.events.Take(), Events{});
 }
