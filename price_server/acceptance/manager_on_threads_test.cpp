@@ -1,4 +1,5 @@
 #include "async/thread_pool.h"
+#include "common/channel_task.h"
 #include "common/queue_reader.h"
 #include "composite_price/default_composite_price_factory.h"
 #include "config/config.h"
@@ -11,6 +12,7 @@
 
 #include <atomic>
 #include <barrier>
+#include <future>
 #include <random>
 #include <thread>
 
@@ -53,6 +55,17 @@ public:
     std::atomic<std::uint64_t> refusals{0};
     std::atomic<std::uint64_t> missing{0};
 };
+
+/// Returns when a task posted behind everything else has found nothing behind it: actions post actions.
+void RunBehindEverything(DataQueue<DataMsgTask>& queue)
+{
+    for (bool isDry = false; !isDry;)
+    {
+        std::promise<bool> foundNothing;
+        queue.insert(new ChannelTask<Task>([&] { foundNothing.set_value(queue.size() == 0); }, "dry"));
+        isDry = foundNothing.get_future().get();
+    }
+}
 
 } // namespace
 
@@ -130,6 +143,7 @@ TEST(ManagerOnThreads, SurvivesDirectClientsThatComeAndGoUnderAFullSpeedFeed)
     last.instrument = {entries.front().symbol, entries.front().exchange};
     last.instrumentId = 1000;
     manager->Subscribe(last, {5, 0, true, false}, observer, 1);
+    RunBehindEverything(queue);
     const std::uint64_t before = observer->books.load();
     while (observer->books.load() < before + 100)
     {
@@ -139,6 +153,7 @@ TEST(ManagerOnThreads, SurvivesDirectClientsThatComeAndGoUnderAFullSpeedFeed)
     // The server's stopping order.
     manager->Shutdown();
     provider->Stop();
+    RunBehindEverything(queue);
     queue.shutdown();
     reader.Stop();
     RunDry(queue);
