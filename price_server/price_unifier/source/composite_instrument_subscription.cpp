@@ -443,6 +443,10 @@ void CompositeInstrumentSubscription::UnsubscribeDirect(UnsubscribeAnswer answer
 
 void CompositeInstrumentSubscription::ResubscribeDirect(const std::string& newSymbol) noexcept
 {
+    if (m_lifeState == Active)
+    {
+        return; // subscribed again already
+    }
     m_simpleSubscriptionMgr->GetSymbolChangeGroups().Drop(GetDefinition().marketId, m_symbol);
     m_symbol = newSymbol;
     if (!m_isEnding)
