@@ -1,5 +1,5 @@
 #include "composite_price/default_composite_price_factory.h"
-#include "composite_price/fixed_point.h"
+#include "composite_price/merged_order_book.h"
 #include "config/config.h"
 #include "mds/mds_provider.h"
 #include "mds/recording_reader.h"

@@ -7,8 +7,7 @@ namespace ps_ns
 
 SubscriptionRegistry::~SubscriptionRegistry()
 {
-    // One at a time, and outside the lock: a subscription's destructor leaves the registry by itself, and may take others
-    // along.
+    // One at a time, and outside the lock: a subscription's destructor leaves the registry by itself.
     for (;;)
     {
         std::unique_ptr<EnrolledSubscription> last;

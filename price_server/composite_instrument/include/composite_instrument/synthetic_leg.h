@@ -29,9 +29,9 @@ struct LegInstrument
     std::int16_t marketId = 0;
     std::int16_t submarketId = 0;
     InstrumentDef def;
-    double ratio = 1.0;           ///< NaN equals nothing, itself included
-    std::uint64_t expiry_ns = 0;  ///< ns since 1970 UTC; 0: none
-    std::uint64_t lotSize = 0;    ///< units in one lot; 0: not known
+    double ratio = 1.0;          ///< NaN equals nothing, itself included
+    std::uint64_t expiry_ns = 0; ///< ns since 1970 UTC; 0: none
+    std::uint64_t lotSize = 0;   ///< units in one lot; 0: not known
 };
 
 /// A leg that is itself a synthetic instrument.

@@ -25,7 +25,10 @@ inline constexpr std::int64_t kQuantityUnitsPerOne = 100'000'000;
 /// The range is symmetric: the smallest 64-bit value has no positive counterpart, and is out of range.
 std::optional<std::int64_t> ParseFixed(std::string_view text, int decimals) noexcept;
 
-inline std::optional<std::int64_t> ParsePrice(std::string_view text) noexcept { return ParseFixed(text, kPriceDecimals); }
+inline std::optional<std::int64_t> ParsePrice(std::string_view text) noexcept
+{
+    return ParseFixed(text, kPriceDecimals);
+}
 inline std::optional<std::int64_t> ParseQuantity(std::string_view text) noexcept
 {
     return ParseFixed(text, kQuantityDecimals);
@@ -34,7 +37,13 @@ inline std::optional<std::int64_t> ParseQuantity(std::string_view text) noexcept
 /// Writes units of 10^-decimals as a plain decimal without trailing zeros: "12.5", "3", "-0.01".
 std::string FormatFixed(std::int64_t units, int decimals);
 
-inline std::string FormatPrice(std::int64_t units) { return FormatFixed(units, kPriceDecimals); }
-inline std::string FormatQuantity(std::int64_t units) { return FormatFixed(units, kQuantityDecimals); }
+inline std::string FormatPrice(std::int64_t units)
+{
+    return FormatFixed(units, kPriceDecimals);
+}
+inline std::string FormatQuantity(std::int64_t units)
+{
+    return FormatFixed(units, kQuantityDecimals);
+}
 
 } // namespace ps_ns

@@ -49,8 +49,8 @@ public:
 
     double lastTradePrice = sbe_common_ns::kNullPrice; ///< of the direct component; null: no trade seen
 
-    std::uint64_t epoch = 0;           ///< grows with each subscribe of the components: first, switch, rename
-    std::uint64_t sequence = 0;        ///< counts the merged books of one subscription; what a client is spared shows as a gap
+    std::uint64_t epoch = 0;    ///< grows with each subscribe of the components: first, switch, rename
+    std::uint64_t sequence = 0; ///< counts the merged books of one subscription; what a client is spared shows as a gap
     std::uint64_t exchangeTime_ns = 0; ///< the venue's clock, ns since 1970 UTC; 0: not known
     std::uint64_t receiveTime_ns = 0;  ///< when the newest update in it reached the provider, ns since 1970 UTC
     std::uint64_t venueSequence = 0;   ///< the venue's id of that update; 0: none
