@@ -36,7 +36,7 @@ Submarket GetSyntheticExecutorSubmarket(const CompositeInstrumentDef& def)
     {
         return {-1, -1};
     }
-    const SyntheticLeg& leg = *def.legs.front();
+    const SyntheticLeg& leg = GetLeg(def.legs.front());
     const bool isInstrument = leg.kind == SyntheticLeg::kInstrument && leg.instrument != nullptr;
     return {leg.GetIdentity().marketId, isInstrument ? GetSubmarketId(leg.instrument->def.exchange) : short{-1}};
 }

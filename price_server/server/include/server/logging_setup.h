@@ -1,0 +1,30 @@
+#pragma once
+
+#include "logging/sinks.h"
+
+#include <memory>
+
+namespace ps_ns
+{
+
+struct LoggingSettings;
+
+/// Has the process log as the settings say, and puts back what was before when it dies; by then everything is written.
+///
+/// Threads: the owner's. One at a time in a process.
+class LoggingSetup
+{
+public:
+    /// Records go to `sink` when it is given, otherwise where the settings say. Throws std::runtime_error, naming the
+    /// file, when it cannot be opened.
+    LoggingSetup(const LoggingSettings& settings, std::shared_ptr<zel::logging::ISink> sink);
+    ~LoggingSetup();
+    LoggingSetup(const LoggingSetup&) = delete;
+    LoggingSetup& operator=(const LoggingSetup&) = delete;
+
+private:
+    const int m_previousLevel;
+    std::shared_ptr<zel::logging::ISink> m_previousSink;
+};
+
+} // namespace ps_ns

@@ -1,0 +1,104 @@
+#pragma once
+
+#include "async/thread_pool.h"
+#include "common/queue_reader.h"
+#include "metrics/metrics.h"
+#include "price_unifier/source/composite_subscription_mgr.h"
+#include "server/client_gate.h"
+#include "server/logging_setup.h"
+#include "server/server_config.h"
+#include "simple_subscription/simple_subscription_mgr.h"
+
+#include <memory>
+#include <vector>
+
+namespace ps_ns
+{
+
+class MdsProvider;
+class PendingCheck;
+class PriceGate;
+
+/// What the one who runs a server decides beside its configuration.
+struct PriceServerOptions
+{
+    std::shared_ptr<zel::logging::ISink> logSink; ///< instead of what the settings say; may be null
+    bool alignsStarts = false;                    ///< files recorded at different times play as if begun together
+    bool holdsPrices = false;                     ///< no message is played before ReleasePrices
+};
+
+/// The server: owns every part of it, starts them, and stops them in the one order that is safe.
+///
+/// Threads: Start and Stop are the owner's and overlap nothing; TryRequest may be called from any thread at any time,
+/// also before Start and after Stop.
+///
+/// Failure: Start throws std::runtime_error when the server cannot run as configured, and leaves nothing running.
+class PriceServer
+{
+public:
+    explicit PriceServer(ServerConfig config, PriceServerOptions options = {});
+    /// Stops.
+    ~PriceServer();
+    PriceServer(const PriceServer&) = delete;
+    PriceServer& operator=(const PriceServer&) = delete;
+
+    /// Once.
+    void Start();
+
+    /// Idempotent. Observers hear nothing more once it has returned.
+    void Stop();
+
+    /// Calls `request` with the manager; false: the server does not run, and nothing was called. Requests are not
+    /// nested.
+    template <class Request>
+    bool TryRequest(Request&& request)
+    {
+        return m_clients.Pass([&] { std::forward<Request>(request)(*m_manager); });
+    }
+
+    const MarketTable& GetMarkets() const noexcept { return m_markets; }
+
+    // The rest is for the owner, between Start and Stop.
+
+    /// All providers know their instruments.
+    bool IsDirectoryComplete() const;
+    /// Their instruments so far.
+    std::vector<DirectoryEntry> GetDirectoryEntries() const;
+    void ReleasePrices();
+    /// No more prices will come: the recording is over, or the feed has failed.
+    bool HasEnded() const;
+    /// Returns when everything that the providers have delivered so far has reached the observers.
+    void DrainExecutors();
+
+private:
+    using Queue = DataQueue<DataMsgTask>;
+
+    void StartAll();
+    void MakeQueue();
+    void MakeProviders();
+    void StartManager();
+    void StartProviders();
+    void RunQueueDry();
+    void StopQueue();
+    void StopExecutors();
+
+    // All are the owner's; a stopped server has null pointers.
+    const ServerConfig m_config;
+    const PriceServerOptions m_options;
+    const MarketTable m_markets;
+    ClientGate m_clients;
+    bool m_readerRuns = false;
+    zel::metrics::Store<zel::metrics::Gauge, 1> m_gauges;
+    std::unique_ptr<LoggingSetup> m_logging;
+    std::shared_ptr<ThreadPool> m_executors;
+    std::shared_ptr<AsyncDispatcher> m_timers;
+    std::shared_ptr<PriceGate> m_priceGate;
+    std::shared_ptr<MdsProvider> m_mds; ///< until its provider has been stopped
+    std::unique_ptr<Queue> m_queue;
+    std::unique_ptr<SimpleSubscriptionMgr> m_simple;
+    std::unique_ptr<CompositeSubscriptionMgr> m_manager;
+    std::unique_ptr<PendingCheck> m_pendingCheck;
+    std::unique_ptr<QueueReader<>> m_reader;
+};
+
+} // namespace ps_ns

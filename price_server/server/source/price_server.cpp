@@ -1,0 +1,192 @@
+#include "server/price_server.h"
+
+#include "common/channel_task.h"
+#include "composite_price/default_composite_price_factory.h"
+#include "mds/mds_provider.h"
+#include "server/mds_wiring.h"
+#include "server/pending_check.h"
+#include "server/price_gate.h"
+
+#include <algorithm>
+#include <future>
+#include <stdexcept>
+#include <utility>
+
+namespace ps_ns
+{
+
+PriceServer::PriceServer(ServerConfig config, PriceServerOptions options)
+    : m_config(std::move(config))
+    , m_options(std::move(options))
+    , m_markets(m_config.markets)
+{
+}
+
+PriceServer::~PriceServer()
+{
+    Stop();
+}
+
+void PriceServer::Start()
+{
+    try
+    {
+        StartAll();
+    }
+    catch (...)
+    {
+        Stop();
+        throw;
+    }
+}
+
+void PriceServer::StartAll()
+{
+    if (m_config.zel || !m_config.mds)
+    {
+        throw std::runtime_error("<Providers> asks for <Zel>, which this version of the server does not have");
+    }
+    m_logging = std::make_unique<LoggingSetup>(m_config.logging, m_options.logSink);
+    m_executors = std::make_shared<ThreadPool>(m_config.executorThreads);
+    m_timers = std::make_shared<AsyncDispatcher>("SimpleSubscriptionMgr");
+    m_simple = std::make_unique<SimpleSubscriptionMgr>(m_markets, m_executors, m_timers);
+    MakeQueue();
+    MakeProviders();
+    StartManager();
+    StartProviders();
+    m_clients.Open();
+}
+
+void PriceServer::MakeQueue()
+{
+    if (m_config.metrics.enabled)
+    {
+        m_gauges.Create(0,
+                        {"data_queue_depth", "number of tasks waiting in a data queue", {{"queue", "price_server"}}});
+    }
+    m_queue = std::make_unique<Queue>("price_server", m_gauges[0]);
+    m_reader = std::make_unique<QueueReader<>>(*m_queue);
+}
+
+void PriceServer::MakeProviders()
+{
+    m_priceGate = std::make_shared<PriceGate>();
+    m_mds = MakeMdsProvider(*m_config.mds, m_markets, m_options.alignsStarts, m_priceGate);
+    m_simple->AddProvider(m_mds);
+}
+
+void PriceServer::StartManager()
+{
+    m_manager = std::make_unique<CompositeSubscriptionMgr>(m_simple.get());
+    m_manager->Init(m_config.config, m_queue.get(), std::make_shared<DefaultCompositePriceFactory>());
+    m_reader->Start();
+    m_readerRuns = true;
+    m_manager->Start();
+    m_pendingCheck = std::make_unique<PendingCheck>(*m_manager, *m_queue);
+    m_pendingCheck->Start();
+}
+
+void PriceServer::StartProviders()
+{
+    if (!m_options.holdsPrices)
+    {
+        m_priceGate->Open();
+    }
+    m_mds->Start();
+}
+
+// The order is what makes the raw pointers between the parts safe: docs/life-cycles.md.
+void PriceServer::Stop()
+{
+    m_clients.Close();
+    if (m_manager != nullptr)
+    {
+        m_manager->Shutdown();
+    }
+    if (m_mds != nullptr)
+    {
+        m_priceGate->Abandon(); // a feed that waits for its clients would not hear that it is to stop
+        m_mds->Stop();
+    }
+    if (m_queue != nullptr)
+    {
+        RunQueueDry();
+        StopQueue();
+    }
+    StopExecutors();
+    m_pendingCheck.reset();
+    m_manager.reset();
+    m_mds.reset();
+    m_simple.reset();
+    m_reader.reset();
+    m_queue.reset();
+    m_timers.reset();
+    m_executors.reset();
+    m_logging.reset();
+}
+
+/// Returns when what was queued, and what that has posted, has run.
+void PriceServer::RunQueueDry()
+{
+    while (m_readerRuns)
+    {
+        const auto hasRun = std::make_shared<std::promise<void>>();
+        m_queue->insert(new ChannelTask<Task>([hasRun] { hasRun->set_value(); }, "RunQueueDry"));
+        hasRun->get_future().wait();
+        if (m_queue->size() == 0)
+        {
+            return;
+        }
+    }
+}
+
+void PriceServer::StopQueue()
+{
+    m_queue->shutdown();
+    m_reader->Stop(); // runs what came in between, and joins
+    m_readerRuns = false;
+    RunDry(*m_queue); // there is no other reader now; a reader that never ran has left everything
+}
+
+void PriceServer::StopExecutors()
+{
+    if (m_timers != nullptr)
+    {
+        m_timers->Shutdown();
+    }
+    if (m_executors != nullptr)
+    {
+        m_executors->Stop();
+    }
+}
+
+bool PriceServer::IsDirectoryComplete() const
+{
+    const auto& markets = m_markets.GetAll();
+    const InstrumentDirectory& directory = m_mds->GetDirectory();
+    return std::all_of(markets.begin(), markets.end(),
+                       [&](const Market& market)
+                       { return !directory.CanKnow(market.id) || directory.IsComplete(market.id); });
+}
+
+std::vector<DirectoryEntry> PriceServer::GetDirectoryEntries() const
+{
+    return m_mds->GetDirectory().GetEntries();
+}
+
+void PriceServer::ReleasePrices()
+{
+    m_priceGate->Open();
+}
+
+bool PriceServer::HasEnded() const
+{
+    return m_mds->HasEnded();
+}
+
+void PriceServer::DrainExecutors()
+{
+    m_executors->Drain();
+}
+
+} // namespace ps_ns
