@@ -2,12 +2,15 @@
 add_library(ps_options INTERFACE)
 add_library(price_server::options ALIAS ps_options)
 
+# A compiler cache may hand the compiler paths that are relative to the build folder.
+file(RELATIVE_PATH source_from_build ${CMAKE_BINARY_DIR} ${PROJECT_SOURCE_DIR})
+
 target_compile_options(ps_options INTERFACE
   -Wall -Wextra -Wpedantic -Werror
   -Wshadow -Wold-style-cast -Wcast-qual -Wnon-virtual-dtor -Woverloaded-virtual
   -Wconversion -Wsign-conversion -Wimplicit-fallthrough
   # Log records and reports name files as the repository does, not as the build machine does.
-  -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+  -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/= -fmacro-prefix-map=${source_from_build}=)
 
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # False reports of g++ 12 at -O2 and above, in the standard library's own inlined string concatenation.

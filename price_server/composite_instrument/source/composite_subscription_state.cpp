@@ -16,7 +16,6 @@ CompositeSubscriptionState::CompositeSubscriptionState(const CompositeSubscripti
     , wantsAggregated(other.wantsAggregated)
     , isStale(other.isStale)
     , provider(other.provider)
-    , updateTime_ns(other.updateTime_ns)
     , activeScopes(other.activeScopes)
     , waitingScopes(other.waitingScopes)
     , epoch(other.epoch)
@@ -34,7 +33,6 @@ CompositeSubscriptionState& CompositeSubscriptionState::operator=(const Composit
         wantsAggregated = other.wantsAggregated;
         isStale = other.isStale;
         provider = other.provider;
-        updateTime_ns = other.updateTime_ns;
         activeScopes = other.activeScopes;
         waitingScopes = other.waitingScopes;
         epoch = other.epoch;

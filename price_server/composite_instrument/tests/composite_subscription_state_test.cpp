@@ -15,7 +15,6 @@ CompositeSubscriptionState MakeLive()
     CompositeSubscriptionState state(std::array<bool, 3>{true, false, true});
     state.isStale = true;
     state.provider = 1;
-    state.updateTime_ns = 123;
     state.activeScopes[7] = {CompositeSubscriptionInfo{5, 0, true, false}, nullptr};
     state.waitingScopes[8] = {CompositeSubscriptionInfo{6, 100, false, true}, nullptr};
     state.epoch = 3;
@@ -31,7 +30,6 @@ void ExpectACopy(const CompositeSubscriptionState& copy)
     EXPECT_TRUE(copy.wantsAggregated);
     EXPECT_TRUE(copy.isStale);
     EXPECT_EQ(copy.provider, 1);
-    EXPECT_EQ(copy.updateTime_ns, 123);
     ASSERT_EQ(copy.activeScopes.count(7), 1U);
     EXPECT_EQ(std::get<0>(copy.activeScopes.at(7)), (CompositeSubscriptionInfo{5, 0, true, false}));
     ASSERT_EQ(copy.waitingScopes.count(8), 1U);

@@ -17,7 +17,7 @@ class IFlexiblePriceObserver;
 /// When the next book may go to one recipient, and which one it had last. Executor only.
 struct DeliveryPace
 {
-    std::shared_ptr<const MergedOrderBook> delivered;
+    std::shared_ptr<const MergedOrderBook> delivered; ///< null: none yet, or none since its scope changed
     std::chrono::steady_clock::time_point nextTime{}; ///< no book before that
     std::shared_ptr<AsyncTask> timer;                 ///< made when a book had to wait for the first time
     bool isWaiting = false;                           ///< the timer will deliver
@@ -40,9 +40,8 @@ struct ClientScope
     std::atomic<bool> isRemoved{false}; ///< set by the queue thread: nothing more goes to it, at once
 
     CompositeSubscriptionInfo info;
-    unsigned repliedComponents = 0; ///< bit by component: the manager replays these answers, the delivery does not
-    bool isActive = false;          ///< the replayed answers are out, data may follow
-    bool wantsImage = true;         ///< joined or changed its scope, and has had no book since
+    bool isActive = false;    ///< the replayed answers are out: data may follow, and answers that came meanwhile
+    unsigned owedAnswers = 0; ///< bit by component: answered since the join, not told yet
     DeliveryPace pace;
 };
 

@@ -5,10 +5,9 @@
 namespace ps_ns
 {
 
-ComponentLink::ComponentLink(CompositeComponentType::Type component, ProviderType::Value provider,
-                             std::shared_ptr<SubscriptionCore> core, std::shared_ptr<UnsubscribeGate> gate)
+ComponentLink::ComponentLink(CompositeComponentType::Type component, std::shared_ptr<SubscriptionCore> core,
+                             std::shared_ptr<UnsubscribeGate> gate)
     : m_component(component)
-    , m_provider(provider)
     , m_core(std::move(core))
     , m_gate(std::move(gate))
 {
@@ -22,7 +21,7 @@ ComponentLink::~ComponentLink()
 
 void ComponentLink::Detach(bool forSymbolChange)
 {
-    m_isLive.store(false);
+    m_core->Exclude(m_isLive);
     m_forSymbolChange.store(forSymbolChange);
     m_gate->Expect(forSymbolChange);
     m_owesAnswer.store(true);
@@ -47,10 +46,7 @@ void ComponentLink::DeliverIfLive(Call call)
 
 void ComponentLink::OnSubscribed(ps_messages_ns::SubscriptionResult::Value result, const PriceFormat& format)
 {
-    if (m_isLive.load())
-    {
-        m_core->OnAnswer(m_component, result, format);
-    }
+    m_core->OnAnswer(m_isLive, m_component, result, format);
 }
 
 void ComponentLink::OnBook(std::shared_ptr<const BookUpdate> update)

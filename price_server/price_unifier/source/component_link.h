@@ -1,7 +1,6 @@
 #pragma once
 
 #include "composite_instrument/composite_component_type.h"
-#include "composite_instrument/provider_type.h"
 #include "price_unifier/source/subscription_core.h"
 #include "price_unifier/source/unsubscribe_gate.h"
 #include "simple_subscription/i_component_listener.h"
@@ -20,16 +19,14 @@ namespace ps_ns
 class ComponentLink final : public IComponentListener, public std::enable_shared_from_this<ComponentLink>
 {
 public:
-    ComponentLink(CompositeComponentType::Type component, ProviderType::Value provider,
-                  std::shared_ptr<SubscriptionCore> core, std::shared_ptr<UnsubscribeGate> gate);
+    ComponentLink(CompositeComponentType::Type component, std::shared_ptr<SubscriptionCore> core,
+                  std::shared_ptr<UnsubscribeGate> gate);
     ~ComponentLink() override;
-
-    ProviderType::Value GetProvider() const noexcept { return m_provider; }
 
     /// Takes in nothing more, and expects the answer to an unsubscribe, if it has not been let go already.
     void Detach(bool forSymbolChange);
     /// Takes in nothing more, and owes nothing: the provider never had it.
-    void Abandon() noexcept { m_isLive.store(false); }
+    void Abandon() { m_core->Exclude(m_isLive); }
 
     void OnSubscribed(ps_messages_ns::SubscriptionResult::Value result, const PriceFormat& format) override;
     void OnBook(std::shared_ptr<const BookUpdate> update) override;
@@ -43,7 +40,6 @@ private:
     void DeliverIfLive(Call call);
 
     const CompositeComponentType::Type m_component;
-    const ProviderType::Value m_provider;
     const std::shared_ptr<SubscriptionCore> m_core;
     const std::shared_ptr<UnsubscribeGate> m_gate;
     std::atomic<bool> m_isLive{true};

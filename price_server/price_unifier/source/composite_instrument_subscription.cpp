@@ -8,6 +8,7 @@
 #include "simple_subscription/simple_subscription_mgr.h"
 
 #include <algorithm>
+#include <atomic>
 #include <exception>
 #include <utility>
 
@@ -54,12 +55,13 @@ CompositeInstrumentSubscription::CompositeInstrumentSubscription(
     SimpleSubscriptionMgr* simpleSubscriptionMgr, const CompositeInstrumentDef& def,
     const CompositeSubscriptionInfo& adjustedScope, const std::shared_ptr<ICompositePriceObserver>& observer,
     unsigned long handle, CompositeSubscriptionMgr* manager, bool skipUnchangedSnapshots, unsigned /*defaultDepth*/,
-    unsigned /*maxDepth*/, unsigned emptySuppressInterval, unsigned instrumentMonitoringInterval_sec)
+    unsigned maxDepth, unsigned emptySuppressInterval, unsigned instrumentMonitoringInterval_sec)
     : m_simpleSubscriptionMgr(simpleSubscriptionMgr)
     , m_handle(handle)
     , m_core(std::make_shared<SubscriptionCore>(
           def, observer, manager, adjustedScope,
-          PriceDelivery::Settings{skipUnchangedSnapshots, emptySuppressInterval, instrumentMonitoringInterval_sec},
+          PriceDelivery::Settings{skipUnchangedSnapshots, maxDepth, emptySuppressInterval,
+                                  instrumentMonitoringInterval_sec},
           simpleSubscriptionMgr->GetSubscriptionExecutor(GetSubmarket(def)), simpleSubscriptionMgr->GetTimers(),
           simpleSubscriptionMgr->GetStaleGauge()))
     , m_gate(std::make_shared<UnsubscribeGate>([this, manager]
@@ -143,6 +145,7 @@ bool CompositeInstrumentSubscription::AddScope(const CompositeSubscriptionInfo& 
         m_scopes.erase(entry);
         throw;
     }
+    m_lastAsker = client;
     m_mergedScope = MergeScopes();
     newAggregate = m_mergedScope;
     return true;
@@ -158,6 +161,7 @@ bool CompositeInstrumentSubscription::RemoveScope(unsigned long subscriptionId, 
     // The record moves to the executor, so that it is let go there: its timers must not lose it under their feet.
     if (std::shared_ptr<ClientScope> client = std::move(entry->second.client))
     {
+        m_lastAsker.reset();
         client->isRemoved.store(true);
         m_core->RemoveClient(std::move(client));
     }
@@ -179,10 +183,7 @@ bool CompositeInstrumentSubscription::ChangeScope(const CompositeSubscriptionInf
     {
         m_core->ChangeClient(entry->second.client, info);
     }
-    else
-    {
-        m_directClientWaits = true;
-    }
+    m_lastAsker = entry->second.client;
     entry->second.info = info;
     m_mergedScope = MergeScopes();
     newAggregate = m_mergedScope;
@@ -191,7 +192,6 @@ bool CompositeInstrumentSubscription::ChangeScope(const CompositeSubscriptionInf
 
 void CompositeInstrumentSubscription::ChangeScope(const CompositeSubscriptionInfo& aggregate)
 {
-    m_directClientWaits = false; // it gets a new book
     for (const Component& component : m_components)
     {
         if (component.link != nullptr)
@@ -238,7 +238,7 @@ int CompositeInstrumentSubscription::Subscribe(CompositeComponentType::Type type
         return failure; // undecided: the switch to another provider may still come
     }
     m_core->BeginEpoch(type, m_provider, m_symbol);
-    const auto link = std::make_shared<ComponentLink>(type, component.provider, m_core, m_gate);
+    const auto link = std::make_shared<ComponentLink>(type, m_core, m_gate);
     int status = SubscribeStatus::Failed;
     try
     {
@@ -265,6 +265,12 @@ int CompositeInstrumentSubscription::Subscribe(CompositeComponentType::Type type
     return status == SubscribeStatus::Subscribed && !component.isDecided ? SubscribeStatus::Pending : status;
 }
 
+void CompositeInstrumentSubscription::ReportFailure(CompositeComponentType::Type type)
+{
+    static const std::atomic<bool> kAlways{true};
+    m_core->OnAnswer(kAlways, type, SubscriptionResult::DirectSubscriptionFailed, PriceFormat{});
+}
+
 int CompositeInstrumentSubscription::SubscribeComponents()
 {
     std::string firstReason;
@@ -284,9 +290,12 @@ int CompositeInstrumentSubscription::SubscribeComponents()
         }
         std::string why;
         const int status = Subscribe(type, why);
+        if (Get(type).link == nullptr)
+        {
+            failed.push_back(type); // also one that is undecided, and has no provider to go on with
+        }
         if (status == SubscribeStatus::Failed)
         {
-            failed.push_back(type);
             firstReason = firstReason.empty() ? why : firstReason;
         }
         else if (answer == SubscribeStatus::Failed)
@@ -299,7 +308,7 @@ int CompositeInstrumentSubscription::SubscribeComponents()
         // The others make up for them; who is interested hears of them as of any answer.
         for (const auto type : failed)
         {
-            m_core->OnAnswer(type, SubscriptionResult::DirectSubscriptionFailed, PriceFormat{});
+            ReportFailure(type);
         }
         return answer;
     }
@@ -383,7 +392,7 @@ void CompositeInstrumentSubscription::SubscribeAnew(CompositeComponentType::Type
                                    << " could not be subscribed again as " << GetComponentSymbol(type, m_symbol) << ": "
                                    << (why.empty() ? "the provider refused" : why);
                           });
-        m_core->OnAnswer(type, SubscriptionResult::DirectSubscriptionFailed, PriceFormat{});
+        ReportFailure(type);
     }
 }
 
@@ -475,7 +484,7 @@ void CompositeInstrumentSubscription::ResubscribeDirect(const std::string& newSy
 
 void CompositeInstrumentSubscription::GenerateMergedSnapshotViaExecutor(GenerateSnapshotReason reason)
 {
-    m_core->GenerateSnapshot(static_cast<std::uint32_t>(reason), std::exchange(m_directClientWaits, false));
+    m_core->GenerateSnapshot(static_cast<std::uint32_t>(reason), m_lastAsker);
 }
 
 void CompositeInstrumentSubscription::RunViaExecutor(std::function<void()> task)

@@ -104,8 +104,8 @@ public:
 
     /// From any thread.
     bool AnySnapshotsReceived() const noexcept { return m_core->AnySnapshotsReceived(); }
-    /// Sends the present book to who waits for an image: the clients that joined or changed their scope since their
-    /// last book; with none such, a direct client has asked, and the subscription's own observer gets it.
+    /// Sends the newest book again to whose scope was added or changed last; for a direct client's scope, to the
+    /// subscription's own observer.
     void GenerateMergedSnapshotViaExecutor(GenerateSnapshotReason reason);
     /// Runs a task on the subscription's executor.
     void RunViaExecutor(std::function<void()> task);
@@ -149,6 +149,8 @@ private:
     void DecideProvider(CompositeComponentType::Type type);
     /// Subscribes one component with its provider; returns the status, and why if it is a failure with a reason.
     int Subscribe(CompositeComponentType::Type type, std::string& why);
+    /// Who is interested hears that a component has no prices, as of any answer; a later success replaces it.
+    void ReportFailure(CompositeComponentType::Type type);
     void Unsubscribe(Component& component, bool forSymbolChange) noexcept;
     void LogThrown(const char* doing) const noexcept;
     void SubscribeAnew(CompositeComponentType::Type type);
@@ -175,7 +177,7 @@ private:
         bool hadSnapshot = false;
     };
     Joining m_joining;
-    bool m_directClientWaits = false; ///< for an image
+    std::shared_ptr<ClientScope> m_lastAsker; ///< whose scope was added or changed last; null: a direct client's
 };
 
 } // namespace ps_ns

@@ -69,9 +69,9 @@ inline Role g_handleMapsRole;
 ///
 /// | state | held in | left by |
 /// |---|---|---|
-/// | live | m_subscriptionByCompositeInstrumentID, and while its provider is undecided m_pendingProviderSubscriptions |
-/// its last scope's removal, a direct unsubscribe, a failed first subscribe | | pending delete |
-/// m_compositeInstrumentIDBySubscription | its report that all components are unsubscribed | | deleted | nothing | – |
+/// | live | m_subscriptionByCompositeInstrumentID; undecided: m_pendingProviderSubscriptions too | its last scope's removal, a direct unsubscribe, a failed first subscribe |
+/// | pending delete | m_compositeInstrumentIDBySubscription | its report that all components are unsubscribed |
+/// | deleted | nothing | – |
 class CompositeSubscriptionMgr
 {
 public:
@@ -245,6 +245,15 @@ private:
         std::vector<SubscriptionChangeResponse> responses; ///< in the order in which they were unsubscribed
     };
 
+    /// What a market says of every subscription of its instruments.
+    struct MarketValues
+    {
+        unsigned defaultDepth = 0;
+        unsigned maxDepth = 0;
+        unsigned emptySuppressInterval = 0;
+    };
+    MarketValues GetMarketValues(const CompositeInstrumentDef& def) const;
+
     void Post(std::function<void()> action) const;
     void RegisterGauges();
     CompositeSubscriptionInfo GetAdjustedCompositeSubscriptionInfo(const CompositeInstrumentDef& def,
@@ -274,7 +283,7 @@ private:
                                   const std::shared_ptr<IFlexiblePriceObserver>& flexibleObserver,
                                   unsigned long subscriptionId);
     SubscriptionMap::iterator CreateSubscription(CompositeInstrumentID&& id, const CompositeInstrumentDef& def,
-                                                 const CompositeSubscriptionInfo& adjusted,
+                                                 const MarketValues& market, const CompositeSubscriptionInfo& adjusted,
                                                  const std::shared_ptr<ICompositePriceObserver>& observer,
                                                  unsigned long handle);
     /// Subscribes the components and files the subscription by their answer; returns why it failed, empty if not.
@@ -355,10 +364,9 @@ private:
     zel::metrics::Store<zel::metrics::Gauge, 5> m_gauges; ///< set by Init; the gauges are atomic
 };
 
-/// Market and submarket of a definition's first leg: the submarket is read from the leg's exchange name ("ICE" and
-/// "ICE_L" 1, "ICEO" and "ICE_LO" 2, a name that ends in "_" and a digit that digit), and -1 when the name says
-/// nothing.
-/// (-1, -1) for a definition without legs.
+/// Market and submarket of a definition's first leg; (-1, -1) for a definition without legs. The submarket is read from
+/// the leg's exchange name: "ICE" and "ICE_L" 1, "ICEO" and "ICE_LO" 2, a name that ends in "_" and a digit that digit,
+/// any other name -1.
 Submarket GetSyntheticExecutorSubmarket(const CompositeInstrumentDef& def);
 
 /// The local observer of a synthetic subscription: none in this edition.

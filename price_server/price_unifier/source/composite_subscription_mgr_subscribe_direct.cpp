@@ -111,8 +111,9 @@ void CompositeSubscriptionMgr::RunDirectSubscribe(const CompositeInstrumentDef& 
         return;
     }
 
+    const MarketValues market = GetMarketValues(def);
     const CompositeSubscriptionInfo adjusted = GetAdjustedCompositeSubscriptionInfo(def, info);
-    const auto entry = CreateSubscription(std::move(id), def, adjusted, observer, handle);
+    const auto entry = CreateSubscription(std::move(id), def, market, adjusted, observer, handle);
     CompositeInstrumentSubscription* const subscription = entry->second;
 
     CompositeSubscriptionInfo ignored;
@@ -142,16 +143,26 @@ void CompositeSubscriptionMgr::RunDirectSubscribe(const CompositeInstrumentDef& 
     }
 }
 
-CompositeSubscriptionMgr::SubscriptionMap::iterator CompositeSubscriptionMgr::CreateSubscription(
-    CompositeInstrumentID&& id, const CompositeInstrumentDef& def, const CompositeSubscriptionInfo& adjusted,
-    const std::shared_ptr<ICompositePriceObserver>& observer, unsigned long handle)
+CompositeSubscriptionMgr::MarketValues
+CompositeSubscriptionMgr::GetMarketValues(const CompositeInstrumentDef& def) const
+{
+    MarketValues values;
+    values.defaultDepth = m_simpleSubscriptionMgr->GetDefaultOrderBookSize(def.marketId);
+    values.maxDepth = m_simpleSubscriptionMgr->GetMaxOrderBookSize(def.marketId);
+    values.emptySuppressInterval = m_simpleSubscriptionMgr->GetEmptySuppressInterval(def.marketId);
+    return values;
+}
+
+CompositeSubscriptionMgr::SubscriptionMap::iterator
+CompositeSubscriptionMgr::CreateSubscription(CompositeInstrumentID&& id, const CompositeInstrumentDef& def,
+                                             const MarketValues& market, const CompositeSubscriptionInfo& adjusted,
+                                             const std::shared_ptr<ICompositePriceObserver>& observer,
+                                             unsigned long handle)
 {
     AssertOnQueueThread(m_dataQueue);
     std::unique_ptr<CompositeInstrumentSubscription> subscription(new CompositeInstrumentSubscription(
-        m_simpleSubscriptionMgr, def, adjusted, observer, handle, this, m_skipUnchangedSnapshots,
-        m_simpleSubscriptionMgr->GetDefaultOrderBookSize(def.marketId),
-        m_simpleSubscriptionMgr->GetMaxOrderBookSize(def.marketId),
-        m_simpleSubscriptionMgr->GetEmptySuppressInterval(def.marketId), m_instrumentMonitoringInterval_sec));
+        m_simpleSubscriptionMgr, def, adjusted, observer, handle, this, m_skipUnchangedSnapshots, market.defaultDepth,
+        market.maxDepth, market.emptySuppressInterval, m_instrumentMonitoringInterval_sec));
     const auto entry = m_subscriptionByCompositeInstrumentID.try_emplace(std::move(id), subscription.get()).first;
     subscription.release(); // the map's now
     return entry;

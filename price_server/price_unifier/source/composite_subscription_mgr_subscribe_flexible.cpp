@@ -126,9 +126,10 @@ void CompositeSubscriptionMgr::OpenFlexibleSubscription(LocalObserverFactory& fa
 {
     AssertOnQueueThread(m_dataQueue);
     constexpr unsigned long kNoHandle = 0;
+    const MarketValues market = GetMarketValues(def);
     const CompositeSubscriptionInfo adjusted = GetAdjustedCompositeSubscriptionInfo(def, info);
     const std::shared_ptr<ICompositePriceObserver> localObserver = factory.CreateLocalObserver(def);
-    const auto entry = CreateSubscription(std::move(id), def, adjusted, localObserver, kNoHandle);
+    const auto entry = CreateSubscription(std::move(id), def, market, adjusted, localObserver, kNoHandle);
     CompositeInstrumentSubscription* const subscription = entry->second;
 
     CompositeSubscriptionInfo newScope;

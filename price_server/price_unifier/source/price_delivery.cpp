@@ -1,10 +1,10 @@
 #include "price_unifier/source/price_delivery.h"
 
 #include "composite_price/fixed_point.h"
-#include "composite_price/i_composite_price_factory.h"
 #include "composite_price/trade.h"
 #include "logging/logging.h"
 #include "price_unifier/source/composite_subscription_mgr.h"
+#include "price_unifier/source/detail/call_observer.h"
 
 #include <algorithm>
 #include <utility>
@@ -26,12 +26,17 @@ const std::shared_ptr<const zel::logging::Source>& LogSource()
 constexpr std::array kComponentTypes{CompositeComponentType::Direct, CompositeComponentType::Implied,
                                      CompositeComponentType::Aggregated};
 
-std::uint32_t ToLevels(std::int32_t depth) noexcept
-{
-    return depth > 0 ? static_cast<std::uint32_t>(depth) : 1;
-}
-
 } // namespace
+
+void detail::LogObserverThrew(const CompositeInstrumentDef& def, const std::string& name, const char* what)
+{
+    zel::logging::Log(30, LogSource(),
+                      [&](std::ostream& text)
+                      {
+                          text << def.ToString() << ": observer " << name
+                               << " threw: " << (what != nullptr ? what : "something that is no exception");
+                      });
+}
 
 PriceDelivery::PriceDelivery(const CompositeInstrumentDef& def, std::shared_ptr<ICompositePriceObserver> observer,
                              CompositeSubscriptionMgr* manager, const CompositeSubscriptionInfo& scope,
@@ -64,23 +69,59 @@ void PriceDelivery::OnAnswer(CompositeComponentType::Type type, SubscriptionResu
     component.lastSpoke = m_now();
     ArmMonitor();
     // A later answer, after a switch or a rename, is told only when it says something else.
-    if (component.toldResult == result && component.toldFormat == format)
+    if (component.toldResult != result || component.toldFormat != format)
+    {
+        component.toldResult = result;
+        component.toldFormat = format;
+        component.toldState = state;
+        CallObserver(m_observer->GetName(),
+                     [&] { m_observer->OnSubscribe(m_def, EventInfo{}, result, 0, format, type, state); });
+        for (const auto& client : m_clients)
+        {
+            TellAnswer(*client, type);
+        }
+    }
+    if (!component.isAnswered)
+    {
+        ForgetBook(type);
+    }
+}
+
+void PriceDelivery::TellAnswer(ClientScope& client, CompositeComponentType::Type type)
+{
+    const unsigned bit = 1U << static_cast<unsigned>(type);
+    if (!client.isActive)
+    {
+        client.owedAnswers |= bit; // older ones are being replayed to it, and must not come after this one
+        return;
+    }
+    client.owedAnswers &= ~bit;
+    if (client.isRemoved.load())
     {
         return;
     }
-    component.toldResult = result;
-    component.toldFormat = format;
+    const Component& component = Get(type);
+    CallObserver(client.observer->GetName(),
+                 [&]
+                 {
+                     client.observer->OnSubscribe(client.id, m_def, EventInfo{}, component.toldResult, 0,
+                                                  component.toldFormat, type, component.toldState);
+                 });
+}
 
-    const unsigned bit = 1U << static_cast<unsigned>(type);
-    m_observer->OnSubscribe(m_def, EventInfo{}, result, 0, format, type, state);
-    for (const auto& client : m_clients)
+/// The component has no prices any more: no image will come that could replace what it showed.
+void PriceDelivery::ForgetBook(CompositeComponentType::Type type)
+{
+    Component& component = Get(type);
+    NoteFresh(component);
+    if (!component.hasImage)
     {
-        if (!client->isRemoved.load() && (client->repliedComponents & bit) == 0)
-        {
-            client->observer->OnSubscribe(client->id, m_def, EventInfo{}, result, 0, format, type, state);
-        }
-        client->repliedComponents &= ~bit;
+        return;
     }
+    component.hasImage = false;
+    component.expectsImage = true;
+    m_merger.Clear(type);
+    Publish();
 }
 
 void PriceDelivery::ExpectImage(CompositeComponentType::Type type, std::uint64_t subscriptionEpoch)
@@ -119,12 +160,13 @@ void PriceDelivery::OnTrades(CompositeComponentType::Type type, const std::share
     {
         return;
     }
-    Timed(true, [&] { m_observer->OnTrades(m_def, trades); });
+    CallTimed(m_observer->GetName(), true, [&] { m_observer->OnTrades(m_def, trades); });
     for (const auto& client : m_clients)
     {
         if (client->isActive && client->info.trades && !client->isRemoved.load())
         {
-            Timed(true, [&] { client->observer->OnTrades(client->id, m_def, trades); });
+            CallTimed(client->observer->GetName(), true,
+                      [&] { client->observer->OnTrades(client->id, m_def, trades); });
         }
     }
 }
@@ -135,247 +177,16 @@ void PriceDelivery::OnCustomFields(const std::shared_ptr<const CustomFields>& fi
     {
         return;
     }
-    m_observer->OnCustomFields(m_def, fields);
+    CallObserver(m_observer->GetName(), [&] { m_observer->OnCustomFields(m_def, fields); });
     m_counts.customFields.fetch_add(1, std::memory_order_relaxed);
     for (const auto& client : m_clients)
     {
         if (client->isActive && client->info.customFields && !client->isRemoved.load())
         {
-            client->observer->OnCustomFields(client->id, m_def, fields);
+            CallObserver(client->observer->GetName(),
+                         [&] { client->observer->OnCustomFields(client->id, m_def, fields); });
             m_counts.customFields.fetch_add(1, std::memory_order_relaxed);
         }
-    }
-}
-
-// --- Books -----------------------------------------------------------------------------------------------------------
-
-std::shared_ptr<MergedOrderBook> PriceDelivery::MergeBook(std::uint32_t reason) const
-{
-    const std::uint32_t levels = ToLevels(m_scope.depth);
-    std::shared_ptr<MergedOrderBook> book = m_factory->CreateMergedOrderBookObject(levels, levels);
-    m_merger.Merge(*book);
-    for (const auto type : kComponentTypes)
-    {
-        const Component& component = m_components[static_cast<std::size_t>(type)];
-        if (component.isAnswered && !component.hasImage)
-        {
-            book->missingComponents.insert(type);
-        }
-        if (component.isStale)
-        {
-            book->staleComponents.emplace(type, component.lastReceiveTime_ns);
-        }
-        if (!component.expectsImage)
-        {
-            book->epoch = std::max(book->epoch, component.subscriptionEpoch);
-        }
-    }
-    book->lastTradePrice = m_lastTradePrice;
-    book->exchangeTime_ns = m_exchangeTime_ns;
-    book->receiveTime_ns = m_receiveTime_ns;
-    book->venueSequence = m_venueSequence;
-    book->snapshotReason = reason;
-    return book;
-}
-
-void PriceDelivery::Publish()
-{
-    const std::shared_ptr<MergedOrderBook> book = MergeBook(0);
-    if (HoldsBackEmpty(*book))
-    {
-        return;
-    }
-    if (m_settings.skipUnchangedSnapshots && m_current != nullptr && book->epoch == m_current->epoch &&
-        book->ShowsSameAs(*m_current))
-    {
-        return;
-    }
-    book->sequence = ++m_sequence;
-    m_current = book;
-    Deliver();
-}
-
-bool PriceDelivery::HoldsBackEmpty(const MergedOrderBook& book)
-{
-    const bool isEmpty = book.bids.count == 0 && book.asks.count == 0;
-    const bool wasFilled = m_current != nullptr && (m_current->bids.count != 0 || m_current->asks.count != 0);
-    if (!isEmpty || !wasFilled || m_settings.emptySuppressInterval_ms == 0)
-    {
-        m_holdsBackEmpty = false;
-        return false;
-    }
-    if (!m_holdsBackEmpty)
-    {
-        m_holdsBackEmpty = true;
-        if (m_emptyTimer == nullptr)
-        {
-            m_emptyTimer = m_makeTimer("EmptySuppress",
-                                       [this]
-                                       {
-                                           if (m_holdsBackEmpty)
-                                           {
-                                               m_holdsBackEmpty = false;
-                                               const auto emptied = MergeBook(0);
-                                               emptied->sequence = ++m_sequence;
-                                               m_current = emptied;
-                                               Deliver();
-                                           }
-                                       });
-        }
-        m_emptyTimer->Run(m_settings.emptySuppressInterval_ms);
-    }
-    return true;
-}
-
-void PriceDelivery::Deliver()
-{
-    DeliverOwn();
-    for (const auto& client : m_clients)
-    {
-        if (client->isActive)
-        {
-            DeliverTo(client);
-        }
-    }
-}
-
-void PriceDelivery::DeliverOwn()
-{
-    if (m_ownPace.delivered != m_current &&
-        IsDue(m_ownPace, m_scope.conflationInterval_ms, [this] { SendOwn(m_current); }))
-    {
-        SendOwn(m_current);
-    }
-}
-
-void PriceDelivery::DeliverTo(const std::shared_ptr<ClientScope>& client)
-{
-    const std::shared_ptr<const MergedOrderBook>& book = GetView(client->info.depth);
-    if (client->pace.delivered == book)
-    {
-        return; // nothing new at this depth
-    }
-    const auto later = [this, weak = std::weak_ptr<ClientScope>(client)]
-    {
-        if (const auto held = weak.lock())
-        {
-            Send(*held, GetView(held->info.depth));
-        }
-    };
-    if (IsDue(client->pace, client->info.conflationInterval_ms, later))
-    {
-        Send(*client, book);
-    }
-}
-
-bool PriceDelivery::IsDue(DeliveryPace& pace, unsigned interval_ms, std::function<void()> later)
-{
-    if (interval_ms == 0)
-    {
-        pace.isWaiting = false;
-        return true;
-    }
-    const Clock::time_point now = m_now();
-    if (pace.isWaiting)
-    {
-        return false;
-    }
-    if (now >= pace.nextTime)
-    {
-        pace.nextTime = now + std::chrono::milliseconds(interval_ms);
-        return true;
-    }
-    if (pace.timer == nullptr)
-    {
-        pace.timer = m_makeTimer("Conflation",
-                                 [this, &pace, later = std::move(later)]
-                                 {
-                                     if (std::exchange(pace.isWaiting, false))
-                                     {
-                                         later();
-                                     }
-                                 });
-    }
-    pace.isWaiting = true;
-    const auto rest = std::chrono::ceil<std::chrono::milliseconds>(pace.nextTime - now);
-    pace.nextTime += std::chrono::milliseconds(interval_ms);
-    pace.timer->Run(static_cast<unsigned>(rest.count()));
-    return false;
-}
-
-void PriceDelivery::SendOwn(const std::shared_ptr<const MergedOrderBook>& book)
-{
-    m_ownPace.delivered = book;
-    Timed(false, [&] { m_observer->OnOrderBook(m_def, book); });
-}
-
-void PriceDelivery::Send(ClientScope& client, const std::shared_ptr<const MergedOrderBook>& book)
-{
-    if (client.isRemoved.load() || book == nullptr)
-    {
-        return;
-    }
-    client.pace.delivered = book;
-    client.wantsImage = false;
-    // A copy of the pointer: the callback must not lose its book to a change of the views.
-    const std::shared_ptr<const MergedOrderBook> held = book;
-    Timed(false, [&] { client.observer->OnOrderBook(client.id, m_def, held); });
-}
-
-const std::shared_ptr<const MergedOrderBook>& PriceDelivery::GetView(std::int32_t depth)
-{
-    const std::uint32_t levels = ToLevels(depth);
-    if (m_current == nullptr || levels >= m_current->bids.depth)
-    {
-        return m_current;
-    }
-    auto view = std::find_if(m_views.begin(), m_views.end(), [&](const DepthView& v) { return v.depth == levels; });
-    if (view == m_views.end())
-    {
-        view = m_views.insert(m_views.end(), DepthView{levels, nullptr, nullptr});
-    }
-    if (view->source != m_current)
-    {
-        view->source = m_current;
-        std::shared_ptr<const MergedOrderBook> cut = m_current->Cut(levels);
-        const bool isSame = m_settings.skipUnchangedSnapshots && view->book != nullptr &&
-                            cut->epoch == view->book->epoch && cut->ShowsSameAs(*view->book);
-        if (!isSame)
-        {
-            view->book = std::move(cut);
-        }
-    }
-    return view->book;
-}
-
-void PriceDelivery::DropUnusedViews()
-{
-    std::erase_if(m_views,
-                  [&](const DepthView& view)
-                  {
-                      return std::none_of(m_clients.begin(), m_clients.end(),
-                                          [&](const auto& client)
-                                          { return ToLevels(client->info.depth) == view.depth; });
-                  });
-}
-
-template <class Call>
-void PriceDelivery::Timed(bool isTrade, const Call& call)
-{
-    const auto begin = std::chrono::steady_clock::now();
-    call();
-    const auto duration =
-        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - begin);
-    const auto duration_ns = static_cast<unsigned long>(duration.count());
-    if (isTrade)
-    {
-        m_manager->UpdateTradesTime(duration_ns);
-        m_counts.trades.fetch_add(1, std::memory_order_relaxed);
-    }
-    else
-    {
-        m_manager->UpdateSnapshotTime(duration_ns);
-        m_counts.books.fetch_add(1, std::memory_order_relaxed);
     }
 }
 
@@ -389,6 +200,13 @@ void PriceDelivery::AddClient(const std::shared_ptr<ClientScope>& client)
 void PriceDelivery::ActivateClient(ClientScope& client, bool sendImage)
 {
     client.isActive = true;
+    for (const auto type : kComponentTypes)
+    {
+        if ((client.owedAnswers & (1U << static_cast<unsigned>(type))) != 0)
+        {
+            TellAnswer(client, type);
+        }
+    }
     if (sendImage)
     {
         Send(client, GetView(client.info.depth));
@@ -403,11 +221,15 @@ void PriceDelivery::RemoveClient(const ClientScope& client)
 
 void PriceDelivery::ChangeClient(ClientScope& client, const CompositeSubscriptionInfo& info)
 {
+    const bool wasWaiting = std::exchange(client.pace.isWaiting, false);
     client.info = info;
-    client.wantsImage = true;
-    client.pace.isWaiting = false;
     client.pace.nextTime = {};
+    client.pace.delivered.reset(); // the next book comes in any case, even if it shows the same
     DropUnusedViews();
+    if (wasWaiting && client.isActive)
+    {
+        Send(client, GetView(info.depth));
+    }
 }
 
 void PriceDelivery::SetMergedScope(const CompositeSubscriptionInfo& scope)
@@ -415,46 +237,52 @@ void PriceDelivery::SetMergedScope(const CompositeSubscriptionInfo& scope)
     m_scope = scope;
     m_ownPace.isWaiting = false;
     m_ownPace.nextTime = {};
+    // What is seen at the whole depth comes without a view: an old one must not show up again when the depth grows.
+    std::erase_if(m_views, [this](const DepthView& view) { return view.depth >= GetMergedLevels(); });
     if (m_current == nullptr)
     {
         return;
     }
-    const std::shared_ptr<MergedOrderBook> book = MergeBook(0);
-    book->sequence = ++m_sequence;
-    m_current = book;
+    if (!m_holdsBackEmpty)
+    {
+        std::shared_ptr<MergedOrderBook> book = MergeBook();
+        book->sequence = ++m_sequence;
+        m_current = std::move(book);
+        DeliverOwn();
+    }
     for (const auto& client : m_clients)
     {
-        // Who did not ask for it, and sees what it saw before, is left alone.
-        const auto& view = GetView(client->info.depth);
-        if (!client->wantsImage && client->pace.delivered != nullptr && view->ShowsSameAs(*client->pace.delivered))
+        const std::shared_ptr<const MergedOrderBook> view = GetView(client->info.depth);
+        std::shared_ptr<const MergedOrderBook>& delivered = client->pace.delivered;
+        if (delivered != nullptr && view->ShowsSameAs(*delivered))
         {
-            client->pace.delivered = view;
+            delivered = view; // sees what it saw before
+        }
+        else if (client->isActive)
+        {
+            DeliverTo(client);
         }
     }
-    Deliver();
 }
 
-void PriceDelivery::GenerateSnapshot(std::uint32_t reason, bool toOwnObserver)
+void PriceDelivery::GenerateSnapshot(std::uint32_t reason, ClientScope* client)
 {
-    if (m_current == nullptr)
+    if (m_current == nullptr || (client != nullptr && !client->isActive))
     {
         return;
     }
-    const std::shared_ptr<MergedOrderBook> book = MergeBook(reason);
-    book->sequence = m_sequence; // it shows what the newest book shows
-    if (toOwnObserver)
+    const std::shared_ptr<const MergedOrderBook> newest = client != nullptr ? GetView(client->info.depth) : m_current;
+    const std::shared_ptr<MergedOrderBook> snapshot = newest->Cut(newest->bids.depth);
+    snapshot->snapshotReason = reason;
+    if (client != nullptr)
     {
-        SendOwn(book);
-        m_ownPace.delivered = m_current;
+        Send(*client, snapshot);
+        client->pace.delivered = newest;
     }
-    for (const auto& client : m_clients)
+    else
     {
-        if (client->isActive && client->wantsImage)
-        {
-            const std::uint32_t levels = ToLevels(client->info.depth);
-            Send(*client, levels < book->bids.depth ? book->Cut(levels) : book);
-            client->pace.delivered = GetView(client->info.depth);
-        }
+        SendOwn(snapshot);
+        m_ownPace.delivered = newest;
     }
 }
 
@@ -468,14 +296,19 @@ void PriceDelivery::NoteSpoken(Component& component, std::uint64_t receiveTime_n
     }
     component.lastSpoke = m_now();
     component.lastReceiveTime_ns = receiveTime_ns;
-    if (component.isStale)
+    NoteFresh(component);
+}
+
+void PriceDelivery::NoteFresh(Component& component)
+{
+    if (!std::exchange(component.isStale, false))
     {
-        component.isStale = false;
-        onStaleChanged(false);
-        zel::logging::Log(10, LogSource(),
-                          [&](std::ostream& text)
-                          { text << m_def.ToString() << " is fresh: a component speaks again"; });
+        return;
     }
+    onStaleChanged(false);
+    zel::logging::Log(10, LogSource(),
+                      [&](std::ostream& text)
+                      { text << m_def.ToString() << " is fresh: a component speaks again, or is gone"; });
 }
 
 void PriceDelivery::ArmMonitor()

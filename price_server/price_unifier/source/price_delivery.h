@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace ps_ns
@@ -46,6 +47,7 @@ public:
     struct Settings
     {
         bool skipUnchangedSnapshots = false; ///< a book that shows the same as the last one is not delivered again
+        unsigned maxDepth = 0;               ///< levels that a merged book has at most, whatever a scope asks for
         unsigned emptySuppressInterval_ms = 0;
         unsigned monitoringInterval_sec = 0; ///< 0: off
     };
@@ -64,10 +66,10 @@ public:
     void ActivateClient(ClientScope& client, bool sendImage);
     void RemoveClient(const ClientScope& client);
     void ChangeClient(ClientScope& client, const CompositeSubscriptionInfo& info);
-    /// Another merged scope: what the recipients see is cut and sent anew.
+    /// Another merged scope: the own observer, and the clients who see something else than before, get a new book.
     void SetMergedScope(const CompositeSubscriptionInfo& scope);
-    /// The present book to who waits for an image, and to the own observer if `toOwnObserver`.
-    void GenerateSnapshot(std::uint32_t reason, bool toOwnObserver);
+    /// The newest book again, to one client, or to the own observer when there is no client.
+    void GenerateSnapshot(std::uint32_t reason, ClientScope* client);
 
     // --- What the components deliver ---
 
@@ -102,6 +104,7 @@ private:
         std::uint64_t lastReceiveTime_ns = 0;
         ps_messages_ns::SubscriptionResult::Value toldResult = ps_messages_ns::SubscriptionResult::None;
         PriceFormat toldFormat;
+        CompositeSubscriptionState toldState;
     };
 
     /// The merged book as clients of one depth see it.
@@ -114,24 +117,36 @@ private:
 
     Component& Get(CompositeComponentType::Type component) { return m_components[static_cast<std::size_t>(component)]; }
 
-    std::shared_ptr<MergedOrderBook> MergeBook(std::uint32_t reason) const;
+    std::uint32_t GetMergedLevels() const noexcept;
+    std::shared_ptr<MergedOrderBook> MergeBook() const;
+    void PublishAs(std::shared_ptr<MergedOrderBook> book);
     void Publish();
     bool HoldsBackEmpty(const MergedOrderBook& book);
     void Deliver();
     void DeliverOwn();
     void DeliverTo(const std::shared_ptr<ClientScope>& client);
-    /// True when the recipient may have a book now; otherwise its timer is armed to run `later`.
-    bool IsDue(DeliveryPace& pace, unsigned interval_ms, std::function<void()> later);
+    /// True when the recipient has to wait for its interval: its timer is armed then, and runs `later`.
+    bool MustWait(DeliveryPace& pace, unsigned interval_ms, std::function<void()> later);
+    void NoteSent(DeliveryPace& pace, unsigned interval_ms, const std::shared_ptr<const MergedOrderBook>& book);
+    /// False when the recipient has that book, or one that shows the same and such are skipped.
+    bool IsNews(const DeliveryPace& pace, const std::shared_ptr<const MergedOrderBook>& book) const;
     void SendOwn(const std::shared_ptr<const MergedOrderBook>& book);
     void Send(ClientScope& client, const std::shared_ptr<const MergedOrderBook>& book);
+    void TellAnswer(ClientScope& client, CompositeComponentType::Type type);
+    void ForgetBook(CompositeComponentType::Type type);
     const std::shared_ptr<const MergedOrderBook>& GetView(std::int32_t depth);
     void DropUnusedViews();
 
     void NoteSpoken(Component& component, std::uint64_t receiveTime_ns);
+    void NoteFresh(Component& component);
     void ArmMonitor();
     void OnMonitor();
+    /// Calls an observer; what it throws is logged, so that those behind it are served.
     template <class Call>
-    void Timed(bool isTrade, const Call& call);
+    void CallObserver(const std::string& name, const Call& call);
+    /// The same, and notes how long a book or a trade took.
+    template <class Call>
+    void CallTimed(const std::string& name, bool isTrade, const Call& call);
 
     const CompositeInstrumentDef& m_def; ///< the core's
     const std::shared_ptr<ICompositePriceObserver> m_observer;

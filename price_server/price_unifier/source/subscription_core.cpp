@@ -115,13 +115,6 @@ ComponentAnswers SubscriptionCore::AddClient(const std::shared_ptr<ClientScope>&
 {
     // Under the lock, so that an answer either is in what we return, or is posted after the client has been added.
     const std::lock_guard lock(m_mutex);
-    for (std::size_t i = 0; i < m_answers.size(); ++i)
-    {
-        if (m_answers[i].result != ps_messages_ns::SubscriptionResult::None)
-        {
-            client->repliedComponents |= 1U << i;
-        }
-    }
     Deliver([client](PriceDelivery& delivery) { delivery.AddClient(client); });
     return m_answers;
 }
@@ -148,9 +141,10 @@ void SubscriptionCore::SetMergedScope(const CompositeSubscriptionInfo& scope)
     Deliver([scope](PriceDelivery& delivery) { delivery.SetMergedScope(scope); });
 }
 
-void SubscriptionCore::GenerateSnapshot(std::uint32_t reason, bool toOwnObserver)
+void SubscriptionCore::GenerateSnapshot(std::uint32_t reason, std::shared_ptr<ClientScope> client)
 {
-    Deliver([reason, toOwnObserver](PriceDelivery& delivery) { delivery.GenerateSnapshot(reason, toOwnObserver); });
+    Deliver([reason, client = std::move(client)](PriceDelivery& delivery)
+            { delivery.GenerateSnapshot(reason, client.get()); });
 }
 
 void SubscriptionCore::BeginEpoch(CompositeComponentType::Type component, ProviderType::Value provider,
@@ -171,10 +165,20 @@ void SubscriptionCore::Silence() noexcept
     m_isSilent.store(true);
 }
 
-void SubscriptionCore::OnAnswer(CompositeComponentType::Type component,
+void SubscriptionCore::Exclude(std::atomic<bool>& isLive)
+{
+    const std::lock_guard lock(m_mutex);
+    isLive.store(false);
+}
+
+void SubscriptionCore::OnAnswer(const std::atomic<bool>& isLive, CompositeComponentType::Type component,
                                 ps_messages_ns::SubscriptionResult::Value result, const PriceFormat& format)
 {
     const std::lock_guard lock(m_mutex);
+    if (!isLive.load())
+    {
+        return;
+    }
     m_answers[static_cast<std::size_t>(component)] = {result, format};
     Deliver([component, result, format, state = m_state](PriceDelivery& delivery)
             { delivery.OnAnswer(component, result, format, state); });

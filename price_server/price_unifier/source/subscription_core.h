@@ -62,7 +62,8 @@ public:
     void RemoveClient(std::shared_ptr<ClientScope> client);
     void ChangeClient(std::shared_ptr<ClientScope> client, const CompositeSubscriptionInfo& info);
     void SetMergedScope(const CompositeSubscriptionInfo& scope);
-    void GenerateSnapshot(std::uint32_t reason, bool toOwnObserver);
+    /// To one client, or to the own observer when it is null.
+    void GenerateSnapshot(std::uint32_t reason, std::shared_ptr<ClientScope> client);
     /// A component is about to be subscribed (anew): counts the epoch and notes who serves it under which symbol.
     void BeginEpoch(CompositeComponentType::Type component, ProviderType::Value provider, const std::string& symbol);
     /// Nothing more to anybody, and no answer or data is taken in.
@@ -70,8 +71,11 @@ public:
 
     // --- The providers' threads, through a ComponentLink ---
 
-    void OnAnswer(CompositeComponentType::Type component, ps_messages_ns::SubscriptionResult::Value result,
-                  const PriceFormat& format);
+    /// Takes in an answer, unless `isLive`, which Exclude clears, is false by then: the answer of a provider that has
+    /// been left must not overwrite its successor's.
+    void OnAnswer(const std::atomic<bool>& isLive, CompositeComponentType::Type component,
+                  ps_messages_ns::SubscriptionResult::Value result, const PriceFormat& format);
+    void Exclude(std::atomic<bool>& isLive);
     /// Runs `deliver` on the executor, unless the subscription is silent by then.
     void Deliver(std::function<void(PriceDelivery&)> deliver);
     /// On the executor, with each book.

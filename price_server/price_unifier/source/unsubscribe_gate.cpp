@@ -94,13 +94,13 @@ void UnsubscribeGate::Settle()
     // The change's answer comes first: whoever acts on it still needs the subscription that the completion gives up.
     if (!AnswerChange())
     {
-        const std::shared_ptr<SymbolChangeGroup> group = [this]
+        std::shared_ptr<SymbolChangeGroup> group;
         {
             const std::lock_guard lock(m_mutex);
-            return m_group;
-        }();
-        group->Fail(); // tells this gate too, which settles then
-        return;
+            m_changeFailed = true; // the group tells its members once only: this gate may come second
+            group = m_group;
+        }
+        group->Fail();
     }
     if (const std::function<void()> completed = TakeCompletion())
     {

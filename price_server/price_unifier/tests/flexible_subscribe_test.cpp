@@ -306,6 +306,166 @@ TEST_F(FlexibleSubscribe, DeliversTheFirstImageToAClientThatJoinedWhileItWasUnde
     EXPECT_EQ(FormatBook(*second->books.back()), "10x1+0 | ");
 }
 
+TEST_F(FlexibleSubscribe, TellsALateJoinerALaterAnswerThatSaysSomethingElse)
+{
+    Open();
+    bench.zel->Answer("X");
+    bench.Run();
+    Subscribe(second, 2);
+    Take();
+    PriceFormat other;
+    other.denominator = 8;
+    bench.zel->Answer("X", SubscriptionResult::Success, other);
+    EXPECT_EQ(Take(), (Events{"local.OnSubscribe X result=0 component=0 @executor",
+                              "F.OnSubscribe id=1 X result=0 component=0 @executor",
+                              "G.OnSubscribe id=2 X result=0 component=0 @executor"}));
+    EXPECT_EQ(second->lastFormat, other);
+}
+
+TEST_F(FlexibleSubscribe, TellsAnAnswerThatChangesDuringTheReplayAfterTheReplay)
+{
+    Open();
+    bench.zel->Answer("X");
+    bench.Run();
+    // The provider answers anew while the manager writes the line before the replay.
+    class AnsweringSink final : public zel::logging::ISink
+    {
+    public:
+        explicit AnsweringSink(ScriptedProvider& provider)
+            : m_provider(provider)
+        {
+        }
+        void Write(const zel::logging::Record& record) noexcept override
+        {
+            if (record.text.ends_with("making OnSubscribe callback"))
+            {
+                m_provider.Answer("X", SubscriptionResult::DirectSubscriptionFailed);
+            }
+        }
+
+    private:
+        ScriptedProvider& m_provider;
+    };
+    const auto previous = zel::logging::Logger::SetSink(std::make_shared<AnsweringSink>(*bench.zel));
+    bench.events.Clear();
+    Subscribe(second, 2);
+    zel::logging::Logger::SetSink(previous);
+    bench.Run();
+    EXPECT_EQ(bench.events.Filter("G."), (Events{"G.OnSubscribe id=2 X result=0 component=0 @executor",
+                                                 "G.OnSubscribe id=2 X result=17 component=0 @executor"}));
+}
+
+TEST_F(FlexibleSubscribe, ServesTheOthersWhenAnObserverThrows)
+{
+    Open();
+    Subscribe(second, 2);
+    Take();
+    first->onCallback = [] { throw std::runtime_error("thrown by a client"); };
+    bench.zel->Answer("X");
+    bench.zel->SendImage("X", {{kBid, "10", "1"}});
+    const std::string line = LogLine(30, def.ToString() + ": observer F threw: thrown by a client");
+    EXPECT_EQ(Take(),
+              (Events{"local.OnSubscribe X result=0 component=0 @executor",
+                      "F.OnSubscribe id=1 X result=0 component=0 @executor", line,
+                      "G.OnSubscribe id=2 X result=0 component=0 @executor", "local.OnOrderBook X 10x1+0 |  @executor",
+                      "F.OnOrderBook id=1 X 10x1+0 |  @executor", line, "G.OnOrderBook id=2 X 10x1+0 |  @executor"}));
+}
+
+TEST_F(FlexibleSubscribe, SendsASnapshotOnlyToWhoJoined)
+{
+    Open();
+    bench.zel->Answer("X");
+    bench.zel->SendImage("X", {{kBid, "10", "1"}});
+    bench.Run();
+    bench.manager->ChangeScope(def, {3, 0, false, false}, first, 1, false); // asks for no snapshot
+    bench.manager->ChangeScope(def, {5, 0, false, false}, first, 1, false);
+    bench.Run();
+    bench.events.Clear();
+    Subscribe(second, 2);
+    bench.Run();
+    EXPECT_TRUE(bench.events.Filter("F.").empty());
+    EXPECT_EQ(bench.events.Filter("G.OnOrderBook").size(), 1U);
+}
+
+TEST_F(FlexibleSubscribe, KeepsAWaitingBookThroughAChangeOfScope)
+{
+    Open({5, 1000, false, false});
+    bench.zel->Answer("X");
+    bench.zel->SendImage("X", {{kBid, "10", "1"}});
+    bench.zel->SendChange("X", {{kBid, "10", "2"}});
+    Take();
+    ASSERT_EQ(FormatBook(*first->books.back()), "10x1+0 | ");
+    bench.manager->ChangeScope(def, {5, 1000, false, false}, first, 1, false);
+    bench.Run();
+    EXPECT_EQ(FormatBook(*first->books.back()), "10x2+0 | ");
+}
+
+TEST_F(FlexibleSubscribe, KeepsTheIntervalAfterAnImageToo)
+{
+    using namespace std::chrono_literals;
+    Open();
+    bench.zel->Answer("X");
+    bench.zel->SendImage("X", {{kBid, "10", "1"}});
+    bench.Run();
+    Subscribe(second, 2, {5, 1000, false, false});
+    bench.Run();
+    ASSERT_EQ(second->books.size(), 1U);
+    bench.zel->SendChange("X", {{kBid, "10", "2"}});
+    bench.Run();
+    EXPECT_EQ(second->books.size(), 1U);
+    bench.time.Advance(1000ms);
+    bench.Run();
+    EXPECT_EQ(second->books.size(), 2U);
+}
+
+TEST_F(FlexibleSubscribe, NeverShowsAnOlderBookWhenTheMergedDepthShrinksAndGrows)
+{
+    ManagerBench::Options options;
+    options.configuration = R"(<PriceServer><General SkipUnchangedSnapshots="1"/></PriceServer>)";
+    // Benches do not nest: this one lives in its own test body only.
+    bench.DestroyManager();
+    ManagerBench skipping(options);
+    const auto narrow = skipping.MakeFlexibleObserver("N");
+    const auto wide = skipping.MakeFlexibleObserver("W");
+    const auto subscribe = [&](const auto& observer, unsigned long id, int depth)
+    {
+        skipping.manager->Subscribe(def, {depth, 0, false, false}, skipping.factory, observer, id);
+        skipping.Run();
+    };
+    subscribe(narrow, 1, 1);
+    subscribe(wide, 2, 3);
+    skipping.zel->Answer("X");
+    const auto send = [&](const char* best)
+    {
+        skipping.zel->SendImage("X", {{kBid, best, "1"}, {kBid, "9", "1"}});
+        skipping.Run();
+    };
+    send("10");
+    skipping.manager->Unsubscribe(def, wide, 2);
+    skipping.Run();
+    send("11");
+    send("10");
+    subscribe(wide, 3, 3);
+    send("12");
+    std::uint64_t last = 0;
+    for (const auto& book : narrow->books)
+    {
+        EXPECT_GT(book->sequence, last);
+        last = book->sequence;
+    }
+    EXPECT_EQ(FormatBook(*narrow->books.back()), "12x1+0 | ");
+}
+
+TEST_F(FlexibleSubscribe, NeverMergesMoreLevelsThanTheMarketHas)
+{
+    Open({2'000'000'000, 0, false, false});
+    bench.zel->Answer("X");
+    bench.zel->SendImage("X", {{kBid, "10", "1"}});
+    bench.Run();
+    ASSERT_EQ(first->books.size(), 1U);
+    EXPECT_EQ(first->books.back()->bids.depth, 20U);
+}
+
 TEST(Notifications, DropTheEventInfoAndTheReservedNumberOnPurpose)
 {
     struct Subscription

@@ -40,6 +40,22 @@ TEST(ManagerMetrics, ExportFiveGaugesWithTheirHelpTexts)
     }
 }
 
+TEST(ManagerMetrics, BearTheirNamesInTheOrderOfTheirIndexes)
+{
+    ManagerBench bench;
+    for (unsigned index = 0; index < 5; ++index)
+    {
+        bench.Access().Gauges()[index].Set(10.0 + index);
+    }
+    const std::string page = Export();
+    for (const char* const line : {"\nunifier_subscriptions_pending_provider 10\n", "\nunifier_subscriptions_zel 11\n",
+                                   "\nunifier_subscriptions_mds 12\n", "\nunifier_subscriptions_synthetic 13\n",
+                                   "\nunifier_subscriptions_synthetic_flexible 14\n"})
+    {
+        EXPECT_NE(page.find(line), std::string::npos) << line << page;
+    }
+}
+
 TEST(ManagerMetrics, LeaveTheExportWithTheManager)
 {
     {

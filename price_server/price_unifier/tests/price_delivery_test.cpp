@@ -262,7 +262,7 @@ TEST_F(PriceDeliveryTest, ReportsASilentComponentAsStaleAndFreshWhenItSpeaksAgai
     EXPECT_NE(exported().find("subscriptions_stale 1"), std::string::npos);
 
     bench->zel->SendChange("X", {{kBid, "10", "3"}});
-    EXPECT_EQ(Delivered(), (Events{LogLine(10, def.ToString() + " is fresh: a component speaks again"),
+    EXPECT_EQ(Delivered(), (Events{LogLine(10, def.ToString() + " is fresh: a component speaks again, or is gone"),
                                    "A.OnOrderBook X 10x3+0 |  @executor"}));
     EXPECT_TRUE(observer->books.back()->staleComponents.empty());
     EXPECT_FALSE(Live().GetState().isStale);
@@ -300,4 +300,61 @@ TEST_F(PriceDeliveryTest, RetargetsTheProvidersAndSendsABookOfTheNewDepth)
             "zel.ChangeScope IM_X depth=2 interval=0 trades=0 customFields=0",
             "A.OnOrderBook X 10x1+0 9x1+0 |  @executor",
         }));
+}
+
+TEST_F(PriceDeliveryTest, HoldsAnEmptiedBookBackAlsoFromAChangedScopeAndASnapshot)
+{
+    ManagerBench::Options options;
+    options.emptySuppressInterval_ms = 100;
+    Start(options, {5, 0, false, false}, 2);
+    bench->zel->SendImage("X", {{kBid, "10", "2"}});
+    bench->zel->SendChange("X", {{kBid, "10", "0"}});
+    bench->Run();
+    bench->events.Clear();
+    bench->manager->ChangeScope(handle, {5, 0, false, false}, 1, true);
+    bench->Run();
+    EXPECT_EQ(bench->events.Filter("A."), Events{"A.OnOrderBook X 10x2+0 |  @executor"}); // as it was last published
+    bench->events.Clear();
+    bench->manager->ChangeScope(handle, {7, 0, false, false}, 1, false);
+    bench->Run();
+    EXPECT_EQ(bench->events.Filter("A."), Events{});
+    bench->time.Advance(100ms);
+    bench->Run();
+    EXPECT_EQ(bench->events.Filter("A."), Events{"A.OnOrderBook X  |  @executor"});
+}
+
+TEST_F(PriceDeliveryTest, SkipsABookThatIsBackToWhatWasDeliveredWhenItsIntervalEnds)
+{
+    ManagerBench::Options options;
+    options.configuration = R"(<PriceServer><General SkipUnchangedSnapshots="1"/></PriceServer>)";
+    Start(options, {5, 100, false, false});
+    bench->zel->SendImage("X", {{kBid, "10", "1"}});
+    bench->zel->SendChange("X", {{kBid, "10", "2"}});
+    bench->zel->SendChange("X", {{kBid, "10", "1"}});
+    bench->Run();
+    bench->events.Clear();
+    bench->time.Advance(500ms);
+    EXPECT_EQ(Delivered(), Events{});
+}
+
+TEST_F(PriceDeliveryTest, ReportsAComponentThatNobodyServesYetAsFailedAndAsServedWhenItIs)
+{
+    ManagerBench::Options options;
+    options.withZel = false;
+    bench.reset();
+    bench = std::make_unique<ManagerBench>(options);
+    def = MakeDef("X");
+    bench->mds->Directory().AddMarket(1); // being read
+    bench->manager->Subscribe(def, {5, 0, false, false}, bench->MakeObserver("A"), 1);
+    bench->Run();
+    EXPECT_EQ(bench->events.Filter("A."), Events{"A.OnSubscribe X result=17 component=0 @executor"});
+    bench->List(*bench->mds, def);
+    bench->CompleteDirectories();
+    {
+        const QueueThreadScope scope(&bench->queue.Get());
+        bench->manager->CheckProviderPendingSubscriptions();
+    }
+    bench->mds->Answer("X");
+    bench->Run();
+    EXPECT_EQ(bench->events.Filter("A.").back(), "A.OnSubscribe X result=0 component=0 @executor");
 }

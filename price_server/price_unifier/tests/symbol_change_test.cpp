@@ -244,6 +244,34 @@ TEST_F(SymbolChange, FindsThePendingEntryMadeAtSubscribeWhenARenamedSubscription
     EXPECT_EQ(bench.simple->GetRegistry().GetSize(), 0U);
 }
 
+TEST_F(SymbolChange, DeletesAllSubscriptionsOfAChangeThatFailedForEachOfThem)
+{
+    Subscribe("OLD", 1);
+    Subscribe("OLD", 2);
+    Change("OLD", "NEW");
+    bench.manager->Unsubscribe(1);
+    bench.manager->Unsubscribe(2);
+    bench.Run();
+    bench.zel->DropUnsubscribes();
+    bench.Run();
+    EXPECT_EQ(bench.simple->GetRegistry().GetSize(), 0U);
+    EXPECT_TRUE(bench.Access().PendingDelete().empty());
+}
+
+TEST_F(SymbolChange, TakesTheOldSymbolsLevelsOutOfTheBookWhenTheNewOneIsRefused)
+{
+    Subscribe("OLD");
+    bench.zel->SendImage("OLD", {{kBid, "10", "1"}});
+    Take();
+    Change("OLD", "NEW");
+    bench.zel->Returns("NEW", 1);
+    bench.events.Clear();
+    bench.zel->AnswerUnsubscribe("OLD");
+    bench.Run();
+    EXPECT_EQ(bench.events.Filter("A."),
+              (Events{"A.OnSubscribe OLD result=17 component=0 @executor", "A.OnOrderBook OLD  |  @executor"}));
+}
+
 TEST_F(SymbolChange, AnswersItselfWhenTheProviderDropsTheListener)
 {
     Subscribe("OLD");

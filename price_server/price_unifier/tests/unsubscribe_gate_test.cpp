@@ -119,6 +119,19 @@ TEST_F(UnsubscribeGateTest, HoldsNothingBackForASiblingThatJoinsAfterTheFailure)
     EXPECT_EQ(events, (Events{"A failed", "B ok", "B completed"}));
 }
 
+TEST_F(UnsubscribeGateTest, CompletesAlsoWhenASiblingHasFailedBeforeItsOwnFailure)
+{
+    const auto a = MakeGate("A");
+    const auto b = MakeGate("B");
+    BeginChange(*a, "A");
+    BeginChange(*b, "B");
+    a->BeginTeardown();
+    b->BeginTeardown();
+    a->OnAnswer(true, false);
+    b->OnAnswer(true, false);
+    EXPECT_EQ(events, (Events{"A failed", "A completed", "B failed", "B completed"}));
+}
+
 TEST_F(UnsubscribeGateTest, WaitsForAnswersOutsideTheChangeToo)
 {
     const auto gate = MakeGate("A");

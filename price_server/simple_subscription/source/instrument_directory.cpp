@@ -8,8 +8,16 @@ namespace ps_ns
 
 void InstrumentDirectory::Add(const DirectoryEntry& entry)
 {
+    AddAll({entry});
+}
+
+void InstrumentDirectory::AddAll(const std::vector<DirectoryEntry>& entries)
+{
     const std::lock_guard lock(m_mutex);
-    m_entries[entry.submarket.marketId][entry.symbol] = entry;
+    for (const DirectoryEntry& entry : entries)
+    {
+        m_entries[entry.submarket.marketId][entry.symbol] = entry;
+    }
 }
 
 bool InstrumentDirectory::Rename(short marketId, const std::string& oldSymbol, const std::string& newSymbol)

@@ -36,7 +36,6 @@ public:
     bool wantsAggregated = false;
     bool isStale = false;           ///< a live component has been silent for longer than the monitoring interval
     std::int32_t provider = 0;      ///< a ProviderType::Value
-    std::int64_t updateTime_ns = 0; ///< of the last merged book, ns since 1970 UTC; 0: none yet
 
     // A collaborator that wants to hand its clients on with a state files them here. The composite subscription of this
     // server leaves both empty: a copy of the state rides on each notification, and must hold nobody's observer.

@@ -9,6 +9,7 @@ namespace ps_ns
 void MarketHub::Install(const std::vector<SourceInstrument>& instruments)
 {
     const ScopedRoleLock lock(m_mutex, m_role);
+    std::vector<DirectoryEntry> entries;
     for (const SourceInstrument& instrument : instruments)
     {
         const auto index = static_cast<InstrumentIndex>(m_feeds.size());
@@ -21,8 +22,10 @@ void MarketHub::Install(const std::vector<SourceInstrument>& instruments)
         entry.exchange = instrument.market;
         entry.description = instrument.symbol.starts_with(kImpliedPrefix) ? "implied" : "";
         entry.format = instrument.format;
-        m_directory.Add(entry);
+        entries.push_back(std::move(entry));
     }
+    // At one moment: who finds an instrument finds its implied one too.
+    m_directory.AddAll(entries);
 }
 
 int MarketHub::Subscribe(const ComponentRequest& request, const std::shared_ptr<IComponentListener>& listener)

@@ -32,6 +32,8 @@ class InstrumentDirectory
 public:
     /// Adds an instrument, or replaces the one of the same market and symbol. Counts the market as one it can know.
     void Add(const DirectoryEntry& entry);
+    /// The same for many at one moment: nobody sees some of them without the others.
+    void AddAll(const std::vector<DirectoryEntry>& entries);
 
     /// Gives an instrument another symbol; false when the old one is not known. What had the new symbol is replaced.
     bool Rename(short marketId, const std::string& oldSymbol, const std::string& newSymbol);

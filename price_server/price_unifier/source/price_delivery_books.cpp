@@ -1,0 +1,258 @@
+#include "price_unifier/source/price_delivery.h"
+
+#include "composite_price/i_composite_price_factory.h"
+#include "price_unifier/source/composite_subscription_mgr.h"
+#include "price_unifier/source/detail/call_observer.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace ps_ns
+{
+namespace
+{
+
+std::uint32_t ToLevels(std::int32_t depth) noexcept
+{
+    return depth > 0 ? static_cast<std::uint32_t>(depth) : 1;
+}
+
+} // namespace
+
+std::uint32_t PriceDelivery::GetMergedLevels() const noexcept
+{
+    const std::uint32_t asked = ToLevels(m_scope.depth);
+    return m_settings.maxDepth == 0 ? asked : std::min<std::uint32_t>(asked, m_settings.maxDepth);
+}
+
+std::shared_ptr<MergedOrderBook> PriceDelivery::MergeBook() const
+{
+    const std::uint32_t levels = GetMergedLevels();
+    std::shared_ptr<MergedOrderBook> book = m_factory->CreateMergedOrderBookObject(levels, levels);
+    m_merger.Merge(*book);
+    for (std::size_t i = 0; i < m_components.size(); ++i)
+    {
+        const auto type = static_cast<CompositeComponentType::Type>(i);
+        const Component& component = m_components[i];
+        if (component.isAnswered && !component.hasImage)
+        {
+            book->missingComponents.insert(type);
+        }
+        if (component.isStale)
+        {
+            book->staleComponents.emplace(type, component.lastReceiveTime_ns);
+        }
+        if (!component.expectsImage)
+        {
+            book->epoch = std::max(book->epoch, component.subscriptionEpoch);
+        }
+    }
+    book->lastTradePrice = m_lastTradePrice;
+    book->exchangeTime_ns = m_exchangeTime_ns;
+    book->receiveTime_ns = m_receiveTime_ns;
+    book->venueSequence = m_venueSequence;
+    return book;
+}
+
+void PriceDelivery::Publish()
+{
+    std::shared_ptr<MergedOrderBook> book = MergeBook();
+    if (HoldsBackEmpty(*book))
+    {
+        return;
+    }
+    if (m_settings.skipUnchangedSnapshots && m_current != nullptr && book->epoch == m_current->epoch &&
+        book->ShowsSameAs(*m_current))
+    {
+        return;
+    }
+    PublishAs(std::move(book));
+}
+
+void PriceDelivery::PublishAs(std::shared_ptr<MergedOrderBook> book)
+{
+    book->sequence = ++m_sequence;
+    m_current = std::move(book);
+    Deliver();
+}
+
+bool PriceDelivery::HoldsBackEmpty(const MergedOrderBook& book)
+{
+    const bool isEmpty = book.bids.count == 0 && book.asks.count == 0;
+    const bool wasFilled = m_current != nullptr && (m_current->bids.count != 0 || m_current->asks.count != 0);
+    if (!isEmpty || !wasFilled || m_settings.emptySuppressInterval_ms == 0)
+    {
+        m_holdsBackEmpty = false;
+        return false;
+    }
+    if (!std::exchange(m_holdsBackEmpty, true))
+    {
+        if (m_emptyTimer == nullptr)
+        {
+            m_emptyTimer = m_makeTimer("EmptySuppress",
+                                       [this]
+                                       {
+                                           if (std::exchange(m_holdsBackEmpty, false))
+                                           {
+                                               PublishAs(MergeBook());
+                                           }
+                                       });
+        }
+        m_emptyTimer->Run(m_settings.emptySuppressInterval_ms);
+    }
+    return true;
+}
+
+void PriceDelivery::Deliver()
+{
+    DeliverOwn();
+    for (const auto& client : m_clients)
+    {
+        if (client->isActive)
+        {
+            DeliverTo(client);
+        }
+    }
+}
+
+void PriceDelivery::DeliverOwn()
+{
+    const auto later = [this]
+    {
+        if (IsNews(m_ownPace, m_current))
+        {
+            SendOwn(m_current);
+        }
+    };
+    if (m_ownPace.delivered != m_current && !MustWait(m_ownPace, m_scope.conflationInterval_ms, later))
+    {
+        SendOwn(m_current);
+    }
+}
+
+void PriceDelivery::DeliverTo(const std::shared_ptr<ClientScope>& client)
+{
+    const std::shared_ptr<const MergedOrderBook>& book = GetView(client->info.depth);
+    if (client->pace.delivered == book)
+    {
+        return; // nothing new at this depth
+    }
+    const auto later = [this, weak = std::weak_ptr<ClientScope>(client)]
+    {
+        const auto held = weak.lock();
+        if (held != nullptr && IsNews(held->pace, GetView(held->info.depth)))
+        {
+            Send(*held, GetView(held->info.depth));
+        }
+    };
+    if (!MustWait(client->pace, client->info.conflationInterval_ms, later))
+    {
+        Send(*client, book);
+    }
+}
+
+bool PriceDelivery::MustWait(DeliveryPace& pace, unsigned interval_ms, std::function<void()> later)
+{
+    if (interval_ms == 0)
+    {
+        return false;
+    }
+    const Clock::time_point now = m_now();
+    if (pace.isWaiting || now >= pace.nextTime)
+    {
+        return pace.isWaiting;
+    }
+    if (pace.timer == nullptr)
+    {
+        pace.timer = m_makeTimer("Conflation",
+                                 [&pace, later = std::move(later)]
+                                 {
+                                     if (std::exchange(pace.isWaiting, false))
+                                     {
+                                         later();
+                                     }
+                                 });
+    }
+    pace.isWaiting = true;
+    pace.timer->Run(static_cast<unsigned>(std::chrono::ceil<std::chrono::milliseconds>(pace.nextTime - now).count()));
+    return true;
+}
+
+void PriceDelivery::NoteSent(DeliveryPace& pace, unsigned interval_ms,
+                             const std::shared_ptr<const MergedOrderBook>& book)
+{
+    pace.delivered = book;
+    pace.isWaiting = false;
+    if (interval_ms != 0)
+    {
+        pace.nextTime = m_now() + std::chrono::milliseconds(interval_ms);
+    }
+}
+
+bool PriceDelivery::IsNews(const DeliveryPace& pace, const std::shared_ptr<const MergedOrderBook>& book) const
+{
+    if (pace.delivered == nullptr || pace.delivered == book)
+    {
+        return pace.delivered == nullptr;
+    }
+    return !m_settings.skipUnchangedSnapshots || pace.delivered->epoch != book->epoch ||
+           !book->ShowsSameAs(*pace.delivered);
+}
+
+void PriceDelivery::SendOwn(const std::shared_ptr<const MergedOrderBook>& book)
+{
+    // A copy of the pointer: the callback must not lose its book to what it sets off.
+    const std::shared_ptr<const MergedOrderBook> held = book;
+    NoteSent(m_ownPace, m_scope.conflationInterval_ms, held);
+    CallTimed(m_observer->GetName(), false, [&] { m_observer->OnOrderBook(m_def, held); });
+}
+
+void PriceDelivery::Send(ClientScope& client, const std::shared_ptr<const MergedOrderBook>& book)
+{
+    if (client.isRemoved.load() || book == nullptr)
+    {
+        return;
+    }
+    const std::shared_ptr<const MergedOrderBook> held = book;
+    NoteSent(client.pace, client.info.conflationInterval_ms, held);
+    CallTimed(client.observer->GetName(), false, [&] { client.observer->OnOrderBook(client.id, m_def, held); });
+}
+
+const std::shared_ptr<const MergedOrderBook>& PriceDelivery::GetView(std::int32_t depth)
+{
+    const std::uint32_t levels = ToLevels(depth);
+    if (m_current == nullptr || levels >= m_current->bids.depth)
+    {
+        return m_current;
+    }
+    auto view = std::find_if(m_views.begin(), m_views.end(), [&](const DepthView& v) { return v.depth == levels; });
+    if (view == m_views.end())
+    {
+        view = m_views.insert(m_views.end(), DepthView{levels, nullptr, nullptr});
+    }
+    if (view->source != m_current)
+    {
+        view->source = m_current;
+        std::shared_ptr<const MergedOrderBook> cut = m_current->Cut(levels);
+        const bool isSame = m_settings.skipUnchangedSnapshots && view->book != nullptr &&
+                            cut->epoch == view->book->epoch && cut->ShowsSameAs(*view->book);
+        if (!isSame)
+        {
+            view->book = std::move(cut);
+        }
+    }
+    return view->book;
+}
+
+void PriceDelivery::DropUnusedViews()
+{
+    std::erase_if(m_views,
+                  [&](const DepthView& view)
+                  {
+                      return std::none_of(m_clients.begin(), m_clients.end(),
+                                          [&](const auto& client)
+                                          { return ToLevels(client->info.depth) == view.depth; });
+                  });
+}
+
+} // namespace ps_ns
