@@ -162,6 +162,7 @@ TEST(PriceServer, PlaysNothingBeforeItsPricesAreReleased)
     PriceServerOptions options;
     options.holdsPrices = true;
     ServerConfig config = MakeQuietConfig(1000);
+    config.markets = {{1, "SPOT"}};
     config.mds->simulation.reset();
     config.mds->replay.emplace();
     config.mds->replay->speed = 0;

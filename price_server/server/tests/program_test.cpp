@@ -168,7 +168,7 @@ TEST(Program, DrawsLaddersOnATerminalAndGivesTheScreenBack)
 {
     ChildProcess program({"--watch", "GOLD-MAR27"}, ChildProcess::Output::Terminal);
     ASSERT_TRUE(program.WaitForOutput("\x1b[?1049h"));
-    ASSERT_TRUE(program.WaitForOutput("SPOT:GOLD-MAR27"));
+    ASSERT_TRUE(program.WaitForOutput("SIM:GOLD-MAR27"));
     ASSERT_TRUE(program.WaitForOutput("implied"));
     const auto begin = ChildProcess::Clock::now();
     program.Signal(SIGINT);
@@ -179,7 +179,7 @@ TEST(Program, DrawsLaddersOnATerminalAndGivesTheScreenBack)
     ASSERT_NE(leave, std::string::npos);
     EXPECT_EQ(output.find("\x1b[?1049h", leave), std::string::npos);
     EXPECT_LT(output.rfind("\x1b[?25l"), output.rfind("\x1b[?25h")) << "the cursor is shown again";
-    EXPECT_NE(output.find("SPOT:GOLD-MAR27", leave), std::string::npos) << "the last picture stays";
+    EXPECT_NE(output.find("SIM:GOLD-MAR27", leave), std::string::npos) << "the last picture stays";
 }
 
 TEST(Program, RedrawsAtMostSomeTenTimesASecond)

@@ -301,7 +301,8 @@ TEST_F(ServerConfigTest, RunsTheSimulatedMarketWhenItIsBuiltIn)
     ASSERT_NE(config.config, nullptr);
     EXPECT_TRUE(config.mds->simulation.has_value());
     EXPECT_TRUE(config.gateway.has_value());
-    EXPECT_EQ(config.markets.size(), 2U);
+    ASSERT_EQ(config.markets.size(), 1U);
+    EXPECT_EQ(config.markets[0].name, "SIM");
 }
 
 TEST_F(ServerConfigTest, AcceptsTheBuiltInTextAsAFile)
