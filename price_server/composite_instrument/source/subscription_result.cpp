@@ -41,8 +41,14 @@ Text GetText(SubscriptionResult::Value value) noexcept
 
 } // namespace
 
-std::string_view SubscriptionResult::GetName(Value value) noexcept { return GetText(value).name; }
+std::string_view SubscriptionResult::GetName(Value value) noexcept
+{
+    return GetText(value).name;
+}
 
-std::string_view SubscriptionResult::GetMeaning(Value value) noexcept { return GetText(value).meaning; }
+std::string_view SubscriptionResult::GetMeaning(Value value) noexcept
+{
+    return GetText(value).meaning;
+}
 
 } // namespace ps_messages_ns

@@ -31,8 +31,9 @@ double ToDouble(const sbe_common_ns::Price& price, const PriceFormat& format)
 
 } // namespace
 
-std::shared_ptr<LastTradeVolume> DefaultCompositePriceFactory::CreateLastTradeVolumeObject(
-    double price, double quantity, double netChange, unsigned long volume, unsigned long time_ns)
+std::shared_ptr<LastTradeVolume>
+DefaultCompositePriceFactory::CreateLastTradeVolumeObject(double price, double quantity, double netChange,
+                                                          unsigned long volume, unsigned long time_ns)
 {
     return std::make_shared<LastTradeVolume>(price, quantity, netChange, volume, time_ns);
 }

@@ -7,7 +7,10 @@ namespace ps_ns
 namespace
 {
 
-constexpr bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
+constexpr bool IsDigit(char c) noexcept
+{
+    return c >= '0' && c <= '9';
+}
 
 /// value * 10 + digit; false when that is more than `limit`.
 constexpr bool Append(std::uint64_t& value, unsigned digit, std::uint64_t limit) noexcept

@@ -12,10 +12,10 @@ struct CompositeSubscriptionInfo
     static constexpr std::int32_t kDefaultDepth = -2; ///< the market's default depth
     static constexpr std::int32_t kMaxDepth = -1;     ///< the market's maximum depth
 
-    std::int32_t depth = kDefaultDepth;       ///< levels a side, or one of the two above
-    std::uint32_t conflationInterval_ms = 0;  ///< at most one book in this time; 0: every change
-    bool trades = false;                      ///< wants trades
-    bool customFields = false;                ///< wants custom fields
+    std::int32_t depth = kDefaultDepth;      ///< levels a side, or one of the two above
+    std::uint32_t conflationInterval_ms = 0; ///< at most one book in this time; 0: every change
+    bool trades = false;                     ///< wants trades
+    bool customFields = false;               ///< wants custom fields
 
     /// True when two scopes ask for the same data: all four fields agree.
     static bool IsSameScope(const CompositeSubscriptionInfo& a, const CompositeSubscriptionInfo& b) noexcept;

@@ -22,7 +22,8 @@ class CompositeSubscriptionState
 {
 public:
     using ScopeById =
-        std::unordered_map<std::uint64_t, std::tuple<CompositeSubscriptionInfo, std::shared_ptr<IFlexiblePriceObserver>>>;
+        std::unordered_map<std::uint64_t,
+                           std::tuple<CompositeSubscriptionInfo, std::shared_ptr<IFlexiblePriceObserver>>>;
 
     CompositeSubscriptionState() = default;
     /// `components`: which of the direct, implied and aggregated components are wanted.
@@ -34,8 +35,8 @@ public:
     bool wantsDirect = false;
     bool wantsImplied = false;
     bool wantsAggregated = false;
-    bool isStale = false;           ///< a live component has been silent for longer than the monitoring interval
-    std::int32_t provider = 0;      ///< a ProviderType::Value
+    bool isStale = false;      ///< a live component has been silent for longer than the monitoring interval
+    std::int32_t provider = 0; ///< a ProviderType::Value
 
     // A collaborator that wants to hand its clients on with a state files them here. The composite subscription of this
     // server leaves both empty: a copy of the state rides on each notification, and must hold nobody's observer.

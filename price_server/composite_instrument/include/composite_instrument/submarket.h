@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <functional>
 
-
 namespace ps_ns
 {
 

@@ -11,16 +11,16 @@ struct SubscriptionResult
 {
     enum Value : int
     {
-        Success = 0,                   ///< the component is subscribed
-        DuplicateSubscription = 12,    ///< direct subscribe: the instrument has a composite subscription already
-        NoSubscription = 13,           ///< there is no composite subscription for the instrument
-        DirectSubscriptionFailed = 17, ///< flexible subscribe: the components could not be subscribed
-        DuplicateSubscriptionId = 23,  ///< the subscription id is taken on this instrument
-        UnknownSubscriptionId = 24,    ///< the id is unknown, or another observer subscribed with it
+        Success = 0,                    ///< the component is subscribed
+        DuplicateSubscription = 12,     ///< direct subscribe: the instrument has a composite subscription already
+        NoSubscription = 13,            ///< there is no composite subscription for the instrument
+        DirectSubscriptionFailed = 17,  ///< flexible subscribe: the components could not be subscribed
+        DuplicateSubscriptionId = 23,   ///< the subscription id is taken on this instrument
+        UnknownSubscriptionId = 24,     ///< the id is unknown, or another observer subscribed with it
         SubscribeComponentsFailed = 25, ///< direct subscribe: the components could not be subscribed
-        Refused = 63,  ///< direct subscribe, at once: the instrument has a handle already, or is synthetic
+        Refused = 63,   ///< direct subscribe, at once: the instrument has a handle already, or is synthetic
         Accepted = 100, ///< direct subscribe, at once: the request is queued
-        None = 255     ///< the component has not answered yet
+        None = 255      ///< the component has not answered yet
     };
 
     /// "NoSubscription" and the like; "Unknown" for a number that is none of the above.

@@ -18,7 +18,8 @@ class OrderBook;
 class Trade;
 
 // No virtual destructor on purpose: the interface's layout is shared with users that expect the nine operations and
-// nothing before them. Make a factory with std::make_shared of its own class: the shared pointer then destroys it as that.
+// nothing before them. Make a factory with std::make_shared of its own class: the shared pointer then destroys it as
+// that.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 

@@ -23,8 +23,8 @@ public:
     double quantity;
     double netChange; ///< against the previous session
     double totalVolume;
-    std::uint64_t time_ns;          ///< ns since 1970 UTC
-    std::uint64_t venueId = 0;      ///< the venue's trade id; 0: none
+    std::uint64_t time_ns;     ///< ns since 1970 UTC
+    std::uint64_t venueId = 0; ///< the venue's trade id; 0: none
     std::uint64_t sequence = 0;
     std::uint32_t flags = 0;
     std::uint32_t aggressor = kNotKnown; ///< a Trade::Aggressor

@@ -16,9 +16,15 @@ QueueThreadScope::QueueThreadScope(const void* queue) noexcept
     t_queue = queue;
 }
 
-QueueThreadScope::~QueueThreadScope() { t_queue = m_outer; }
+QueueThreadScope::~QueueThreadScope()
+{
+    t_queue = m_outer;
+}
 
-bool IsQueueThread(const void* queue) noexcept { return t_queue == queue; }
+bool IsQueueThread(const void* queue) noexcept
+{
+    return t_queue == queue;
+}
 
 void AssertOnQueueThread([[maybe_unused]] const void* queue) noexcept
 {

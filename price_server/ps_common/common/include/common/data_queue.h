@@ -24,7 +24,8 @@ struct DataMsgTask
 ///
 /// It is the classic two-lock queue. The list always holds one dummy node at its head; producers append at the tail
 /// under a spin lock that is held for two pointer stores, the consumer advances the head under a lock of its own, and
-/// the two meet only in the `next` pointer of the last node. No insert wakes anybody: the consumer looks (queue_reader.h).
+/// the two meet only in the `next` pointer of the last node. No insert wakes anybody: the consumer looks
+/// (queue_reader.h).
 ///
 /// Threads: insert() from any thread; take() from one thread at a time; shutdown() from the owner's.
 ///
@@ -64,7 +65,8 @@ public:
     const std::string& name() const noexcept { return m_name; }
 
 private:
-    /// A whole cache line each, so that the consumer's reads of one node do not disturb the producer that fills the next.
+    /// A whole cache line each, so that the consumer's reads of one node do not disturb the producer that fills the
+    /// next.
     struct alignas(kCacheLineSize) Node
     {
         Element* value = nullptr;

@@ -33,8 +33,8 @@ public:
     Task(const Task&) = delete;
     Task& operator=(const Task&) = delete;
 
-    std::uint32_t m_tag = 1;                ///< for the reader; 1 on every task built here
-    std::function<void(Task*)> m_disposer;  ///< empty: whoever is done with the task deletes it
+    std::uint32_t m_tag = 1;               ///< for the reader; 1 on every task built here
+    std::function<void(Task*)> m_disposer; ///< empty: whoever is done with the task deletes it
 
 protected:
     Task() = default;
