@@ -65,6 +65,7 @@ bool StopSignals::WaitFor(std::chrono::milliseconds time)
 
 void StopSignals::Run()
 {
+    std::chrono::steady_clock::time_point firstTime;
     for (;;)
     {
         std::array<pollfd, 2> ready{{{m_signals, POLLIN, 0}, {m_end, POLLIN, 0}}};
@@ -75,11 +76,17 @@ void StopSignals::Run()
         signalfd_siginfo info{};
         if (ready[0].revents != 0 && ::read(m_signals, &info, sizeof info) > 0)
         {
+            const auto now = std::chrono::steady_clock::now();
+            if (m_isRequested.load() && now - firstTime < kSameRequest)
+            {
+                continue;
+            }
             if (m_isRequested.load())
             {
                 m_onSecond();
                 ::_exit(ExitSecondSignal);
             }
+            firstTime = now;
             m_onFirst();
             const std::lock_guard lock(m_mutex);
             m_isRequested.store(true);

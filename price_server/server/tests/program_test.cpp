@@ -100,6 +100,15 @@ TEST(Program, StopsWithinTwoSecondsOfASignal)
     }
 }
 
+TEST(Program, TakesTwoSignalsThatComeTogetherForOneRequest)
+{
+    ChildProcess program({});
+    ASSERT_TRUE(program.WaitForOutput("\n")) << program.GetErrors();
+    program.Signal(SIGTERM);
+    program.Signal(SIGINT);
+    EXPECT_EQ(program.WaitForExit(), ExitOk) << program.GetErrors();
+}
+
 TEST(Program, StopsWithinTwoSecondsAlthoughNobodyReadsItsOutput)
 {
     ChildProcess program(

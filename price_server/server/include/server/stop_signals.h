@@ -11,12 +11,15 @@ namespace ps_ns
 {
 
 /// Turns SIGINT, SIGTERM and SIGHUP into a request to stop. The second of them ends the process at once, with exit code
-/// 130. SIGPIPE is ignored from then on: who writes hears of a reader that has gone.
+/// 130; one that follows the first within kSameRequest is the same request: supervisors such as timeout(1) signal both
+/// the process and its group. SIGPIPE is ignored from then on: who writes hears of a reader that has gone.
 ///
 /// Threads: made on the main thread before there is any other, so that all threads have these signals blocked.
 class StopSignals
 {
 public:
+    static constexpr std::chrono::milliseconds kSameRequest{200};
+
     /// `onFirst` runs on the signals' own thread at the first signal, `onSecond` just before the process ends. Both are
     /// quick.
     StopSignals(std::function<void()> onFirst, std::function<void()> onSecond);
