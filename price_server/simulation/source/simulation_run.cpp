@@ -1,0 +1,490 @@
+#include "simulation_run.h"
+
+#include "logging/logging.h"
+
+#include <algorithm>
+#include <chrono>
+#include <iterator>
+
+namespace ps_ns::simulation
+{
+
+using ps_messages_ns::SubscriptionResult;
+
+namespace
+{
+
+/// How the symbols of the components begin.
+constexpr std::array<const char*, 3> kPrefixes{"", "IM_", "AI_"};
+
+template <class Container>
+const auto& Choose(const Container& container, std::uint32_t number)
+{
+    return container[number % container.size()];
+}
+
+} // namespace
+
+SimulationRun::SimulationRun(const Scenario& scenario, const RunOptions& options)
+    : m_options(options)
+    , m_conditions{scenario.withZel, {}, {UnsubscribeOutcome::Later, UnsubscribeOutcome::Later}, {}, {}}
+    , m_world(m_conditions)
+    , m_model(m_conditions, m_expectations,
+              [this](const ReferenceSubscription& subscription) { return GetCounts(subscription); })
+{
+    m_model.expectsGaugeOnFlexibleUnsubscribe = options.modelIsWrong;
+    if (scenario.knowsDirectory)
+    {
+        for (const short market : kMarkets)
+        {
+            for (const auto provider : {ProviderType::Zel, ProviderType::Mds})
+            {
+                m_conditions.complete.insert({provider, market});
+                m_world.CompleteMarket(provider, market);
+            }
+        }
+    }
+}
+
+// --- What operations choose ------------------------------------------------------------------------------------------
+
+const CompositeInstrumentDef& SimulationRun::ChooseInstrument(std::uint32_t number) const
+{
+    return Choose(GetInstruments(), number);
+}
+
+unsigned long SimulationRun::ChooseHandle(std::uint32_t number) const
+{
+    // Mostly one that is out; now and then any number, 0 and the next one among them.
+    if (number % 5 != 0 && !m_model.byHandle.empty())
+    {
+        auto entry = m_model.byHandle.begin();
+        std::advance(entry, static_cast<long>(number / 5 % m_model.byHandle.size()));
+        return entry->first;
+    }
+    return number / 5 % (m_model.nextHandle + 1);
+}
+
+std::tuple<const CompositeInstrumentDef*, std::size_t, unsigned long>
+SimulationRun::ChooseClient(const Numbers& numbers) const
+{
+    const CompositeInstrumentDef& def = ChooseInstrument(numbers[0]);
+    const auto& names = GetFlexibleObserverNames();
+    std::size_t observer = numbers[1] % names.size();
+    unsigned long id = numbers[2] % kIdCount + 1;
+    const auto live = m_model.live.find(CompositeInstrumentID(def));
+    if (numbers[1] % 4 != 0 && live != m_model.live.end() && !live->second->clients.empty())
+    {
+        id = Choose(live->second->clients, numbers[2]);
+        const std::string& name = live->second->scopes.at(id).observer;
+        observer = static_cast<std::size_t>(std::find(names.begin(), names.end(), name) - names.begin());
+    }
+    return {&def, observer, id};
+}
+
+std::optional<int> SimulationRun::ChooseLink(std::uint32_t number, bool isUnsubscribing) const
+{
+    const std::vector<int> links = m_model.providers.GetLinks(isUnsubscribing);
+    return links.empty() ? std::nullopt : std::optional<int>(Choose(links, number));
+}
+
+// --- Operations ------------------------------------------------------------------------------------------------------
+
+void SimulationRun::Step(const Operation& operation)
+{
+    if (m_options.keepsTrace)
+    {
+        std::string line = "> " + std::string(GetName(operation.kind));
+        for (const std::uint32_t number : operation.numbers)
+        {
+            line += " " + std::to_string(number);
+        }
+        result.trace.push_back(std::move(line));
+    }
+    Do(operation);
+    CompareState();
+}
+
+void SimulationRun::Do(const Operation& operation)
+{
+    ++result.stepCount;
+    const Numbers& n = operation.numbers;
+    switch (operation.kind)
+    {
+    case OperationKind::RunQueue:
+        for (std::uint32_t i = 0; i <= n[0] % 4; ++i)
+        {
+            RunQueue();
+        }
+        return;
+    case OperationKind::RunExecutor:
+        if (!m_model.executors.empty())
+        {
+            const short market = Choose(m_model.executors, n[0]);
+            for (std::uint32_t i = 0; i <= n[1] % 8; ++i)
+            {
+                RunExecutor(market);
+            }
+        }
+        return;
+    case OperationKind::RunEverything:
+        RunEverything();
+        return;
+    case OperationKind::PassTime:
+        m_world.time.Advance(std::chrono::milliseconds(n[0]));
+        CompareEvents();
+        return;
+    default:
+        break;
+    }
+    if (DoRequest(operation) || DoProvider(operation))
+    {
+        CompareEvents();
+        return;
+    }
+    DoCondition(operation);
+}
+
+void SimulationRun::RunQueue()
+{
+    if (!m_expectations.HasActions())
+    {
+        return;
+    }
+    ++result.stepCount;
+    m_expectations.RunAction();
+    m_world.RunQueue();
+    CompareEvents();
+}
+
+std::size_t SimulationRun::GetExecutor(short marketId) const
+{
+    return static_cast<std::size_t>(std::find(m_model.executors.begin(), m_model.executors.end(), marketId) -
+                                    m_model.executors.begin());
+}
+
+bool SimulationRun::IsIdle(short marketId) const
+{
+    return m_world.executors->GetWaiting(GetExecutor(marketId)) == 0;
+}
+
+void SimulationRun::RunExecutor(short marketId)
+{
+    const std::size_t index = GetExecutor(marketId);
+    if (m_world.executors->GetWaiting(index) != 0)
+    {
+        ++result.stepCount;
+        m_world.RunExecutor(index);
+        CompareExecutorEvents(marketId);
+    }
+    if (m_world.executors->GetWaiting(index) == 0 && m_expectations.HasCallbacks(marketId))
+    {
+        throw Difference("a callback is missing: " + m_expectations.TakeCallback(marketId).front());
+    }
+}
+
+void SimulationRun::RunEverything()
+{
+    for (bool anyRan = true; anyRan;)
+    {
+        anyRan = false;
+        while (m_expectations.HasActions())
+        {
+            RunQueue();
+            anyRan = true;
+        }
+        for (std::size_t i = 0; i < m_model.executors.size(); ++i)
+        {
+            while (m_world.executors->GetWaiting(i) != 0)
+            {
+                RunExecutor(m_model.executors[i]);
+                anyRan = true;
+            }
+        }
+    }
+}
+
+void SimulationRun::DoDirectSubscribe(const Numbers& n, bool isLeg)
+{
+    const CompositeInstrumentDef& def = ChooseInstrument(n[0]);
+    const CompositeSubscriptionInfo& info = Choose(GetScopes(), n[1]);
+    const std::size_t observer = n[2] % GetDirectObserverNames().size();
+    const unsigned long id = n[3] % kIdCount + 1;
+    const auto& real = m_world.directObservers[observer];
+    const auto answer = isLeg ? m_world.manager->SyntheticLegSubscribe(n[3], def, info, real, id)
+                              : m_world.manager->Subscribe(def, info, real, id);
+    const auto expected = m_model.SubscribeDirect(def, info, GetDirectObserverNames()[observer], id);
+    Same("the handle of a subscribe", answer.first, expected.first);
+    Same("the answer to a subscribe", static_cast<int>(answer.second), static_cast<int>(expected.second));
+}
+
+void SimulationRun::DoHandleRequest(const Operation& operation)
+{
+    const Numbers& n = operation.numbers;
+    const unsigned long handle = ChooseHandle(n[0]);
+    const CompositeSubscriptionInfo& info = Choose(GetScopes(), n[1]);
+    const unsigned long id = n[2] % kIdCount + 1;
+    const bool flag = n[3] % 2 != 0;
+    CompositeSubscriptionMgr& manager = *m_world.manager;
+    switch (operation.kind)
+    {
+    case OperationKind::UnsubscribeHandle:
+        return Same("the answer to an unsubscribe", manager.Unsubscribe(handle), m_model.UnsubscribeHandle(handle));
+    case OperationKind::AddScope:
+        return Same("the answer to AddScope", manager.AddScope(handle, info, id), m_model.AddScope(handle, info, id));
+    case OperationKind::RemoveScope:
+        return Same("the answer to RemoveScope", manager.RemoveScope(handle, id), m_model.RemoveScope(handle, id));
+    default:
+        return Same("the answer to ChangeScope", manager.ChangeScope(handle, info, id, flag),
+                    m_model.ChangeScope(handle, info, id, flag));
+    }
+}
+
+bool SimulationRun::DoRequest(const Operation& operation)
+{
+    const Numbers& n = operation.numbers;
+    CompositeSubscriptionMgr& manager = *m_world.manager;
+    const CompositeSubscriptionInfo& info = Choose(GetScopes(), n[3] / 2);
+    switch (operation.kind)
+    {
+    case OperationKind::SubscribeDirect:
+    case OperationKind::SubscribeLeg:
+        DoDirectSubscribe(n, operation.kind == OperationKind::SubscribeLeg);
+        return true;
+    case OperationKind::UnsubscribeHandle:
+    case OperationKind::AddScope:
+    case OperationKind::RemoveScope:
+    case OperationKind::ChangeScope:
+        DoHandleRequest(operation);
+        return true;
+    case OperationKind::SubscribeFlexible:
+    {
+        const CompositeInstrumentDef& def = ChooseInstrument(n[0]);
+        const std::size_t observer = n[1] % GetFlexibleObserverNames().size();
+        const unsigned long id = n[2] % kIdCount + 1;
+        manager.Subscribe(def, info, *m_world.factory, m_world.flexibleObservers[observer], id);
+        m_model.SubscribeFlexible(def, info, GetFlexibleObserverNames()[observer], id);
+        return true;
+    }
+    case OperationKind::UnsubscribeFlexible:
+    {
+        const auto [def, observer, id] = ChooseClient(n);
+        manager.Unsubscribe(*def, m_world.flexibleObservers[observer], id);
+        m_model.UnsubscribeFlexible(*def, GetFlexibleObserverNames()[observer], id);
+        return true;
+    }
+    case OperationKind::ChangeFlexibleScope:
+    {
+        const auto [def, observer, id] = ChooseClient(n);
+        const bool flag = n[3] % 2 != 0;
+        manager.ChangeScope(*def, info, m_world.flexibleObservers[observer], id, flag);
+        m_model.ChangeFlexibleScope(*def, info, GetFlexibleObserverNames()[observer], id, flag);
+        return true;
+    }
+    case OperationKind::ChangeSymbol:
+    {
+        const short market = n[0] % 4 == 0 ? kMarkets[1] : kMarkets[0];
+        manager.ChangeSymbol(market, Choose(GetSymbols(), n[1]), Choose(GetSymbols(), n[2]));
+        m_model.ChangeSymbol(market, Choose(GetSymbols(), n[1]), Choose(GetSymbols(), n[2]));
+        return true;
+    }
+    case OperationKind::CheckPending:
+        m_model.PostCheckPending();
+        ActionCenter<CompositeSubscriptionMgr::Queue, Task>(&m_world.queue.Get(), nullptr)
+            .ExecuteAction([&manager] { manager.CheckProviderPendingSubscriptions(); }, "");
+        return true;
+    case OperationKind::NullTeardown:
+        m_model.NullTeardown(ChooseInstrument(n[0]));
+        manager.OnUnsubscribeCompositeSubscription(nullptr, ChooseInstrument(n[0]));
+        return true;
+    case OperationKind::FileSynthetic:
+    case OperationKind::CompleteSynthetic:
+        DoSynthetic(operation);
+        return true;
+    default:
+        return false;
+    }
+}
+
+void SimulationRun::DoSynthetic(const Operation& operation)
+{
+    const Numbers& n = operation.numbers;
+    const CompositeInstrumentDef& def = ChooseInstrument(n[0]);
+    const unsigned long handle = n[1] % 4;
+    if (operation.kind == OperationKind::CompleteSynthetic)
+    {
+        m_world.manager->OnSyntheticUnsubscribeComplete(handle, def);
+        m_model.CompleteSynthetic(handle, def);
+    }
+    else if (n[2] % 2 == 0)
+    {
+        m_world.Access().PendingSyntheticByHandle().try_emplace(handle, nullptr);
+        m_model.syntheticByHandle.try_emplace(handle, 0);
+    }
+    else
+    {
+        m_world.Access().PendingSyntheticByInstrument().try_emplace(CompositeInstrumentID(def), nullptr);
+        m_model.syntheticByInstrument.try_emplace(CompositeInstrumentID(def), 0);
+    }
+}
+
+bool SimulationRun::DoProvider(const Operation& operation)
+{
+    const Numbers& n = operation.numbers;
+    const bool isUnsubscribing = operation.kind == OperationKind::AnswerUnsubscribe ||
+                                 operation.kind == OperationKind::DropUnsubscribe ||
+                                 operation.kind == OperationKind::AnswerTooLate;
+    const std::optional<int> link = ChooseLink(n[0], isUnsubscribing);
+    const bool ok = n[1] % 8 != 0;
+    const Result answer = ok ? SubscriptionResult::Success : SubscriptionResult::DirectSubscriptionFailed;
+    switch (operation.kind)
+    {
+    case OperationKind::AnswerSubscribe:
+        if (link && !m_model.providers.links.at(*link).isAnswered)
+        {
+            m_world.Answer(*link, answer, GetFormat(n[2]));
+            m_model.providers.links.at(*link).subscription->OnAnswer(*link, answer, GetFormat(n[2]));
+        }
+        return true;
+    case OperationKind::AnswerTooLate:
+        if (link && !m_model.providers.links.at(*link).isAnswered)
+        {
+            m_expectations.faults.Count(Fault::AnswerTooLate);
+            m_world.Answer(*link, answer, GetFormat(n[2]));
+            m_model.providers.links.at(*link).isAnswered = true;
+        }
+        return true;
+    case OperationKind::AnswerUnsubscribe:
+        if (link)
+        {
+            m_world.AnswerUnsubscribe(*link, ok);
+            m_model.providers.links.at(*link).subscription->OnUnsubscribed(*link, ok);
+        }
+        return true;
+    case OperationKind::DropUnsubscribe:
+        // What waits on the executor may hold the listener too: only without it the provider is the last to let go.
+        if (link && IsIdle(m_model.providers.links.at(*link).subscription->def.marketId))
+        {
+            m_expectations.faults.Count(Fault::AnswerDropped);
+            m_world.DropUnsubscribe(*link);
+            m_model.providers.links.at(*link).subscription->OnUnsubscribed(*link, false);
+        }
+        return true;
+    case OperationKind::SendBook:
+        if (link)
+        {
+            m_world.SendBook(*link, n[1] % 3 == 0, n[2] % 12, n[3]);
+        }
+        return true;
+    case OperationKind::SendTrade:
+        if (link)
+        {
+            m_world.SendTrade(*link);
+        }
+        return true;
+    case OperationKind::SendCustomFields:
+        if (link)
+        {
+            m_world.SendCustomFields(*link);
+        }
+        return true;
+    default:
+        return false;
+    }
+}
+
+void SimulationRun::LearnNewSymbol(const Numbers& n)
+{
+    // Mostly one that somebody waits for.
+    short market = Choose(kMarkets, n[0]);
+    std::string symbol = Choose(kPrefixes, n[1] / 5) + Choose(GetSymbols(), n[1]);
+    if (n[2] % 4 != 0 && !m_model.pendingProvider.empty())
+    {
+        auto entry = m_model.pendingProvider.begin();
+        std::advance(entry, static_cast<long>(n[1] % m_model.pendingProvider.size()));
+        market = entry->first.marketId;
+        symbol = entry->first.symbol;
+    }
+    m_conditions.mdsKnows.insert({market, symbol});
+    m_world.LearnSymbol(market, symbol);
+}
+
+void SimulationRun::DoCondition(const Operation& operation)
+{
+    static constexpr std::array<int, 5> levels{0, 0, 10, 20, 40};
+    const Numbers& n = operation.numbers;
+    switch (operation.kind)
+    {
+    case OperationKind::SetSubscribeOutcome:
+    {
+        // Every second one puts things right again: trouble is to be common, not all there is.
+        const auto outcome = static_cast<SubscribeOutcome>(n[2] % static_cast<unsigned>(SubscribeOutcome::kCount));
+        m_conditions.subscribe[Choose(kPrefixes, n[1] / 3) + Choose(GetSymbols(), n[0])] =
+            n[3] % 2 == 0 ? SubscribeOutcome::Subscribes : outcome;
+        return;
+    }
+    case OperationKind::SetUnsubscribeOutcome:
+        m_conditions.unsubscribe[n[0] % 2] = static_cast<UnsubscribeOutcome>(
+            n[1] % 8 < static_cast<unsigned>(UnsubscribeOutcome::kCount) ? n[1] % 8 : 0);
+        return;
+    case OperationKind::MakeObserverThrow:
+    case OperationKind::MakeFactoryThrow:
+    {
+        const std::string observer = operation.kind == OperationKind::MakeFactoryThrow ? "factory"
+                                     : n[0] % 2 == 0 ? Choose(GetDirectObserverNames(), n[1])
+                                                     : Choose(GetFlexibleObserverNames(), n[1]);
+        ++m_expectations.throwsOwed[observer];
+        ++m_world.recorder.throwsOwed[observer];
+        return;
+    }
+    case OperationKind::MakeDataObserverThrow:
+        ++m_world.recorder.dataThrowsOwed[n[0] % 2 == 0 ? Choose(GetDirectObserverNames(), n[1])
+                                                        : Choose(GetFlexibleObserverNames(), n[1])];
+        return;
+    case OperationKind::LearnSymbol:
+        return LearnNewSymbol(n);
+    case OperationKind::CompleteMarket:
+    {
+        const auto provider = n[0] % 2 == 0 ? ProviderType::Zel : ProviderType::Mds;
+        m_conditions.complete.insert({provider, Choose(kMarkets, n[1])});
+        m_world.CompleteMarket(provider, Choose(kMarkets, n[1]));
+        return;
+    }
+    case OperationKind::SetLogLevel:
+        zel::logging::g_minLogLevel.store(Choose(levels, n[0]));
+        return;
+    case OperationKind::ShutDownQueue:
+        // Rarely: nothing much happens afterwards.
+        if (n[0] % 4 == 0)
+        {
+            m_expectations.isQueueShutDown = true;
+            m_world.queue.Get().shutdown();
+        }
+        return;
+    default:
+        throw std::logic_error("there is an operation that nothing does");
+    }
+}
+
+void SimulationRun::End(bool settled)
+{
+    if (settled)
+    {
+        RunEverything();
+        CompareState();
+        CompareBooks();
+    }
+    else
+    {
+        m_expectations.faults.Count(Fault::EndedUnsettled);
+    }
+    CompareLeftovers();
+}
+
+RunResult SimulationRun::TakeResult()
+{
+    result.faults = m_expectations.faults;
+    return std::move(result);
+}
+
+} // namespace ps_ns::simulation
