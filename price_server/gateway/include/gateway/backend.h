@@ -1,0 +1,40 @@
+#pragma once
+
+#include "simple_subscription/instrument_directory.h"
+#include "simple_subscription/market_table.h"
+
+#include <functional>
+#include <vector>
+
+namespace ps_ns
+{
+class CompositeSubscriptionMgr;
+class SimpleSubscriptionMgr;
+} // namespace ps_ns
+
+namespace ps_ns::gateway
+{
+
+/// The server that a gateway stands in, as the gateway sees it.
+///
+/// Threads: any.
+class IBackend
+{
+public:
+    virtual ~IBackend() = default;
+
+    /// Calls `request` with the manager; false: the server does not take requests just now, and nothing was called.
+    virtual bool TryRequest(const std::function<void(CompositeSubscriptionMgr&)>& request) = 0;
+
+    /// Runs `task` on the data-queue thread, where the composite subscriptions may be read; false: it will not run. A
+    /// task that was taken may still be dropped when the server stops.
+    virtual bool RunOnQueue(std::function<void(CompositeSubscriptionMgr&, SimpleSubscriptionMgr&)> task) = 0;
+
+    virtual const MarketTable& GetMarkets() const = 0;
+    /// The instruments that the providers know so far.
+    virtual std::vector<DirectoryEntry> GetDirectoryEntries() const = 0;
+    /// True between the moment when all providers know their instruments and the beginning of the stop.
+    virtual bool IsReady() const = 0;
+};
+
+} // namespace ps_ns::gateway

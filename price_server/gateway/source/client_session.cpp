@@ -1,0 +1,438 @@
+#include "client_session.h"
+
+#include "gateway_core.h"
+#include "price_unifier/source/composite_subscription_mgr.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace ps_ns::gateway
+{
+namespace
+{
+
+constexpr std::size_t kWriteBytes = 64 * 1024; // of one message to the client
+constexpr std::uint16_t kPolicyViolation = 1008;
+constexpr std::uint16_t kTryAgainLater = 1013;
+
+} // namespace
+
+ClientSession::ClientSession(GatewayCore& core, std::uint64_t number, std::string remote,
+                             std::optional<Identity> identity, std::function<void()> wake)
+    : m_core(core)
+    , m_number(number)
+    , m_remote(std::move(remote))
+    , m_since_ns(GetTime_ns())
+    , m_identity(std::move(identity))
+    , m_inbox(std::make_shared<Inbox>(std::move(wake)))
+    , m_out(core.GetOptions().limits.conflate_bytes, core.GetOptions().limits.close_bytes)
+    , m_rate(core.GetOptions().limits.requests_per_second, Clock::now())
+{
+}
+
+ClientSession::~ClientSession()
+{
+    End();
+}
+
+void ClientSession::Start()
+{
+    m_out.Push(FormatHello(m_number, m_core.GetOptions(), IsAuthenticated(), m_identity ? m_identity->rights : Rights{}));
+}
+
+void ClientSession::End()
+{
+    if (std::exchange(m_hasEnded, true))
+    {
+        return;
+    }
+    m_inbox->Close();
+    for (const auto& [id, subscription] : m_subscriptions)
+    {
+        m_core.Unsubscribe(subscription.def, subscription.subscriber, id);
+    }
+    m_subscriptions.clear();
+    m_idByRequest.clear();
+    m_waiting.clear();
+    m_out.Clear();
+}
+
+void ClientSession::EndWith(std::uint16_t code, std::string reason)
+{
+    if (!m_end)
+    {
+        m_end = SessionEnd{code, std::move(reason)};
+    }
+}
+
+// --- Requests --------------------------------------------------------------------------------------------------------
+
+void ClientSession::OnMessage(std::string_view message)
+{
+    while (!message.empty() && !m_end && !m_hasEnded)
+    {
+        const std::size_t end = message.find('\n');
+        const std::string_view line = message.substr(0, end);
+        message.remove_prefix(end == std::string_view::npos ? message.size() : end + 1);
+        if (line.find_first_not_of(" \t\r") != std::string_view::npos)
+        {
+            HandleLine(line);
+        }
+    }
+    Pump();
+}
+
+void ClientSession::HandleLine(std::string_view line)
+{
+    const Request request = ParseRequest(line);
+    if (!m_rate.Take(Clock::now()))
+    {
+        return Handle(RequestError{std::nullopt, "too_many_requests", "",
+                                   "more than " + std::to_string(m_core.GetOptions().limits.requests_per_second) +
+                                       " requests a second"});
+    }
+    const bool isAllowed = IsAuthenticated() || std::holds_alternative<AuthenticateRequest>(request);
+    if (!isAllowed)
+    {
+        return Handle(RequestError{std::nullopt, "unauthenticated", "", "a token must come first"});
+    }
+    std::visit([this](const auto& known) { Handle(known); }, request);
+}
+
+void ClientSession::Handle(const RequestError& error)
+{
+    m_out.Push(FormatError(error));
+}
+
+void ClientSession::Refuse(const std::string& request, const char* code, const char* where, std::string message)
+{
+    Handle(RequestError{request, code, where, std::move(message)});
+}
+
+void ClientSession::Handle(const PingRequest& request)
+{
+    m_out.Push(FormatPong(request.request));
+}
+
+void ClientSession::Handle(const AuthenticateRequest& request)
+{
+    if (IsAuthenticated())
+    {
+        return Handle(RequestError{std::nullopt, "bad_type", "type", "this session needs no token any more"});
+    }
+    m_identity = m_core.GetAccess().Check(request.token);
+    if (!m_identity)
+    {
+        m_core.CountRefusedToken();
+        return EndWith(kPolicyViolation, "wrong token");
+    }
+    m_out.Push(FormatAuthenticated(m_identity->rights));
+}
+
+ClientSession::Subscription* ClientSession::FindByRequest(const std::string& request)
+{
+    const auto id = m_idByRequest.find(request);
+    return id == m_idByRequest.end() ? nullptr : &m_subscriptions.at(id->second);
+}
+
+bool ClientSession::HasStream(const std::string& instrument, std::int32_t depth, const Subscription* except) const
+{
+    return std::any_of(m_subscriptions.begin(), m_subscriptions.end(),
+                       [&](const auto& entry)
+                       {
+                           const Subscription& subscription = entry.second;
+                           return &subscription != except && subscription.scope.depth == depth &&
+                                  subscription.stream->GetInstrument() == instrument;
+                       });
+}
+
+std::int32_t ClientSession::ResolveDepth(short marketId, std::int32_t depth) const
+{
+    const Market& market = m_core.GetBackend().GetMarkets().Get(marketId);
+    const auto most = static_cast<std::int32_t>(std::min<unsigned>(market.maxDepth, kMaxDepth));
+    if (depth == CompositeSubscriptionInfo::kDefaultDepth)
+    {
+        return std::min(static_cast<std::int32_t>(market.defaultDepth), most);
+    }
+    return depth == CompositeSubscriptionInfo::kMaxDepth ? most : std::min(depth, most);
+}
+
+void ClientSession::Handle(const SubscribeRequest& request)
+{
+    const Limits& limits = m_core.GetOptions().limits;
+    if (FindByRequest(request.request) != nullptr)
+    {
+        return Refuse(request.request, "duplicate_request", "request",
+                      "a subscription is called \"" + request.request + "\" already");
+    }
+    if (m_subscriptions.size() >= limits.subscriptions)
+    {
+        return Refuse(request.request, "too_many_subscriptions", "",
+                      "a session has at most " + std::to_string(limits.subscriptions) + " subscriptions");
+    }
+    const FoundInstrument found = m_core.FindInstrument(request.instrument);
+    if (!found.instrument)
+    {
+        return Refuse(request.request, "unknown_instrument", "instrument", found.problem);
+    }
+    const std::string name = found.instrument->GetName();
+    if (!m_identity->rights.Opens(found.instrument->market))
+    {
+        return Refuse(request.request, "forbidden", "instrument",
+                      "this token does not open the market " + found.instrument->market);
+    }
+    Subscription subscription;
+    subscription.def = MakeDefinition(*found.instrument);
+    subscription.scope = {ResolveDepth(subscription.def.marketId, request.depth), request.interval_ms,
+                          request.kinds.trades, request.kinds.fields};
+    if (HasStream(name, subscription.scope.depth, nullptr))
+    {
+        return Refuse(request.request, "duplicate_subscription", "depth",
+                      "this session has a subscription of " + name + " with depth " +
+                          std::to_string(subscription.scope.depth) + " already");
+    }
+    subscription.id = m_core.MakeSubscriptionId();
+    subscription.request = request.request;
+    subscription.kinds = request.kinds;
+    subscription.stream = m_core.GetStream(name, subscription.scope.depth);
+    subscription.subscriber = std::make_shared<Subscriber>("gateway-" + std::to_string(m_number), request.request, m_inbox);
+    if (!m_core.Subscribe(subscription.def, subscription.scope, subscription.subscriber, subscription.id))
+    {
+        return Refuse(request.request, "not_ready", "", "the server is starting or stopping");
+    }
+    m_out.Push(FormatAccepted(request.request, name, subscription.scope.depth));
+    m_idByRequest[request.request] = subscription.id;
+    m_subscriptions.emplace(subscription.id, std::move(subscription));
+}
+
+void ClientSession::Handle(const ChangeRequest& request)
+{
+    Subscription* const subscription = FindByRequest(request.subscription);
+    if (subscription == nullptr)
+    {
+        return Refuse(request.request, "unknown_subscription", "subscription",
+                      "no subscription is called \"" + request.subscription + "\"");
+    }
+    CompositeSubscriptionInfo scope = subscription->scope;
+    const Kinds kinds = request.kinds.value_or(subscription->kinds);
+    scope.depth = request.depth ? ResolveDepth(subscription->def.marketId, *request.depth) : scope.depth;
+    scope.conflationInterval_ms = request.interval_ms.value_or(scope.conflationInterval_ms);
+    scope.trades = kinds.trades;
+    scope.customFields = kinds.fields;
+    const std::string& name = subscription->stream->GetInstrument();
+    if (HasStream(name, scope.depth, subscription))
+    {
+        return Refuse(request.request, "duplicate_subscription", "depth",
+                      "this session has a subscription of " + name + " with depth " + std::to_string(scope.depth) +
+                          " already");
+    }
+    const bool needsImage = request.image || scope.depth != subscription->scope.depth ||
+                            (kinds.book && !subscription->kinds.book);
+    subscription->subscriber->SetRequest(request.request);
+    if (!m_core.ChangeScope(subscription->def, scope, subscription->subscriber, subscription->id, needsImage))
+    {
+        return Refuse(request.request, "not_ready", "", "the server is starting or stopping");
+    }
+    m_out.Push(FormatAccepted(request.request, name, scope.depth));
+    subscription->kinds = kinds;
+    subscription->scope = scope;
+    subscription->stream = m_core.GetStream(name, scope.depth);
+    if (needsImage)
+    {
+        // The newest book there is comes at once: the manager sends a snapshot only when the merged scope stays.
+        const SharedBook latest = subscription->waiting != nullptr ? subscription->waiting : subscription->sent;
+        subscription->sent.reset();
+        if (latest != nullptr && kinds.book)
+        {
+            OnBook(*subscription, latest);
+        }
+    }
+}
+
+void ClientSession::Handle(const UnsubscribeRequest& request)
+{
+    Subscription* const subscription = FindByRequest(request.subscription);
+    if (subscription == nullptr)
+    {
+        return Refuse(request.request, "unknown_subscription", "subscription",
+                      "no subscription is called \"" + request.subscription + "\"");
+    }
+    subscription->subscriber->SetRequest(request.request);
+    m_core.Unsubscribe(subscription->def, subscription->subscriber, subscription->id);
+    const unsigned long id = subscription->id;
+    m_waiting.erase(id);
+    m_idByRequest.erase(request.subscription);
+    m_subscriptions.erase(id);
+    m_out.Push(FormatAccepted(request.request, "", 0));
+}
+
+// --- Prices ----------------------------------------------------------------------------------------------------------
+
+void ClientSession::Pump()
+{
+    if (m_hasEnded)
+    {
+        return;
+    }
+    Inbox::Content content = m_inbox->Take();
+    for (Inbox::Event& event : content.events)
+    {
+        const auto subscription = m_subscriptions.find(event.subscription);
+        if (auto* const text = std::get_if<std::string>(&event.what))
+        {
+            m_out.Push(std::move(*text)); // also for a subscription that is gone: its last answer
+        }
+        else if (subscription == m_subscriptions.end())
+        {
+            continue;
+        }
+        else if (auto* const book = std::get_if<SharedBook>(&event.what))
+        {
+            OnBook(subscription->second, std::move(*book));
+        }
+        else if (const auto* const trades = std::get_if<SharedTrades>(&event.what))
+        {
+            OnTrades(subscription->second, *trades);
+        }
+        else if (const auto& fields = std::get<SharedFields>(event.what); !m_out.MustConflate())
+        {
+            m_out.Push(m_core.GetFieldsText(subscription->second.stream->GetInstrument(), fields));
+        }
+    }
+    for (auto& [id, overflow] : content.overflow)
+    {
+        const auto subscription = m_subscriptions.find(id);
+        if (subscription == m_subscriptions.end())
+        {
+            continue;
+        }
+        if (overflow.lostTrades != 0)
+        {
+            subscription->second.lostTrades += overflow.lostTrades;
+            m_lostTrades += overflow.lostTrades;
+            m_waiting.insert(id);
+        }
+        if (overflow.book != nullptr)
+        {
+            subscription->second.skipped += overflow.skippedBooks;
+            m_conflated += overflow.skippedBooks;
+            OnBook(subscription->second, std::move(overflow.book));
+        }
+    }
+    SendWaiting();
+    m_inbox->SetConflating(m_out.MustConflate());
+    if (m_out.IsOverfull())
+    {
+        EndWith(kTryAgainLater, "too slow: " + std::to_string(m_out.GetUnsent()) + " bytes are unsent");
+    }
+}
+
+void ClientSession::OnBook(Subscription& subscription, SharedBook book)
+{
+    if (!subscription.kinds.book)
+    {
+        return;
+    }
+    if (!m_out.MustConflate() && subscription.waiting == nullptr && subscription.skipped == 0)
+    {
+        SendBook(subscription, std::move(book));
+        return;
+    }
+    const std::uint64_t replaced = subscription.waiting != nullptr ? 1 : 0;
+    subscription.skipped += replaced;
+    m_conflated += replaced;
+    subscription.waiting = std::move(book);
+    m_waiting.insert(subscription.id);
+}
+
+void ClientSession::SendBook(Subscription& subscription, SharedBook book)
+{
+    // A book that was made before the depth was changed may be deeper.
+    if (static_cast<std::int32_t>(std::max(book->bids.count, book->asks.count)) > subscription.scope.depth)
+    {
+        book = book->Cut(static_cast<std::uint32_t>(subscription.scope.depth));
+    }
+    m_out.Push(subscription.stream->GetMessage(subscription.sent, book));
+    subscription.sent = std::move(book);
+}
+
+void ClientSession::OnTrades(Subscription& subscription, const SharedTrades& trades)
+{
+    constexpr std::size_t kReserve = 64 * 1024; // for books and results: trades alone must not end the session
+    const SharedText text = m_core.GetTradesText(subscription.stream->GetInstrument(), trades);
+    if (subscription.lostTrades == 0 && m_out.HasRoomFor(text->size() + kReserve))
+    {
+        m_out.Push(text);
+        return;
+    }
+    subscription.lostTrades += trades->size();
+    m_lostTrades += trades->size();
+    m_waiting.insert(subscription.id);
+}
+
+/// What has waited, once there is room: how much was left out, then the latest.
+void ClientSession::SendWaiting()
+{
+    while (!m_waiting.empty() && !m_out.MustConflate())
+    {
+        const auto first = m_waiting.begin();
+        Subscription& subscription = m_subscriptions.at(*first);
+        m_waiting.erase(first);
+        const std::string& instrument = subscription.stream->GetInstrument();
+        if (const auto lost = std::exchange(subscription.lostTrades, 0); lost != 0)
+        {
+            m_out.Push(FormatGap(instrument, lost));
+        }
+        if (const auto skipped = std::exchange(subscription.skipped, 0); skipped != 0)
+        {
+            m_out.Push(FormatConflated(instrument, subscription.scope.depth, skipped));
+        }
+        if (const SharedBook book = std::exchange(subscription.waiting, nullptr))
+        {
+            SendBook(subscription, book);
+        }
+    }
+}
+
+// --- Writing ---------------------------------------------------------------------------------------------------------
+
+std::vector<SharedText> ClientSession::BeginWrite()
+{
+    m_isWriting = true;
+    m_writeBegan = Clock::now();
+    std::vector<SharedText> texts = m_out.BeginWrite(kWriteBytes);
+    m_sentMessages += texts.size();
+    return texts;
+}
+
+void ClientSession::FinishWrite(std::size_t bytes)
+{
+    m_isWriting = false;
+    m_sentBytes += bytes;
+    m_out.FinishWrite();
+    Pump();
+}
+
+ClientSession::Clock::duration ClientSession::GetWriteAge(Clock::time_point now) const
+{
+    return m_isWriting ? now - m_writeBegan : Clock::duration::zero();
+}
+
+SessionView ClientSession::GetView() const
+{
+    SessionView view;
+    view.number = m_number;
+    view.remote = m_remote;
+    view.token = m_identity ? m_identity->name : "";
+    view.since_ns = m_since_ns;
+    view.subscriptions = m_subscriptions.size();
+    view.unsent_bytes = m_out.GetUnsent();
+    view.sent_bytes = m_sentBytes;
+    view.sentMessages = m_sentMessages;
+    view.conflated = m_conflated;
+    view.lostTrades = m_lostTrades;
+    view.oldestUnsent_ms = std::chrono::duration_cast<std::chrono::milliseconds>(GetWriteAge(Clock::now())).count();
+    return view;
+}
+
+} // namespace ps_ns::gateway

@@ -1,0 +1,20 @@
+#pragma once
+
+#include "composite_instrument/composite_component_type.h"
+
+#include <array>
+#include <cstddef>
+
+namespace ps_ns::gateway
+{
+
+inline constexpr std::array kComponents{CompositeComponentType::Direct, CompositeComponentType::Implied,
+                                        CompositeComponentType::Aggregated};
+
+constexpr const char* GetComponentName(CompositeComponentType::Type type) noexcept
+{
+    constexpr std::array kNames{"direct", "implied", "aggregated"};
+    return kNames[static_cast<std::size_t>(type)];
+}
+
+} // namespace ps_ns::gateway
