@@ -140,7 +140,7 @@ RenameBench::RenameBench(const RecordingWriter& recording, std::vector<TimedRena
     manager = std::make_unique<CompositeSubscriptionMgr>(simple.get());
     manager->UnitTestInit(Config::LoadText("<PriceServer/>", "test"), &queue.Get(),
                           std::make_shared<DefaultCompositePriceFactory>());
-    m_relay = std::make_unique<RenameRelay>(*manager, queue.Get(), clients, [this] { executors->RunAll(); });
+    relay = std::make_unique<RenameRelay>(*manager, queue.Get(), clients, [this] { executors->RunAll(); });
     if (startsProvider)
     {
         provider->Start();
@@ -154,7 +154,7 @@ RenameBench::~RenameBench()
     queue.RunAll();
     queue.Get().shutdown();
     executors->Stop();
-    m_relay.reset();
+    relay.reset();
     manager.reset();
     simple.reset();
 }
@@ -163,7 +163,7 @@ RenameBench::~RenameBench()
 void RenameBench::MakeStep(const std::vector<SymbolRename>& renames, const std::function<void()>& make)
 {
     bool isDone = false;
-    m_relay->Post(renames, make, [&isDone] { isDone = true; });
+    relay->Post(renames, make, [&isDone] { isDone = true; });
     for (int task = 0; !isDone; ++task)
     {
         ++tasksOfRenames;

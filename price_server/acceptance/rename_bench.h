@@ -94,12 +94,12 @@ public:
     std::shared_ptr<MdsProvider> provider;
     std::unique_ptr<SimpleSubscriptionMgr> simple;
     std::unique_ptr<CompositeSubscriptionMgr> manager;
+    std::unique_ptr<RenameRelay> relay;
 
 private:
     void MakeStep(const std::vector<SymbolRename>& renames, const std::function<void()>& make);
 
     RenameFolder m_folder;
-    std::unique_ptr<RenameRelay> m_relay;
 };
 
 } // namespace ps_ns::testing

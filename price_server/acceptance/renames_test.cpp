@@ -1,12 +1,13 @@
 #include "rename_bench.h"
 
-#include "base/queue_thread.h"
 #include "price_unifier/source/composite_instrument_subscription.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <future>
+#include <thread>
 
 using namespace ps_ns;
 using namespace ps_ns::testing;
@@ -198,6 +199,26 @@ TEST(Renames, LetTwoInstrumentsChangePlaces)
     EXPECT_THAT(bench.events.Filter("log 30"), IsEmpty());
 }
 
+TEST(Renames, LetThreeInstrumentsChangePlacesInACircle)
+{
+    RecordingWriter recording;
+    AddAround(recording, "2014-04-02", {"GOOCV", "GOOG", "FB"});
+    const std::uint64_t midnight_ns = EndOfDay("2014-04-02");
+    RenameBench bench(
+        recording,
+        {{midnight_ns, {1, "GOOCV", "GOOG"}}, {midnight_ns, {1, "GOOG", "FB"}}, {midnight_ns, {1, "FB", "GOOCV"}}});
+    const auto classC = bench.SubscribeDirect(kClassC);
+    const auto classA = bench.SubscribeDirect(kClassA);
+    const auto meta = bench.SubscribeDirect(kMeta);
+    bench.Play();
+    ExpectAllOf(bench, recording, "GOOCV", *classC);
+    ExpectAllOf(bench, recording, "GOOG", *classA);
+    ExpectAllOf(bench, recording, "FB", *meta);
+    EXPECT_EQ(bench.Live(kClassC)->GetSymbol(), "GOOG");
+    EXPECT_EQ(bench.Live(kClassA)->GetSymbol(), "FB");
+    EXPECT_EQ(bench.Live(kMeta)->GetSymbol(), "GOOCV");
+}
+
 TEST(Renames, GiveALaterClientOfTheSameIdentityTheNewSymbolInItsState)
 {
     const RecordingWriter recording = MakeRecordingOf("FB", "2022-06-08");
@@ -230,6 +251,12 @@ TEST(Renames, GiveALaterClientWithAnIdentityOfItsOwnTheInstrumentThatBearsTheNam
     EXPECT_TRUE(AreAllOf("GOOG", googl->books));
     EXPECT_EQ(GetNumbers(newGoog->books).back(), recording.GetNumbers("GOOCV").back());
     EXPECT_EQ(GetNumbers(googl->books).back(), recording.GetNumbers("GOOG").back());
+    // The name that nobody bears any more:
+    bench.SubscribeDirect(MakeUsDef(13, "GOOCV"));
+    bench.SubscribeFlexible(MakeUsDef(14, "GOOCV"), 5);
+    EXPECT_THAT(bench.events.Filter("DGOOCV.On"), ElementsAre("DGOOCV.OnSubscribe GOOCV result=25 component=0 @queue"));
+    EXPECT_THAT(bench.events.Filter("FGOOCV.On"),
+                ElementsAre("FGOOCV.OnSubscribe id=5 GOOCV result=17 component=0 @executor"));
 }
 
 TEST(Renames, GoByTheIdentityOfALaterClientNotByTheNameThatItAsksFor)
@@ -323,4 +350,84 @@ TEST(Renames, DecideASymbolThatIsStillUndecidedUnderItsOldName)
     // Nobody decided before the rename: its books begin there.
     const std::vector<std::uint64_t>& numbers = recording.GetNumbers("FB");
     EXPECT_EQ(GetNumbers(client->books), std::vector<std::uint64_t>(numbers.begin() + 2, numbers.end()));
+}
+
+namespace
+{
+
+/// A client in the middle of a request, on a thread of its own, until it dies.
+class RequestInProgress
+{
+public:
+    explicit RequestInProgress(ClientGate& clients)
+    {
+        clients.Open();
+        m_client = std::thread(
+            [this, &clients]
+            {
+                clients.Pass(
+                    [this]
+                    {
+                        m_isInside.set_value();
+                        m_mayLeave.get_future().wait();
+                    });
+            });
+        m_isInside.get_future().wait();
+    }
+    ~RequestInProgress()
+    {
+        m_mayLeave.set_value();
+        m_client.join();
+    }
+    RequestInProgress(const RequestInProgress&) = delete;
+    RequestInProgress& operator=(const RequestInProgress&) = delete;
+
+private:
+    std::promise<void> m_isInside;
+    std::promise<void> m_mayLeave;
+    std::thread m_client;
+};
+
+} // namespace
+
+TEST(RenameRelay, LetsARequestThatIsBeingMadeGoFirstAndWaitsForNobody)
+{
+    RenameBench bench(MakeGoogleRecording(), {});
+    int made = 0;
+    int done = 0;
+    {
+        const RequestInProgress request(bench.clients);
+        bench.relay->Post(
+            {{1, "GOOG", "GOOGL"}}, [&] { ++made; }, [&] { ++done; });
+        for (int task = 0; task < 100; ++task)
+        {
+            ASSERT_TRUE(bench.queue.RunOne());
+        }
+        EXPECT_THAT(bench.GetChangeLines(), IsEmpty());
+    }
+    bench.queue.RunAll();
+    EXPECT_THAT(bench.GetChangeLines(), ElementsAre(Waiting(0, "GOOG", "GOOGL")));
+    EXPECT_EQ(made, 1);
+    EXPECT_EQ(done, 1);
+}
+
+TEST(RenameRelay, GoesOnInTheEndAlthoughARequestDoesNotEnd)
+{
+    RenameBench bench(MakeGoogleRecording(), {});
+    int done = 0;
+    const RequestInProgress request(bench.clients);
+    bench.relay->Post(
+        {{1, "GOOG", "GOOGL"}}, [] {}, [&] { ++done; });
+    bench.queue.RunAll();
+    EXPECT_EQ(done, 1);
+    EXPECT_THAT(bench.events.Filter("log 20"), ElementsAre(HasSubstr("while clients make requests")));
+}
+
+TEST(RenameRelay, DoesNotWaitForAQueueThatIsShutDown)
+{
+    RenameBench bench(MakeGoogleRecording(), {});
+    bench.queue.Get().shutdown();
+    bool isMade = false;
+    bench.relay->Run({{1, "GOOG", "GOOGL"}}, [&] { isMade = true; });
+    EXPECT_FALSE(isMade);
 }

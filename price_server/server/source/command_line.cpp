@@ -61,7 +61,11 @@ void AddRenameOption(CLI::App& app, CommandLine& line)
            "--rename",
            [&line](const std::vector<std::string>& values)
            {
-               for (std::size_t i = 0; i + kArguments <= values.size(); i += kArguments)
+               if (values.empty() || values.size() % kArguments != 0)
+               {
+                   throw CLI::ValidationError("--rename", "OLD, NEW and WHEN are expected each time");
+               }
+               for (std::size_t i = 0; i < values.size(); i += kArguments)
                {
                    line.renames.push_back({values[i], values[i + 1], values[i + 2]});
                }
@@ -69,7 +73,7 @@ void AddRenameOption(CLI::App& app, CommandLine& line)
            "rename an instrument: [MARKET:]OLD NEW WHEN, where WHEN is the last day of the old\n"
            "symbol (YYYY-MM-DD, in UTC) or the new one's first moment (YYYY-MM-DDThh:mm:ssZ)")
         ->type_size(kArguments)
-        ->expected(0, CLI::detail::expected_max_vector_size)
+        ->expected(1, CLI::detail::expected_max_vector_size)
         ->type_name("OLD NEW WHEN");
 }
 
