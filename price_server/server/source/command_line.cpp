@@ -30,6 +30,7 @@ Examples:
   price_server
   price_server --replay spot.csv.zst usdm.csv.zst --watch SPOT:BTCUSDT --depth 5
   price_server --replay spot.csv.zst --speed max --once --watch BTCUSDT | head
+  price_server --replay us.csv.zst --rename FB META 2022-06-08 --watch FB
   price_server --config price_server.xml --check-config)";
 
 std::string ReadSpeed(const std::string& text)
@@ -52,6 +53,30 @@ CLI::Validator FiniteFrom(double least, double most)
         "");
 }
 
+/// Three arguments each time that it is there.
+void AddRenameOption(CLI::App& app, CommandLine& line)
+{
+    constexpr std::size_t kArguments = 3;
+    app.add_option_function<std::vector<std::string>>(
+           "--rename",
+           [&line](const std::vector<std::string>& values)
+           {
+               if (values.empty() || values.size() % kArguments != 0)
+               {
+                   throw CLI::ValidationError("--rename", "OLD, NEW and WHEN are expected each time");
+               }
+               for (std::size_t i = 0; i < values.size(); i += kArguments)
+               {
+                   line.renames.push_back({values[i], values[i + 1], values[i + 2]});
+               }
+           },
+           "rename an instrument: [MARKET:]OLD NEW WHEN, where WHEN is the last day of the old\n"
+           "symbol (YYYY-MM-DD, in UTC) or the new one's first moment (YYYY-MM-DDThh:mm:ssZ)")
+        ->type_size(kArguments)
+        ->expected(1, CLI::detail::expected_max_vector_size)
+        ->type_name("OLD NEW WHEN");
+}
+
 void AddSourceOptions(CLI::App& app, CommandLine& line)
 {
     auto* const config = app.add_option("--config", line.configFile, "configuration file (XML)")->type_name("FILE");
@@ -64,6 +89,9 @@ void AddSourceOptions(CLI::App& app, CommandLine& line)
         ->transform(CLI::Validator([](std::string& text) { return text = ReadSpeed(text), std::string(); }, ""))
         ->check(FiniteFrom(0, 1e6))
         ->type_name("N");
+    app.add_option("--renames", line.renameFiles, "rename instruments while they are served, as these files (.csv) say")
+        ->type_name("FILE");
+    AddRenameOption(app, line);
     auto* const loop = app.add_flag("--loop", line.loops, "begin again at the end of the recording");
     app.add_flag("--once", line.playsOnce, "exit at the end of the recording; usual with --replay")->excludes(loop);
     app.add_option("--seed", line.seed, "of the simulated market")->check(CLI::NonNegativeNumber)->type_name("N");

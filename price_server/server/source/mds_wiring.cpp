@@ -42,6 +42,12 @@ ImpliedRule ToRule(const ImpliedRuleSettings& settings)
     return rule;
 }
 
+TimedRename ToTimedRename(const RenameSettings& settings)
+{
+    constexpr short kEveryMarket = -1;
+    return {settings.time_ns, {settings.marketId.value_or(kEveryMarket), settings.oldSymbol, settings.newSymbol}};
+}
+
 std::unique_ptr<IMarketSource> MakeSource(const MdsSettings& settings, const MarketTable& markets, bool alignsStarts)
 {
     if (settings.replay)
@@ -67,11 +73,14 @@ std::unique_ptr<IMarketSource> MakeSource(const MdsSettings& settings, const Mar
 } // namespace
 
 std::shared_ptr<MdsProvider> MakeMdsProvider(const MdsSettings& settings, const MarketTable& markets, bool alignsStarts,
-                                             const std::shared_ptr<PriceGate>& gate)
+                                             const std::shared_ptr<PriceGate>& gate, MdsRenameStep renameStep)
 {
     MdsOptions options;
     options.speed = settings.replay ? settings.replay->speed : 1.0;
     std::transform(settings.implied.begin(), settings.implied.end(), std::back_inserter(options.impliedRules), ToRule);
+    std::transform(settings.renames.begin(), settings.renames.end(), std::back_inserter(options.renames),
+                   ToTimedRename);
+    options.renameStep = std::move(renameStep);
     return std::make_shared<MdsProvider>(
         std::make_unique<GatedSource>(MakeSource(settings, markets, alignsStarts), gate), std::move(options));
 }

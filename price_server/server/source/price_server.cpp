@@ -6,6 +6,7 @@
 #include "server/mds_wiring.h"
 #include "server/pending_check.h"
 #include "server/price_gate.h"
+#include "server/rename_relay.h"
 
 #include <algorithm>
 #include <future>
@@ -71,7 +72,9 @@ void PriceServer::MakeQueue()
 void PriceServer::MakeProviders()
 {
     m_priceGate = std::make_shared<PriceGate>();
-    m_mds = MakeMdsProvider(*m_config.mds, m_markets, m_options.alignsStarts, m_priceGate);
+    // The feed, which renames, starts after the relay has been made, and ends before it is gone.
+    m_mds = MakeMdsProvider(*m_config.mds, m_markets, m_options.alignsStarts, m_priceGate,
+                            [this](const auto& renames, const auto& make) { m_renameRelay->Run(renames, make); });
     m_simple->AddProvider(m_mds);
 }
 
@@ -84,6 +87,7 @@ void PriceServer::StartManager()
     m_manager->Start();
     m_pendingCheck = std::make_unique<PendingCheck>(*m_manager, *m_queue);
     m_pendingCheck->Start();
+    m_renameRelay = std::make_unique<RenameRelay>(*m_manager, *m_queue, m_clients, [this] { m_executors->Drain(); });
 }
 
 void PriceServer::StartProviders()
@@ -114,6 +118,7 @@ void PriceServer::Stop()
         StopQueue();
     }
     StopExecutors();
+    m_renameRelay.reset();
     m_pendingCheck.reset();
     m_manager.reset();
     m_mds.reset();

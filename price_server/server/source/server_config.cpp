@@ -1,5 +1,6 @@
 #include "server/server_config.h"
 
+#include "renames_section.h"
 #include "server_config_schema.h"
 
 #include "config/config_values.h"
@@ -242,6 +243,12 @@ void Reader::ReadMds(std::size_t mds)
     if (const auto implied = m_document.FindChild(mds, "Implied"))
     {
         ReadImplied(*implied, settings.implied);
+    }
+    if (const auto renames = m_document.FindChild(mds, "Renames"))
+    {
+        RenamesSection section = ReadRenamesSection(m_document, *renames, m_folder, m_marketIdByName);
+        settings.renames = std::move(section.renames);
+        m_problems.insert(m_problems.end(), section.problems.begin(), section.problems.end());
     }
 }
 

@@ -63,6 +63,19 @@ ElementRule ImpliedRuleRule()
                           .maxCount = kMaxRules}}};
 }
 
+ElementRule RenamesRule()
+{
+    const ElementRule file{.name = "File",
+                           .attributes = {Required("path", ValueRule::FilePath()), OptionalName("market")},
+                           .maxCount = kMaxRenamesFiles};
+    const ElementRule rename{.name = "Rename",
+                             .attributes = {OptionalName("market"), RequiredName("oldSymbol"),
+                                            RequiredName("newSymbol"), Optional("lastDay", ValueRule::Text(1, 64)),
+                                            Optional("time", ValueRule::Text(1, 64))},
+                             .maxCount = 1000};
+    return {.name = "Renames", .children = {file, rename}};
+}
+
 ElementRule ProvidersRule()
 {
     const ElementRule file{.name = "File",
@@ -77,7 +90,7 @@ ElementRule ProvidersRule()
         .name = "Simulation",
         .attributes = {Optional("seed", ValueRule::Unsigned(0, std::numeric_limits<std::uint64_t>::max())),
                        Optional("updatesPerSecond", ValueRule::Unsigned(1, 1'000'000))}};
-    const ElementRule mds{.name = "Mds", .children = {replay, simulation, ImpliedRuleRule()}};
+    const ElementRule mds{.name = "Mds", .children = {replay, simulation, ImpliedRuleRule(), RenamesRule()}};
     const ElementRule zel{.name = "Zel", .attributes = {Optional("url", ValueRule::Text(1, kMaxUrlLength))}};
     return {.name = "Providers", .children = {mds, zel}, .required = true};
 }

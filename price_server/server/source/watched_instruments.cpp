@@ -87,6 +87,13 @@ std::string GetAsset(const ListedInstrument& instrument)
     return instrument.market + ":" + instrument.entry.symbol.substr(0, instrument.entry.symbol.find_first_of("-_/"));
 }
 
+/// Without a component's prefix.
+std::string GetFirstSymbol(const DirectoryEntry& entry)
+{
+    const std::string& symbol = entry.firstSymbol.empty() ? entry.symbol : entry.firstSymbol;
+    return symbol.starts_with(impliedSymbolPrefix) ? symbol.substr(impliedSymbolPrefix.size()) : symbol;
+}
+
 } // namespace
 
 std::vector<ListedInstrument> ListInstruments(const std::vector<DirectoryEntry>& entries, const MarketTable& markets)
@@ -168,9 +175,9 @@ std::vector<ListedInstrument> ChooseInstruments(const std::vector<ListedInstrume
 
 CompositeInstrumentDef MakeDefinition(const ListedInstrument& instrument)
 {
-    // FNV-1a, 64 bits, over market and symbol.
+    // FNV-1a, 64 bits, over market and first symbol.
     std::uint64_t identity = 0xcbf29ce484222325;
-    for (const char c : instrument.GetName())
+    for (const char c : instrument.market + ":" + GetFirstSymbol(instrument.entry))
     {
         identity = (identity ^ static_cast<unsigned char>(c)) * 0x100000001b3;
     }

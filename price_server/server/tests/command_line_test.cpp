@@ -64,6 +64,20 @@ TEST(CommandLine, ReadsMaxAsNoWaiting)
     EXPECT_EQ(ParseGood({"--speed", "2.5"}).speed, 2.5);
 }
 
+TEST(CommandLine, TakesRenamesFromFilesAndOneByOne)
+{
+    const CommandLine line = ParseGood({"--renames", "a.csv", "b.csv", "--rename", "FB", "META", "2022-06-08",
+                                        "--rename", "US:A", "B", "2022-06-09T12:00:00Z", "--watch", "FB"});
+    EXPECT_EQ(line.renameFiles, (std::vector<std::string>{"a.csv", "b.csv"}));
+    ASSERT_EQ(line.renames.size(), 2U);
+    EXPECT_EQ(line.renames[0].oldSymbol, "FB");
+    EXPECT_EQ(line.renames[0].newSymbol, "META");
+    EXPECT_EQ(line.renames[0].when, "2022-06-08");
+    EXPECT_EQ(line.renames[1].oldSymbol, "US:A");
+    EXPECT_EQ(line.renames[1].when, "2022-06-09T12:00:00Z");
+    EXPECT_EQ(line.watched, std::vector<std::string>{"FB"});
+}
+
 TEST(CommandLine, RefusesWhatMakesNoSense)
 {
     const std::vector<std::vector<const char*>> wrong{{"--speed", "fast"},
@@ -77,6 +91,10 @@ TEST(CommandLine, RefusesWhatMakesNoSense)
                                                       {"--loop", "--once"},
                                                       {"--check-config"},
                                                       {"--replay"},
+                                                      {"--renames"},
+                                                      {"--rename"},
+                                                      {"--rename", "FB", "META"},
+                                                      {"--rename", "FB", "META", "2022-06-08", "A"},
                                                       {"--watch"},
                                                       {"--no-such-option"},
                                                       {"stray"},
@@ -159,6 +177,47 @@ TEST(EffectiveConfig, NamesTheFileOfAReplayThatIsNotThere)
     catch (const std::runtime_error& error)
     {
         EXPECT_NE(std::string(error.what()).find("/no/such/file.csv"), std::string::npos) << error.what();
+    }
+}
+
+TEST(EffectiveConfig, AddsRenamesToThoseThatAreConfigured)
+{
+    CommandLine line;
+    line.replayFiles = {GetRecording("three_segments/spot.csv.zst")};
+    line.renameFiles = {GetRecording("renames/symbol_renames.csv")};
+    line.renames = {{"SPOT:BTCUSDT", "XBT", "2024-08-08"}, {"a:b", "C", "2024-08-09T00:00:00Z"}};
+    const std::vector<RenameSettings> renames = MakeEffectiveConfig(line).config.mds->renames;
+    ASSERT_EQ(renames.size(), 5U + 2U);
+    EXPECT_FALSE(renames[0].marketId);
+    EXPECT_EQ(renames[0].newSymbol, "GOOG");
+    EXPECT_EQ(renames[5].marketId, MakeEffectiveConfig(line).config.markets.at(0).id);
+    EXPECT_EQ(renames[5].oldSymbol, "BTCUSDT");
+    EXPECT_EQ(renames[6].oldSymbol, "a:b"); // there is no market "a"
+    EXPECT_FALSE(renames[6].marketId);
+    EXPECT_EQ(renames[5].time_ns, renames[6].time_ns);
+}
+
+TEST(EffectiveConfig, PlaysFilesOnTheirOwnDaysWhenThereAreRenames)
+{
+    CommandLine line;
+    line.replayFiles = {GetRecording("many_instruments/bitmex.csv.zst"),
+                        GetRecording("many_instruments/poloniex.csv.zst")};
+    line.renameFiles = {GetRecording("renames/symbol_renames.csv")};
+    EXPECT_FALSE(MakeEffectiveConfig(line).alignsStarts);
+}
+
+TEST(EffectiveConfig, RefusesRenamesThatItCannotRead)
+{
+    const TemporaryFolder folder;
+    CommandLine line;
+    line.renameFiles = {folder.Write("bad.csv", "no header\n")};
+    EXPECT_THROW(MakeEffectiveConfig(line), ConfigError);
+    line.renameFiles.clear();
+    for (const AskedRename& wrong : {AskedRename{"FB", "META", "soon"}, AskedRename{"FB", "FB", "2022-06-08"},
+                                     AskedRename{"SIM:", "META", "2022-06-08"}, AskedRename{"FB", "", "2022-06-08"}})
+    {
+        line.renames = {wrong};
+        EXPECT_THROW(MakeEffectiveConfig(line), UsageError) << wrong.oldSymbol << " " << wrong.when;
     }
 }
 

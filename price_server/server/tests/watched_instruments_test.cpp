@@ -107,5 +107,24 @@ TEST_F(WatchedInstruments, HaveAnIdentityOfTheirOwnThatStaysTheSame)
     EXPECT_EQ(spot.instrumentId, 15696439293683817676U); // of "SPOT:BTCUSDT": clients may have kept it
 }
 
+TEST_F(WatchedInstruments, KeepTheirIdentityUnderANewSymbolThatWasAnothersBefore)
+{
+    InstrumentDirectory directory;
+    directory.AddAll({Entry(1, "GOOCV"), Entry(1, "GOOG"), Entry(1, "IM_GOOG"), Entry(1, "IM_ONLY")});
+    const auto getIdentity = [&](const std::string& name)
+    { return MakeDefinition(FindInstrument(ListInstruments(directory.GetEntries(), markets), name)).instrumentId; };
+    const std::uint64_t classC = getIdentity("GOOCV");
+    const std::uint64_t classA = getIdentity("GOOG");
+    const std::uint64_t only = getIdentity("ONLY");
+    for (const auto& [from, to] : {std::pair("GOOG", "GOOGL"), std::pair("IM_GOOG", "IM_GOOGL"),
+                                   std::pair("GOOCV", "GOOG"), std::pair("IM_ONLY", "IM_LATER")})
+    {
+        ASSERT_TRUE(directory.Rename(1, from, to));
+    }
+    EXPECT_EQ(getIdentity("GOOG"), classC);
+    EXPECT_EQ(getIdentity("GOOGL"), classA);
+    EXPECT_EQ(getIdentity("LATER"), only);
+}
+
 } // namespace
 } // namespace ps_ns

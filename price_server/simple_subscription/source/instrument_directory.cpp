@@ -16,7 +16,9 @@ void InstrumentDirectory::AddAll(const std::vector<DirectoryEntry>& entries)
     const std::lock_guard lock(m_mutex);
     for (const DirectoryEntry& entry : entries)
     {
-        m_entries[entry.submarket.marketId][entry.symbol] = entry;
+        DirectoryEntry& added = m_entries[entry.submarket.marketId][entry.symbol];
+        added = entry;
+        added.firstSymbol = entry.firstSymbol.empty() ? entry.symbol : entry.firstSymbol;
     }
 }
 

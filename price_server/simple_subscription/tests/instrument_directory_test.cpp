@@ -82,6 +82,17 @@ TEST_F(Directory, FindsAnySubmarketByMinusOneOnEitherSide)
     EXPECT_FALSE(m_directory.Find(-1, -1, "A")) << "a market is never any";
 }
 
+TEST_F(Directory, KeepsTheFirstSymbolThroughAllRenames)
+{
+    DirectoryEntry known = MakeEntry(2, -1, "FOXA");
+    known.firstSymbol = "NWSA";
+    m_directory.AddAll({MakeEntry(2, -1, "FB"), known});
+    ASSERT_TRUE(m_directory.Rename(2, "FB", "META"));
+    ASSERT_TRUE(m_directory.Rename(2, "FOXA", "TFCFA"));
+    EXPECT_EQ(m_directory.Find(2, -1, "META")->firstSymbol, "FB");
+    EXPECT_EQ(m_directory.Find(2, -1, "TFCFA")->firstSymbol, "NWSA");
+}
+
 TEST_F(Directory, ReplacesAnEntryOfTheSameMarketAndSymbol)
 {
     m_directory.Add(MakeEntry(2, 3, "A", "X"));

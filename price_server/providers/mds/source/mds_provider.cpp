@@ -14,11 +14,8 @@ MdsProvider::MdsProvider(std::unique_ptr<IMarketSource> source, MdsOptions optio
     , m_options(std::move(options))
     , m_hub(m_options.updatesInFlight)
     , m_budget(m_hub.GetBudget())
-    , m_renames(m_options.renames)
     , m_runner(*this, Pace(m_options.speed, m_options.longestGap_ns), m_options.clock)
 {
-    std::stable_sort(m_renames.begin(), m_renames.end(),
-                     [](const TimedRename& a, const TimedRename& b) { return a.time_ns < b.time_ns; });
     // A market is one that this directory can know from the beginning: until it is complete nobody may conclude that
     // a symbol is not here.
     for (const short marketId : m_source->GetMarketIds())
@@ -105,6 +102,16 @@ void MdsProvider::Unsubscribe(const std::shared_ptr<IComponentListener>& listene
 
 void MdsProvider::RenameNow(std::span<const SymbolRename> renames)
 {
+    if (m_options.renameStep)
+    {
+        m_options.renameStep({renames.begin(), renames.end()}, [this, renames] { Rename(renames); });
+        return;
+    }
+    Rename(renames);
+}
+
+void MdsProvider::Rename(std::span<const SymbolRename> renames)
+{
     const std::vector<SymbolRename> made = m_hub.Rename(renames);
     if (!made.empty() && m_options.onRenamed)
     {
@@ -125,19 +132,28 @@ bool MdsProvider::Step()
     return true;
 }
 
-/// Renames of one time are made together, so that a name may be passed on.
 void MdsProvider::MakeDueRenames(std::uint64_t sourceTime_ns)
 {
-    while (m_renamesMade < m_renames.size() && m_renames[m_renamesMade].time_ns <= sourceTime_ns)
+    if (m_options.renames.empty())
     {
-        std::vector<SymbolRename> together;
-        const std::uint64_t time_ns = m_renames[m_renamesMade].time_ns;
-        for (; m_renamesMade < m_renames.size() && m_renames[m_renamesMade].time_ns == time_ns; ++m_renamesMade)
-        {
-            together.push_back(m_renames[m_renamesMade].rename);
-        }
-        RenameNow(together);
+        return;
     }
+    if (!m_renamePlan)
+    {
+        MakeRenamePlan(sourceTime_ns);
+    }
+    const std::vector<RenameStep>& steps = m_renamePlan->steps;
+    while (m_renameStepsMade < steps.size() && steps[m_renameStepsMade].time_ns <= sourceTime_ns)
+    {
+        RenameNow(steps[m_renameStepsMade++].renames);
+    }
+}
+
+void MdsProvider::MakeRenamePlan(std::uint64_t begin_ns)
+{
+    m_renamePlan = PlanRenames(m_options.renames, m_source->GetInstruments(), begin_ns);
+    zel::logging::Log(m_renamePlan->contradictory == 0 ? 10 : 30, MdsLogSource(),
+                      [&](std::ostream& text) { text << "symbol renames: " << m_renamePlan->ToString(); });
 }
 
 std::optional<NextMessage> MdsProvider::PeekNext()

@@ -278,6 +278,48 @@ TEST_F(MdsProviderTest, FollowsAChainOfRenamesAtDifferentTimes)
     EXPECT_EQ(TryJoin("FOXA"), SubscribeStatus::Failed);
 }
 
+TEST_F(MdsProviderTest, LeavesItToTheStepWhenARenameThatIsDueIsMade)
+{
+    std::vector<std::string> order;
+    MdsOptions options = HandDriven();
+    options.renames = {{200, {-1, "A", "META"}}, {200, {1, "NONE", "C"}}};
+    options.renameStep = [&](const std::vector<SymbolRename>& renames, const std::function<void()>& make)
+    {
+        ASSERT_THAT(renames, ElementsAre(SymbolRename{1, "A", "META"}));
+        order.push_back(TryJoin("A") == SubscribeStatus::Subscribed ? "old" : "new");
+        make();
+        order.push_back(TryJoin("A") == SubscribeStatus::Subscribed ? "old" : "new");
+    };
+    options.onRenamed = [&](const std::vector<SymbolRename>&) { order.push_back("told"); };
+    Make({BookMessage(0, true, {Bid("3", "1")}, 1, 199), BookMessage(0, false, {Bid("2", "1")}, 1, 200)}, options);
+    provider->Step();
+    EXPECT_THAT(order, IsEmpty());
+    provider->Step();
+    EXPECT_THAT(order, ElementsAre("old", "told", "new"));
+    EXPECT_EQ(Join("META")->PrintBook(), "3x1 2x1 |");
+}
+
+TEST_F(MdsProviderTest, DoesNotMakeARenameThatIsOverWhenItsPricesBegin)
+{
+    MdsOptions options = HandDriven();
+    options.renames = {{150, {1, "A", "C"}}};
+    Make({BookMessage(0, true, {Bid("3", "1")}, 1, 150), BookMessage(0, false, {Bid("2", "1")}, 1, 250)}, options);
+    StepAll();
+    EXPECT_EQ(Join("A")->PrintBook(), "3x1 2x1 |");
+}
+
+TEST_F(MdsProviderTest, MakesADatedRenameOnceHoweverOftenItsSourceStartsOver)
+{
+    MdsOptions options = HandDriven();
+    options.renames = {{200, {1, "A", "C"}}};
+    Make({BookMessage(0, true, {Bid("3", "1")}, 1, 150), BookMessage(0, true, {Bid("2", "1")}, 1, 250),
+          BookMessage(0, true, {Bid("4", "1")}, 2, 150), BookMessage(0, true, {Bid("5", "1")}, 2, 250)},
+         options);
+    StepAll();
+    EXPECT_EQ(Join("C")->PrintBook(), "5x1 |");
+    EXPECT_EQ(provider->GetDirectory().GetSize(), 2U);
+}
+
 TEST_F(MdsProviderTest, ReplacesTheInstrumentWhoseNameIsTaken)
 {
     Make({BookMessage(0, true, {Bid("3", "1")}), BookMessage(1, true, {Bid("1", "1")}),

@@ -38,6 +38,20 @@ public:
         return true;
     }
 
+    /// Calls `work` while no request is being made, whether the gate is open or not; requests wait meanwhile. False:
+    /// one is being made, and nothing was called. Does not wait. `work` must not pass the gate.
+    template <class Work>
+    bool TryHold(Work&& work)
+    {
+        const std::unique_lock lock(m_mutex, std::try_to_lock);
+        if (!lock.owns_lock())
+        {
+            return false;
+        }
+        std::forward<Work>(work)();
+        return true;
+    }
+
 private:
     std::shared_mutex m_mutex;
     bool m_isOpen = false; ///< under m_mutex

@@ -9,6 +9,14 @@
 namespace ps_ns
 {
 
+/// One --rename.
+struct AskedRename
+{
+    std::string oldSymbol; ///< SYMBOL or MARKET:SYMBOL
+    std::string newSymbol;
+    std::string when; ///< the last day of the old symbol, or the first moment of the new one
+};
+
 /// What the program was asked for. A plain value.
 struct CommandLine
 {
@@ -17,6 +25,8 @@ struct CommandLine
     bool printsConfig = false;
     std::vector<std::string> replayFiles; ///< not empty: these instead of the configuration's providers
     std::optional<double> speed;          ///< times the pace of the recording; 0: as fast as possible
+    std::vector<std::string> renameFiles;
+    std::vector<AskedRename> renames;
     bool loops = false;
     bool playsOnce = false; ///< the program ends with the recording
     std::optional<double> duration_sec;

@@ -18,6 +18,7 @@ namespace ps_ns
 class MdsProvider;
 class PendingCheck;
 class PriceGate;
+class RenameRelay;
 
 /// What the one who runs a server decides beside its configuration.
 struct PriceServerOptions
@@ -98,6 +99,7 @@ private:
     std::unique_ptr<SimpleSubscriptionMgr> m_simple;
     std::unique_ptr<CompositeSubscriptionMgr> m_manager;
     std::unique_ptr<PendingCheck> m_pendingCheck;
+    std::unique_ptr<RenameRelay> m_renameRelay; ///< also the feed thread's, while it runs
     std::unique_ptr<QueueReader<>> m_reader;
 };
 

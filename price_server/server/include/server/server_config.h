@@ -66,12 +66,22 @@ struct ImpliedRuleSettings
     std::string near;
 };
 
+/// A rename of section Providers/Mds/Renames: of a file of it, or a single one.
+struct RenameSettings
+{
+    std::optional<short> marketId; ///< nothing: every market that has the old symbol then
+    std::string oldSymbol;
+    std::string newSymbol;
+    std::uint64_t time_ns = 0; ///< since 1970 UTC: the first moment of the new symbol
+};
+
 /// Section Providers/Mds: the in-process provider. Exactly one of replay and simulation is there.
 struct MdsSettings
 {
     std::optional<ReplaySettings> replay;
     std::optional<SimulationSettings> simulation;
     std::vector<ImpliedRuleSettings> implied;
+    std::vector<RenameSettings> renames;
 };
 
 /// Section Providers/Zel: the network provider.

@@ -43,7 +43,8 @@ const ListedInstrument& FindInstrument(const std::vector<ListedInstrument>& inst
 /// each of another asset.
 std::vector<ListedInstrument> ChooseInstruments(const std::vector<ListedInstrument>& instruments, std::size_t count);
 
-/// A definition that wants the components that there are. The same instrument always gets the same identity.
+/// A definition that wants the components that there are. The same instrument always gets the same identity, also under
+/// a new symbol; an instrument that has taken over another one's symbol does not get that one's identity.
 CompositeInstrumentDef MakeDefinition(const ListedInstrument& instrument);
 
 } // namespace ps_ns

@@ -22,6 +22,9 @@ struct DirectoryEntry
     std::string exchange;    ///< the venue, for people
     std::string description; ///< for people; may be empty
     PriceFormat format;
+    /// The symbol that it was added under, which renames leave alone: what the instrument is known by for good. Filled
+    /// in by the directory when empty.
+    std::string firstSymbol{};
 };
 
 /// The instruments of one provider. A symbol is known once within a market.

@@ -5,6 +5,7 @@
 #include "mds/market_hub.h"
 #include "mds/market_source.h"
 #include "mds/paced_runner.h"
+#include "mds/rename_plan.h"
 #include "mds/symbol_rename.h"
 #include "simple_subscription/i_price_provider.h"
 
@@ -13,6 +14,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -29,6 +31,8 @@ struct MdsOptions
     /// Updates that somebody still holds; at the limit the feed waits. Images for new listeners count, but do not wait.
     std::size_t updatesInFlight = kUsualUpdatesInFlight;
 
+    /// Dated: those that are over when the prices begin, and those of symbols that are not served, are left out
+    /// (rename_plan.h).
     std::vector<TimedRename> renames;
     std::vector<ImpliedRule> impliedRules;
     bool detectsImplied = true; ///< adds the rules that names suggest
@@ -37,6 +41,11 @@ struct MdsOptions
     /// True: no thread, and nothing waits. Start reads the directory, and whoever owns the provider calls Step.
     bool isHandDriven = false;
     std::shared_ptr<IPaceClock> clock = std::make_shared<SteadyPaceClock>();
+
+    /// Who makes renames one step with something of his own. Called instead of renaming at once, on the thread that
+    /// renames, without a lock held; while it runs on the feed thread nothing is published. It has `make` called once,
+    /// on any thread, before it returns. Empty: made at once.
+    std::function<void(const std::vector<SymbolRename>& renames, const std::function<void()>& make)> renameStep;
 
     /// Told of the renames made at one moment; on the thread that made them, without a lock held. May be empty.
     std::function<void(const std::vector<SymbolRename>&)> onRenamed;
@@ -72,8 +81,8 @@ public:
     /// Answers true, also after Stop.
     void Unsubscribe(const std::shared_ptr<IComponentListener>& listener) override;
 
-    /// Renames at once, all of them at one moment (market_hub.h). An instrument's rows and its implied rules keep
-    /// working: only the name it is served under changes.
+    /// Renames at once, all of them at one moment (market_hub.h), by way of the options' renameStep. An instrument's
+    /// rows and its implied rules keep working: only the name it is served under changes.
     void RenameNow(std::span<const SymbolRename> renames);
 
     /// Delivers the source's next message, and the implied updates that follow from it; false at the end.
@@ -93,14 +102,16 @@ private:
     bool WaitForRoom() override;
     void Wake() override;
     void MakeDueRenames(std::uint64_t sourceTime_ns);
+    void MakeRenamePlan(std::uint64_t begin_ns);
+    void Rename(std::span<const SymbolRename> renames);
 
     const std::unique_ptr<IMarketSource> m_source; ///< feed thread, after Start
     const MdsOptions m_options;
     MarketHub m_hub;
     InFlightBudget& m_budget;                 ///< the hub's
     std::unique_ptr<ImpliedEngine> m_implied; ///< feed thread
-    std::vector<TimedRename> m_renames;       ///< feed thread: those to come, by time
-    std::size_t m_renamesMade = 0;            ///< feed thread
+    std::optional<RenamePlan> m_renamePlan;   ///< feed thread: made at the first message
+    std::size_t m_renameStepsMade = 0;        ///< feed thread
     MarketMessage m_message;                  ///< feed thread: filled again and again
     PacedRunner m_runner;                     ///< last: its thread uses all of the above
 };

@@ -1,0 +1,75 @@
+#include "server/rename_relay.h"
+
+#include "common/channel_task.h"
+#include "logging/logging.h"
+
+#include <future>
+#include <utility>
+
+namespace ps_ns
+{
+
+struct RenameRelay::Step
+{
+    std::vector<SymbolRename> renames;
+    std::function<void()> make;
+    std::function<void()> done;
+    unsigned tries = 0; ///< queue thread
+};
+
+void RenameRelay::Insert(std::function<void()> action, const char* name)
+{
+    m_queue.insert(new ChannelTask<Task>(std::move(action), name));
+}
+
+void RenameRelay::Post(std::vector<SymbolRename> renames, std::function<void()> make, std::function<void()> done)
+{
+    const auto step = std::make_shared<Step>(Step{OrderRenames(std::move(renames)), std::move(make), std::move(done)});
+    Insert([this, step] { Try(step); }, "RenameTry");
+}
+
+/// Requests are not waited for on this thread, which a client may wait for in the middle of one.
+void RenameRelay::Try(const std::shared_ptr<Step>& step)
+{
+    if (m_clients.TryHold([&] { PostActions(step); }))
+    {
+        return;
+    }
+    if (++step->tries < kMostTries)
+    {
+        Insert([this, step] { Try(step); }, "RenameTry");
+        return;
+    }
+    static const auto source = std::make_shared<const zel::logging::Source>("rename_relay");
+    zel::logging::Log(20, source,
+                      [](std::ostream& text) { text << "symbols are renamed while clients make requests"; });
+    PostActions(step);
+}
+
+void RenameRelay::PostActions(const std::shared_ptr<Step>& step)
+{
+    m_manager.CheckProviderPendingSubscriptions();
+    for (const SymbolRename& change : step->renames)
+    {
+        m_manager.ChangeSymbol(change.marketId, change.oldSymbol, change.newSymbol);
+    }
+    Insert(
+        [this, step]
+        {
+            step->make();
+            Insert([step] { step->done(); }, "RenameDone"); // behind the resubscribes, which the changes have posted
+        },
+        "Rename");
+}
+
+void RenameRelay::Run(const std::vector<SymbolRename>& renames, const std::function<void()>& make)
+{
+    m_drainExecutors();
+    // The step alone keeps the promise: a queue that destroys the step ends the wait as well.
+    auto isDone = std::make_shared<std::promise<void>>();
+    const std::future<void> done = isDone->get_future();
+    Post(renames, make, [isDone = std::move(isDone)] { isDone->set_value(); });
+    done.wait();
+}
+
+} // namespace ps_ns
