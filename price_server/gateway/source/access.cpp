@@ -36,8 +36,7 @@ char ToLower(char c) noexcept
 
 bool EqualsIgnoringCase(std::string_view a, std::string_view b)
 {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                      [](char x, char y) { return ToLower(x) == ToLower(y); });
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) { return ToLower(x) == ToLower(y); });
 }
 
 /// Without the port: "[::1]:8080" gives "[::1]".
@@ -112,8 +111,7 @@ std::optional<Identity> AccessControl::Check(std::string_view token) const
 std::optional<Identity> AccessControl::CheckHeader(std::string_view authorization) const
 {
     constexpr std::string_view kScheme = "Bearer ";
-    if (authorization.size() <= kScheme.size() ||
-        !EqualsIgnoringCase(authorization.substr(0, kScheme.size()), kScheme))
+    if (authorization.size() <= kScheme.size() || !EqualsIgnoringCase(authorization.substr(0, kScheme.size()), kScheme))
     {
         return std::nullopt;
     }

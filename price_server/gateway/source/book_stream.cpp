@@ -1,7 +1,7 @@
 #include "book_stream.h"
 
-#include "component_name.h"
 #include "composite_price/fixed_point.h"
+#include "gateway/component_name.h"
 
 #include <boost/json.hpp>
 
@@ -66,7 +66,9 @@ public:
         {
             if (has(type))
             {
-                m_text.append(std::exchange(isFirst, false) ? "\"" : ",\"").append(GetComponentName(type)).append(1, '"');
+                m_text.append(std::exchange(isFirst, false) ? "\"" : ",\"")
+                    .append(GetComponentName(type))
+                    .append(1, '"');
             }
         }
         m_text.append(1, ']');
@@ -176,14 +178,14 @@ SharedText BookStream::GetMessage(const SharedBook& previous, const SharedBook& 
         }
         return m_image;
     }
-    const auto known = std::find_if(m_updates.begin(), m_updates.end(),
-                                    [&](const auto& update) { return update.first == previous; });
+    const auto known =
+        std::find_if(m_updates.begin(), m_updates.end(), [&](const auto& update) { return update.first == previous; });
     if (known != m_updates.end())
     {
         return known->second;
     }
-    m_updates.emplace_back(previous, std::make_shared<const std::string>(
-                                         FormatUpdate(m_instrument, m_depth, *previous, *book)));
+    m_updates.emplace_back(previous,
+                           std::make_shared<const std::string>(FormatUpdate(m_instrument, m_depth, *previous, *book)));
     return m_updates.back().second;
 }
 
@@ -216,14 +218,15 @@ std::string FormatTrades(const std::string& instrument, const std::vector<Trade>
     json::array array;
     for (const Trade& trade : trades)
     {
-        array.push_back(json::object{{"price", FormatPrice(trade.price)},
-                                     {"quantity", FormatQuantity(trade.quantity)},
-                                     {"aggressor", trade.aggressor == Trade::Aggressor::Buyer    ? json::value("buyer")
-                                                   : trade.aggressor == Trade::Aggressor::Seller ? json::value("seller")
-                                                                                                 : json::value(nullptr)},
-                                     {"exchange_time_ns", NumberOrNull(trade.exchangeTime_ns)},
-                                     {"receive_time_ns", NumberOrNull(trade.receiveTime_ns)},
-                                     {"id", NumberOrNull(trade.venueId)}});
+        array.push_back(
+            json::object{{"price", FormatPrice(trade.price)},
+                         {"quantity", FormatQuantity(trade.quantity)},
+                         {"aggressor", trade.aggressor == Trade::Aggressor::Buyer    ? json::value("buyer")
+                                       : trade.aggressor == Trade::Aggressor::Seller ? json::value("seller")
+                                                                                     : json::value(nullptr)},
+                         {"exchange_time_ns", NumberOrNull(trade.exchangeTime_ns)},
+                         {"receive_time_ns", NumberOrNull(trade.receiveTime_ns)},
+                         {"id", NumberOrNull(trade.venueId)}});
     }
     return json::serialize(json::object{{"type", "trades"}, {"instrument", instrument}, {"trades", std::move(array)}});
 }

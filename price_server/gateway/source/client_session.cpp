@@ -37,7 +37,8 @@ ClientSession::~ClientSession()
 
 void ClientSession::Start()
 {
-    m_out.Push(FormatHello(m_number, m_core.GetOptions(), IsAuthenticated(), m_identity ? m_identity->rights : Rights{}));
+    m_out.Push(
+        FormatHello(m_number, m_core.GetOptions(), IsAuthenticated(), m_identity ? m_identity->rights : Rights{}));
 }
 
 void ClientSession::End()
@@ -195,7 +196,8 @@ void ClientSession::Handle(const SubscribeRequest& request)
     subscription.request = request.request;
     subscription.kinds = request.kinds;
     subscription.stream = m_core.GetStream(name, subscription.scope.depth);
-    subscription.subscriber = std::make_shared<Subscriber>("gateway-" + std::to_string(m_number), request.request, m_inbox);
+    subscription.subscriber =
+        std::make_shared<Subscriber>("gateway-" + std::to_string(m_number), request.request, m_inbox);
     if (!m_core.Subscribe(subscription.def, subscription.scope, subscription.subscriber, subscription.id))
     {
         return Refuse(request.request, "not_ready", "", "the server is starting or stopping");
@@ -226,8 +228,8 @@ void ClientSession::Handle(const ChangeRequest& request)
                       "this session has a subscription of " + name + " with depth " + std::to_string(scope.depth) +
                           " already");
     }
-    const bool needsImage = request.image || scope.depth != subscription->scope.depth ||
-                            (kinds.book && !subscription->kinds.book);
+    const bool needsImage =
+        request.image || scope.depth != subscription->scope.depth || (kinds.book && !subscription->kinds.book);
     subscription->subscriber->SetRequest(request.request);
     if (!m_core.ChangeScope(subscription->def, scope, subscription->subscriber, subscription->id, needsImage))
     {

@@ -100,9 +100,9 @@ private:
         Kinds kinds;
         std::shared_ptr<BookStream> stream;
         std::shared_ptr<Subscriber> subscriber;
-        SharedBook sent;             ///< the client's state; null: it needs an image
-        SharedBook waiting;          ///< the latest of those that conflate
-        std::uint64_t skipped = 0;   ///< books left out since the one that was sent last
+        SharedBook sent;           ///< the client's state; null: it needs an image
+        SharedBook waiting;        ///< the latest of those that conflate
+        std::uint64_t skipped = 0; ///< books left out since the one that was sent last
         std::uint64_t lostTrades = 0;
     };
 

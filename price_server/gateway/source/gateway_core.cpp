@@ -20,8 +20,7 @@ LocalObserverFactory& GetFactory()
 
 } // namespace
 
-GatewayCore::GatewayCore(GatewayOptions options, IBackend& backend,
-                         std::function<void(std::function<void()>)> post)
+GatewayCore::GatewayCore(GatewayOptions options, IBackend& backend, std::function<void(std::function<void()>)> post)
     : m_options(std::move(options))
     , m_backend(backend)
     , m_post(std::move(post))

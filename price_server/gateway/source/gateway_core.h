@@ -34,15 +34,15 @@ struct FoundInstrument
 /// What the gateway counts, for its operators.
 struct GatewayCounts
 {
-    std::atomic<std::uint64_t> connections{0};   ///< open now
-    std::atomic<std::uint64_t> sessions{0};      ///< open now
+    std::atomic<std::uint64_t> connections{0}; ///< open now
+    std::atomic<std::uint64_t> sessions{0};    ///< open now
     std::atomic<std::uint64_t> sessionsEver{0};
-    std::atomic<std::uint64_t> requests{0};      ///< HTTP
+    std::atomic<std::uint64_t> requests{0}; ///< HTTP
     std::atomic<std::uint64_t> refusedTokens{0};
-    std::atomic<std::uint64_t> tooSlow{0};       ///< sessions ended for it
-    std::atomic<std::uint64_t> conflated{0};     ///< books, of sessions that have ended
-    std::atomic<std::uint64_t> lostTrades{0};    ///< of sessions that have ended
-    std::atomic<std::uint64_t> sentBytes{0};     ///< to sessions
+    std::atomic<std::uint64_t> tooSlow{0};    ///< sessions ended for it
+    std::atomic<std::uint64_t> conflated{0};  ///< books, of sessions that have ended
+    std::atomic<std::uint64_t> lostTrades{0}; ///< of sessions that have ended
+    std::atomic<std::uint64_t> sentBytes{0};  ///< to sessions
 };
 
 /// What all sessions and requests of a gateway share.
@@ -100,7 +100,8 @@ private:
     const std::function<void(std::function<void()>)> m_post;
     const AccessControl m_access;
     GatewayCounts m_counts;
-    std::atomic<unsigned long> m_nextSubscriptionId{1};
+    /// Direct and flexible clients of an instrument share one space of ids: the low ones are the server's own.
+    std::atomic<unsigned long> m_nextSubscriptionId{1UL << 32};
     std::uint64_t m_lastSession = 0;
 
     std::chrono::steady_clock::time_point m_instrumentsRead{};

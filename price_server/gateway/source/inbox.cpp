@@ -36,7 +36,7 @@ void Inbox::PushBook(unsigned long subscription, SharedBook book)
                 return;
             }
             Overflow& overflow = m_content.overflow[subscription];
-            overflow.skippedBooks += overflow.book != nullptr ? 1 : 0;
+            overflow.skippedBooks += overflow.book != nullptr ? 1U : 0U;
             overflow.book = std::move(book);
         });
 }

@@ -72,8 +72,8 @@ private:
     const std::function<void()> m_wake;
     std::atomic<bool> m_isConflating{false};
     std::mutex m_mutex;
-    Content m_content;     ///< under m_mutex
-    bool m_isWoken = false; ///< under m_mutex
+    Content m_content;       ///< under m_mutex
+    bool m_isWoken = false;  ///< under m_mutex
     bool m_isClosed = false; ///< under m_mutex
 };
 

@@ -1,7 +1,7 @@
 #include "gateway/protocol.h"
 
-#include "component_name.h"
 #include "composite_instrument/composite_subscription_info.h"
+#include "gateway/component_name.h"
 
 #include <boost/json.hpp>
 
@@ -116,9 +116,9 @@ public:
         }
         Kinds kinds{false, false, false};
         const json::array* const array = value->if_array();
-        const bool isGood = array != nullptr && !array->empty() &&
-                            std::all_of(array->begin(), array->end(),
-                                        [&](const json::value& kind) { return AddKind(kind, kinds); });
+        const bool isGood =
+            array != nullptr && !array->empty() &&
+            std::all_of(array->begin(), array->end(), [&](const json::value& kind) { return AddKind(kind, kinds); });
         if (!isGood)
         {
             throw Refusal{"bad_value", "kinds",
@@ -137,7 +137,8 @@ public:
         }
         if (!value->is_bool())
         {
-            throw Refusal{"bad_value", std::string(name), Quote(name) + " is " + Show(*value) + ": true or false expected"};
+            throw Refusal{"bad_value", std::string(name),
+                          Quote(name) + " is " + Show(*value) + ": true or false expected"};
         }
         return value->as_bool();
     }
@@ -270,7 +271,8 @@ Request ParseRequest(std::string_view line)
     if (error || !value.is_object())
     {
         return RequestError{std::nullopt, "bad_json", "",
-                            error ? "this is no JSON: " + error.message() : "an object expected, " + Show(value) + " found"};
+                            error ? "this is no JSON: " + error.message()
+                                  : "an object expected, " + Show(value) + " found"};
     }
     std::optional<std::string> request;
     try
@@ -294,25 +296,24 @@ std::string FormatHello(std::uint64_t session, const GatewayOptions& options, bo
                         const Rights& rights)
 {
     const Limits& limits = options.limits;
-    return json::serialize(json::object{
-        {"type", "hello"},
-        {"protocol", kProtocolVersion},
-        {"server", "price_server"},
-        {"version", options.version},
-        {"build", options.build},
-        {"session", session},
-        {"time_ns", std::to_string(GetTime_ns())},
-        {"authenticated", isAuthenticated},
-        {"rights", ToObject(rights)},
-        {"limits",
-         {{"message_bytes", limits.message_bytes},
-          {"subscriptions", limits.subscriptions},
-          {"requests_per_second", limits.requests_per_second},
-          {"depth", kMaxDepth},
-          {"conflate_bytes", limits.conflate_bytes},
-          {"close_bytes", limits.close_bytes},
-          {"stall_ms", limits.stall.count()},
-          {"idle_ms", limits.idle.count()}}}});
+    return json::serialize(json::object{{"type", "hello"},
+                                        {"protocol", kProtocolVersion},
+                                        {"server", "price_server"},
+                                        {"version", options.version},
+                                        {"build", options.build},
+                                        {"session", session},
+                                        {"time_ns", std::to_string(GetTime_ns())},
+                                        {"authenticated", isAuthenticated},
+                                        {"rights", ToObject(rights)},
+                                        {"limits",
+                                         {{"message_bytes", limits.message_bytes},
+                                          {"subscriptions", limits.subscriptions},
+                                          {"requests_per_second", limits.requests_per_second},
+                                          {"depth", kMaxDepth},
+                                          {"conflate_bytes", limits.conflate_bytes},
+                                          {"close_bytes", limits.close_bytes},
+                                          {"stall_ms", limits.stall.count()},
+                                          {"idle_ms", limits.idle.count()}}}});
 }
 
 std::string FormatAuthenticated(const Rights& rights)
@@ -322,12 +323,12 @@ std::string FormatAuthenticated(const Rights& rights)
 
 std::string FormatError(const RequestError& error)
 {
-    return json::serialize(json::object{
-        {"type", "error"},
-        {"request", error.request ? json::value(json::string(*error.request)) : json::value(nullptr)},
-        {"code", error.code},
-        {"where", error.where},
-        {"message", error.message}});
+    return json::serialize(
+        json::object{{"type", "error"},
+                     {"request", error.request ? json::value(json::string(*error.request)) : json::value(nullptr)},
+                     {"code", error.code},
+                     {"where", error.where},
+                     {"message", error.message}});
 }
 
 std::string FormatPong(const std::string& request)

@@ -19,15 +19,16 @@ namespace
 
 std::string GetType(const std::string& extension)
 {
-    static constexpr std::array<std::pair<const char*, const char*>, 9> kTypes{{{".html", "text/html; charset=utf-8"},
-                                                                                {".js", "text/javascript; charset=utf-8"},
-                                                                                {".css", "text/css; charset=utf-8"},
-                                                                                {".json", "application/json"},
-                                                                                {".svg", "image/svg+xml"},
-                                                                                {".png", "image/png"},
-                                                                                {".ico", "image/x-icon"},
-                                                                                {".woff2", "font/woff2"},
-                                                                                {".txt", "text/plain; charset=utf-8"}}};
+    static constexpr std::array<std::pair<const char*, const char*>, 9> kTypes{
+        {{".html", "text/html; charset=utf-8"},
+         {".js", "text/javascript; charset=utf-8"},
+         {".css", "text/css; charset=utf-8"},
+         {".json", "application/json"},
+         {".svg", "image/svg+xml"},
+         {".png", "image/png"},
+         {".ico", "image/x-icon"},
+         {".woff2", "font/woff2"},
+         {".txt", "text/plain; charset=utf-8"}}};
     const auto found =
         std::find_if(kTypes.begin(), kTypes.end(), [&](const auto& type) { return extension == type.first; });
     return found == kTypes.end() ? "application/octet-stream" : found->second;

@@ -12,8 +12,8 @@
 namespace ps_ns::gateway
 {
 
-/// One subscription of one session, as the price manager sees it: a flexible client with an id of its own. It only hands
-/// on.
+/// One subscription of one session, as the price manager sees it: a flexible client with an id of its own. It only
+/// hands on.
 ///
 /// Threads: the manager's and the executors'; SetRequest from the I/O thread.
 class Subscriber final : public IFlexiblePriceObserver

@@ -381,6 +381,17 @@ const PriceFormat& CompositeInstrumentSubscription::GetPriceFormat(CompositeComp
     return m_answersAtJoin[static_cast<std::size_t>(component)].format;
 }
 
+ComponentView CompositeInstrumentSubscription::GetComponentView(CompositeComponentType::Type type) const
+{
+    const Component& component = m_components[static_cast<std::size_t>(type)];
+    return {component.isWanted,
+            component.isDecided,
+            component.link != nullptr,
+            component.provider,
+            GetComponentSymbol(type, m_symbol),
+            m_core->GetAnswers()[static_cast<std::size_t>(type)].result};
+}
+
 std::string CompositeInstrumentSubscription::GetCountsAsString() const
 {
     const CallbackCounts& counts = m_core->GetCounts();

@@ -5,6 +5,7 @@
 #include "composite_instrument/composite_instrument_id.h"
 #include "composite_instrument/composite_subscription_info.h"
 #include "composite_instrument/composite_subscription_state.h"
+#include "composite_instrument/i_flexible_price_observer.h"
 #include "composite_instrument/provider_type.h"
 #include "composite_instrument/subscription_result.h"
 #include "price_unifier/source/subscription_core.h"
@@ -23,9 +24,19 @@ namespace ps_ns
 class ComponentLink;
 class CompositeSubscriptionMgr;
 class ICompositePriceObserver;
-class IFlexiblePriceObserver;
 class SimpleSubscriptionMgr;
 class UnsubscribeGate;
+
+/// One component of a composite subscription, for people who look into the server.
+struct ComponentView
+{
+    bool isWanted = false;
+    bool isDecided = false;    ///< its provider is final
+    bool isSubscribed = false; ///< with its provider
+    ProviderType::Value provider = ProviderType::Zel;
+    std::string symbol; ///< what the provider knows it by
+    ps_messages_ns::SubscriptionResult::Value result = ps_messages_ns::SubscriptionResult::None; ///< its last answer
+};
 
 /// The one live subscription of an instrument identity: holds the clients' scopes, subscribes the instrument's
 /// components with their providers, and has what they deliver merged and handed to the clients.
@@ -123,6 +134,18 @@ public:
     /// scope's client by itself.
     ps_messages_ns::SubscriptionResult::Value GetSubscribeResult(CompositeComponentType::Type component) const;
     const PriceFormat& GetPriceFormat(CompositeComponentType::Type component) const;
+    /// When the newest update in the book reached the provider, ns since 1970 UTC; 0: none yet. From any thread.
+    std::uint64_t GetLastUpdateTime_ns() const noexcept { return m_core->GetLastUpdateTime_ns(); }
+    ComponentView GetComponentView(CompositeComponentType::Type component) const;
+    /// Calls `visit` for each scope, in no order: its id, what it asks for, and the name of its observer.
+    template <class Visit>
+    void ForEachScope(Visit&& visit) const
+    {
+        for (const auto& [id, scope] : m_scopes)
+        {
+            visit(id, scope.info, scope.observer != nullptr ? scope.observer->GetName() : m_core->GetObserverName());
+        }
+    }
     /// Callbacks made so far, like "books=12 trades=3 customFields=0".
     std::string GetCountsAsString() const;
 

@@ -84,6 +84,9 @@ public:
     /// it, and only an image can come first. `subscriptionEpoch` is what merged books carry from that image on.
     void ExpectImage(CompositeComponentType::Type component, std::uint64_t subscriptionEpoch);
 
+    const std::string& GetObserverName() const noexcept { return m_observer->GetName(); }
+    /// When the newest update in the book reached the provider, ns since 1970 UTC; 0: none yet.
+    std::uint64_t GetReceiveTime_ns() const noexcept { return m_receiveTime_ns; }
     bool HasSnapshot() const noexcept { return m_current != nullptr; }
     const CallbackCounts& GetCounts() const noexcept { return m_counts; }
 

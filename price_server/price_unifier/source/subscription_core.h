@@ -48,6 +48,8 @@ public:
     CompositeSubscriptionState GetState() const;
     bool AnySnapshotsReceived() const noexcept { return m_hasSnapshot.load(); }
     const CallbackCounts& GetCounts() const noexcept { return m_delivery.GetCounts(); }
+    std::uint64_t GetLastUpdateTime_ns() const noexcept { return m_lastUpdateTime_ns.load(); }
+    const std::string& GetObserverName() const noexcept { return m_delivery.GetObserverName(); }
     /// Runs a task on the executor, silenced or not.
     void RunViaExecutor(std::function<void()> task) { m_executor->Post(std::move(task)); }
 
@@ -79,7 +81,11 @@ public:
     /// Runs `deliver` on the executor, unless the subscription is silent by then.
     void Deliver(std::function<void(PriceDelivery&)> deliver);
     /// On the executor, with each book.
-    void NoteSnapshot() noexcept { m_hasSnapshot.store(m_delivery.HasSnapshot()); }
+    void NoteSnapshot() noexcept
+    {
+        m_hasSnapshot.store(m_delivery.HasSnapshot());
+        m_lastUpdateTime_ns.store(m_delivery.GetReceiveTime_ns());
+    }
 
 private:
     void OnStaleChanged(bool isStale);
@@ -90,6 +96,7 @@ private:
     const std::shared_ptr<AsyncDispatcher> m_timers;
     std::atomic<bool> m_isSilent{false};
     std::atomic<bool> m_hasSnapshot{false};
+    std::atomic<std::uint64_t> m_lastUpdateTime_ns{0};
 
     mutable std::mutex m_mutex;
     ComponentAnswers m_answers;         ///< under m_mutex

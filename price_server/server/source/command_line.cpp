@@ -106,6 +106,10 @@ void AddShowOptions(CLI::App& app, CommandLine& line)
     app.add_option("--duration", line.duration_sec, "exit after so many seconds")
         ->check(FiniteFrom(0, 1e9))
         ->type_name("SECONDS");
+    auto* const port = app.add_option("--port", line.port, "port of the gateway: page, prices, metrics (8080); 0: any")
+                           ->check(CLI::Range(0, 65535))
+                           ->type_name("N");
+    app.add_flag("--no-gateway", line.servesNobody, "listen to nobody: no page, no clients")->excludes(port);
     app.add_option("--log-level", line.logLevel, "write records from this level on (0 to 100)")
         ->check(CLI::Range(0, 100))
         ->type_name("N");

@@ -131,6 +131,16 @@ EffectiveConfig MakeEffectiveConfig(const CommandLine& line)
         }
         config.mds->simulation->seed = *line.seed;
     }
+    if (line.port)
+    {
+        GatewaySettings& gateway = config.gateway ? *config.gateway : config.gateway.emplace();
+        gateway.port = static_cast<std::uint16_t>(*line.port);
+    }
+    if (line.servesNobody)
+    {
+        config.gateway.reset();
+    }
+    effective.takesAnyPort = line.configFile.empty() && !line.port;
     config.logging.level = line.logLevel.value_or(config.logging.level);
     return effective;
 }

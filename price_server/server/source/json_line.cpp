@@ -3,7 +3,7 @@
 #include "composite_price/fixed_point.h"
 #include "composite_price/merged_order_book.h"
 #include "composite_price/trade.h"
-#include "server/component_name.h"
+#include "gateway/component_name.h"
 
 #include <boost/json.hpp>
 

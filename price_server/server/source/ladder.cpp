@@ -1,7 +1,7 @@
 #include "server/ladder.h"
 
 #include "composite_price/fixed_point.h"
-#include "server/component_name.h"
+#include "gateway/component_name.h"
 #include "server/styled_line.h"
 
 #include <algorithm>

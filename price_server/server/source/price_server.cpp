@@ -3,6 +3,7 @@
 #include "common/channel_task.h"
 #include "composite_price/default_composite_price_factory.h"
 #include "mds/mds_provider.h"
+#include "server/gateway_wiring.h"
 #include "server/mds_wiring.h"
 #include "server/pending_check.h"
 #include "server/price_gate.h"
@@ -56,6 +57,8 @@ void PriceServer::StartAll()
     StartManager();
     StartProviders();
     m_clients.Open();
+    StartGateway();
+    m_isReady = true;
 }
 
 void PriceServer::MakeQueue()
@@ -99,9 +102,27 @@ void PriceServer::StartProviders()
     m_mds->Start();
 }
 
+void PriceServer::StartGateway()
+{
+    if (!m_config.gateway)
+    {
+        return;
+    }
+    gateway::GatewayOptions options = MakeGatewayOptions(*m_config.gateway);
+    options.takesAnyPort = m_options.takesAnyPort;
+    gateway::IBackend& backend = *this;
+    m_gateway = std::make_unique<gateway::Gateway>(std::move(options), backend);
+    m_gateway->Start();
+}
+
 // The order is what makes the raw pointers between the parts safe: docs/life-cycles.md.
 void PriceServer::Stop()
 {
+    m_isReady = false;
+    if (m_gateway != nullptr)
+    {
+        m_gateway->Stop(); // its sessions give their subscriptions back
+    }
     m_clients.Close();
     if (m_manager != nullptr)
     {
@@ -119,6 +140,7 @@ void PriceServer::Stop()
     }
     StopExecutors();
     m_renameRelay.reset();
+    m_gateway.reset(); // what it asked of the queue has run, or is gone
     m_pendingCheck.reset();
     m_manager.reset();
     m_mds.reset();
@@ -177,6 +199,31 @@ bool PriceServer::IsDirectoryComplete() const
 std::vector<DirectoryEntry> PriceServer::GetDirectoryEntries() const
 {
     return m_mds->GetDirectory().GetEntries();
+}
+
+std::string PriceServer::GetUrl() const
+{
+    return m_gateway == nullptr ? "" : m_gateway->GetUrl();
+}
+
+bool PriceServer::TryRequest(const std::function<void(CompositeSubscriptionMgr&)>& request)
+{
+    return m_clients.Pass([&] { request(*m_manager); });
+}
+
+bool PriceServer::RunOnQueue(std::function<void(CompositeSubscriptionMgr&, SimpleSubscriptionMgr&)> task)
+{
+    return m_clients.Pass(
+        [&]
+        {
+            m_queue->insert(
+                new ChannelTask<Task>([this, task = std::move(task)] { task(*m_manager, *m_simple); }, "gateway"));
+        });
+}
+
+bool PriceServer::IsReady() const
+{
+    return m_isReady && IsDirectoryComplete();
 }
 
 void PriceServer::ReleasePrices()

@@ -1,7 +1,7 @@
 #include "server/price_watch.h"
 
+#include "gateway/component_name.h"
 #include "logging/logging.h"
-#include "server/component_name.h"
 #include "server/price_server.h"
 
 #include <algorithm>

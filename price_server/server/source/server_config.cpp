@@ -1,5 +1,6 @@
 #include "server/server_config.h"
 
+#include "gateway_section.h"
 #include "renames_section.h"
 #include "server_config_schema.h"
 
@@ -166,9 +167,9 @@ ServerConfig Reader::Read()
     readSection("Gateway",
                 [&](std::size_t section)
                 {
-                    GatewaySettings& gateway = m_config.gateway.emplace();
-                    Read(At(section), "address", gateway.address);
-                    Read(At(section), "port", gateway.port);
+                    GatewaySection gateway = ReadGatewaySection(m_document, section, m_folder, m_marketIdByName);
+                    m_config.gateway = std::move(gateway.settings);
+                    m_problems.insert(m_problems.end(), gateway.problems.begin(), gateway.problems.end());
                 });
     return std::move(m_config);
 }

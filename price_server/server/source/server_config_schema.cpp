@@ -95,6 +95,30 @@ ElementRule ProvidersRule()
     return {.name = "Providers", .children = {mds, zel}, .required = true};
 }
 
+ElementRule GatewayRule()
+{
+    constexpr std::size_t kMaxTokens = 1000;
+    constexpr std::uint64_t kMillion = 1'000'000;
+    const ElementRule token{.name = "Token",
+                            .attributes = {RequiredName("name"), Required("file", ValueRule::FilePath()),
+                                           Optional("markets", ValueRule::Text(1, 4095)),
+                                           Optional("operations", ValueRule::Boolean())},
+                            .maxCount = kMaxTokens};
+    const ElementRule origin{
+        .name = "Origin", .attributes = {Required("url", ValueRule::Text(1, kMaxUrlLength))}, .maxCount = kMaxTokens};
+    const ElementRule tls{
+        .name = "Tls",
+        .attributes = {Required("certificate", ValueRule::FilePath()), Required("key", ValueRule::FilePath())}};
+    const ElementRule limits{.name = "Limits",
+                             .attributes = {Optional("sessions", ValueRule::Unsigned(1, kMillion)),
+                                            Optional("subscriptions", ValueRule::Unsigned(1, kMillion)),
+                                            Optional("requestsPerSecond", ValueRule::Unsigned(1, kMillion))}};
+    return {.name = "Gateway",
+            .attributes = {Optional("address", ValueRule::Text(1, 255)),
+                           Optional("port", ValueRule::Unsigned(0, 65535)), Optional("webRoot", ValueRule::FilePath())},
+            .children = {token, origin, tls, limits}};
+}
+
 } // namespace
 
 const ConfigSchema& GetServerConfigSchema()
@@ -114,9 +138,7 @@ const ConfigSchema& GetServerConfigSchema()
             {.name = "Threads", .attributes = {Optional("executors", ValueRule::Unsigned(1, 64))}},
             MarketsRule(),
             ProvidersRule(),
-            {.name = "Gateway",
-             .attributes = {Optional("address", ValueRule::Text(1, 255)),
-                            Optional("port", ValueRule::Unsigned(0, 65535))}}}});
+            GatewayRule()}});
     return kSchema;
 }
 

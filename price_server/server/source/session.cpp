@@ -87,6 +87,7 @@ PriceServerOptions Session::MakeServerOptions() const
     options.logSink = m_holdsLog ? m_held : nullptr;
     options.alignsStarts = m_effective.alignsStarts;
     options.holdsPrices = m_watches;
+    options.takesAnyPort = m_effective.takesAnyPort;
     return options;
 }
 
@@ -152,6 +153,10 @@ void Session::Talk(std::size_t instruments, const std::vector<ListedInstrument>&
     {
         const std::string names = watched.empty() ? "none" : JoinNames(watched);
         std::fprintf(stderr, "price_server: %zu instruments; watching %s. Ctrl+C ends.\n", instruments, names.c_str());
+        if (const std::string url = m_server.GetUrl(); !url.empty())
+        {
+            std::fprintf(stderr, "price_server: page and prices at %s\n", url.c_str());
+        }
     }
 }
 
@@ -231,8 +236,8 @@ std::vector<std::string> Session::RenderFrame()
     std::string footer = m_held->GetNewest();
     if (footer.empty())
     {
-        footer =
-            std::to_string(updates) + " updates" + (m_server.HasEnded() ? ", no more to come" : "") + ". Ctrl+C ends.";
+        footer = std::to_string(updates) + " updates" + (m_server.HasEnded() ? ", no more to come" : "") +
+                 (m_server.GetUrl().empty() ? "" : ". Page: " + m_server.GetUrl()) + ". Ctrl+C ends.";
     }
     return RenderLadders(views, footer, GetScreenSize(STDOUT_FILENO), m_hasColors);
 }

@@ -1,9 +1,9 @@
 #include "server/price_server.h"
 
 #include "composite_instrument/local_observer_factory.h"
+#include "gateway/instrument_list.h"
 #include "logging/logging.h"
 #include "program_test_kit.h"
-#include "server/watched_instruments.h"
 
 #include <gtest/gtest.h>
 

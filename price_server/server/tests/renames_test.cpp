@@ -2,11 +2,11 @@
 #include "composite_instrument/local_observer_factory.h"
 #include "composite_price/fixed_point.h"
 #include "composite_price/merged_order_book.h"
+#include "gateway/instrument_list.h"
 #include "program_test_kit.h"
 #include "server/exit_code.h"
 #include "server/price_server.h"
 #include "server/rename_file.h"
-#include "server/watched_instruments.h"
 
 #include <boost/json.hpp>
 #include <gmock/gmock.h>

@@ -52,6 +52,7 @@ struct GatewayOptions
 {
     std::string address = "127.0.0.1";
     std::uint16_t port = 8080; ///< 0: any that is free
+    bool takesAnyPort = false; ///< when the port is taken, any that is free
     std::string webRoot;       ///< the folder of the built page; empty: none
     std::vector<Token> tokens; ///< empty: nobody has to show one; allowed on loopback only
     /// Origins of pages that may open a session, like "https://desk.example". The gateway's own is always allowed;

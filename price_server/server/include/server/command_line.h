@@ -33,6 +33,8 @@ struct CommandLine
     std::vector<std::string> watched; ///< SYMBOL or MARKET:SYMBOL
     std::int32_t depth = 10;          ///< levels a side of what is watched
     std::optional<std::uint64_t> seed;
+    std::optional<unsigned> port; ///< of the gateway; 0: any that is free
+    bool servesNobody = false;    ///< no gateway
     std::optional<int> logLevel;
 };
 

@@ -20,6 +20,7 @@ struct EffectiveConfig
 {
     ServerConfig config;
     bool alignsStarts = false;   ///< as in PriceServerOptions
+    bool takesAnyPort = false;   ///< nobody has named the gateway's port: if it is taken, another will do
     bool endsWithPrices = false; ///< the program exits at the end of the recording
 };
 

@@ -2,6 +2,7 @@
 
 #include "async/thread_pool.h"
 #include "common/queue_reader.h"
+#include "gateway/gateway.h"
 #include "metrics/metrics.h"
 #include "price_unifier/source/composite_subscription_mgr.h"
 #include "server/client_gate.h"
@@ -9,7 +10,10 @@
 #include "server/server_config.h"
 #include "simple_subscription/simple_subscription_mgr.h"
 
+#include <atomic>
+#include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace ps_ns
@@ -25,7 +29,9 @@ struct PriceServerOptions
 {
     std::shared_ptr<zel::logging::ISink> logSink; ///< instead of what the settings say; may be null
     bool alignsStarts = false;                    ///< files recorded at different times play as if begun together
-    bool holdsPrices = false;                     ///< no message is played before ReleasePrices
+    /// When the gateway's port is taken, any other will do.
+    bool takesAnyPort = false;
+    bool holdsPrices = false; ///< no message is played before ReleasePrices
 };
 
 /// The server: owns every part of it, starts them, and stops them in the one order that is safe.
@@ -34,12 +40,12 @@ struct PriceServerOptions
 /// also before Start and after Stop.
 ///
 /// Failure: Start throws std::runtime_error when the server cannot run as configured, and leaves nothing running.
-class PriceServer
+class PriceServer final : private gateway::IBackend
 {
 public:
     explicit PriceServer(ServerConfig config, PriceServerOptions options = {});
     /// Stops.
-    ~PriceServer();
+    ~PriceServer() override;
     PriceServer(const PriceServer&) = delete;
     PriceServer& operator=(const PriceServer&) = delete;
 
@@ -57,14 +63,16 @@ public:
         return m_clients.Pass([&] { std::forward<Request>(request)(*m_manager); });
     }
 
-    const MarketTable& GetMarkets() const noexcept { return m_markets; }
+    const MarketTable& GetMarkets() const noexcept override { return m_markets; }
 
     // The rest is for the owner, between Start and Stop.
 
     /// All providers know their instruments.
     bool IsDirectoryComplete() const;
     /// Their instruments so far.
-    std::vector<DirectoryEntry> GetDirectoryEntries() const;
+    std::vector<DirectoryEntry> GetDirectoryEntries() const override;
+    /// Where the page is; empty: there is no gateway.
+    std::string GetUrl() const;
     void ReleasePrices();
     /// No more prices will come: the recording is over, or the feed has failed.
     bool HasEnded() const;
@@ -74,11 +82,16 @@ public:
 private:
     using Queue = DataQueue<DataMsgTask>;
 
+    bool TryRequest(const std::function<void(CompositeSubscriptionMgr&)>& request) override;
+    bool RunOnQueue(std::function<void(CompositeSubscriptionMgr&, SimpleSubscriptionMgr&)> task) override;
+    bool IsReady() const override;
+
     void StartAll();
     void MakeQueue();
     void MakeProviders();
     void StartManager();
     void StartProviders();
+    void StartGateway();
     void RunQueueDry();
     void StopQueue();
     void StopExecutors();
@@ -101,6 +114,8 @@ private:
     std::unique_ptr<PendingCheck> m_pendingCheck;
     std::unique_ptr<RenameRelay> m_renameRelay; ///< also the feed thread's, while it runs
     std::unique_ptr<QueueReader<>> m_reader;
+    std::unique_ptr<gateway::Gateway> m_gateway;
+    std::atomic<bool> m_isReady{false}; ///< the gateway asks
 };
 
 } // namespace ps_ns

@@ -2,7 +2,7 @@
 
 #include "composite_instrument/i_composite_price_observer.h"
 #include "composite_price/trade.h"
-#include "server/watched_instruments.h"
+#include "gateway/instrument_list.h"
 
 #include <chrono>
 #include <condition_variable>

@@ -90,11 +90,28 @@ struct ZelSettings
     std::string url = "nats://127.0.0.1:4222"; ///< of the message broker
 };
 
+/// A token of section Gateway: who shows it may come in.
+struct TokenSettings
+{
+    std::string name;
+    std::string file;                 ///< its first line is the token
+    std::vector<std::string> markets; ///< names; empty: all
+    bool operations = true;           ///< opens the pages of operations
+};
+
 /// Section Gateway.
 struct GatewaySettings
 {
     std::string address = "127.0.0.1";
     std::uint16_t port = 8080; ///< 0: any that is free
+    std::string webRoot;       ///< the folder of the built page; empty: the one beside the program
+    std::vector<TokenSettings> tokens;
+    std::vector<std::string> origins; ///< of pages that may open a session, beside the gateway's own
+    std::string tlsCertificate;       ///< PEM file; empty: no TLS
+    std::string tlsKey;               ///< PEM file
+    unsigned maxSessions = 4096;
+    unsigned maxSubscriptions = 200; ///< of one session
+    unsigned maxRequestsPerSecond = 100;
 };
 
 /// Everything that the server is told by its configuration file, with the defaults in place. A plain value.

@@ -1,4 +1,4 @@
-#include "server/watched_instruments.h"
+#include "gateway/instrument_list.h"
 
 #include "composite_instrument/composite_component_type.h"
 

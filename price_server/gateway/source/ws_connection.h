@@ -1,0 +1,278 @@
+#pragma once
+
+#include "client_session.h"
+#include "gateway_core.h"
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/websocket.hpp>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace ps_ns::gateway
+{
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+namespace websocket = beast::websocket;
+
+using HttpRequest = http::request<http::empty_body>;
+
+/// What the gateway asks of a connection, whatever stream is below it.
+class IConnection
+{
+public:
+    virtual ~IConnection() = default;
+    /// The server stops: say so to the client, and go.
+    virtual void Drain() = 0;
+    /// Now and then: sees whether the client takes what it is sent.
+    virtual void CheckProgress(std::chrono::steady_clock::time_point now) = 0;
+    /// Away with it, without another word.
+    virtual void Abort() = 0;
+};
+
+/// One WebSocket session over a plain or an encrypted stream.
+///
+/// Threads: the I/O thread.
+/// Ownership: the operations under way hold it; the gateway has a weak reference.
+template <class Stream>
+class WsConnection final : public IConnection, public std::enable_shared_from_this<WsConnection<Stream>>
+{
+public:
+    WsConnection(GatewayCore& core, Stream&& stream)
+        : m_core(core)
+        , m_ws(std::move(stream))
+        , m_tokenTimer(m_ws.get_executor())
+        , m_closeTimer(m_ws.get_executor())
+    {
+    }
+    ~WsConnection() override { EndSession(); }
+
+    /// Accepts the handshake in `request`.
+    void Run(const HttpRequest& request, const std::string& remote, std::optional<Identity> identity)
+    {
+        const Limits& limits = m_core.GetOptions().limits;
+        beast::get_lowest_layer(m_ws).expires_never(); // the WebSocket layer has timeouts of its own
+        m_ws.set_option(websocket::stream_base::timeout{limits.handshake, limits.idle, true});
+        const bool offersProtocol = request.count(http::field::sec_websocket_protocol) != 0;
+        m_ws.set_option(websocket::stream_base::decorator(
+            [offersProtocol](websocket::response_type& response)
+            {
+                response.set(http::field::server, "price_server");
+                if (offersProtocol)
+                {
+                    response.set(http::field::sec_websocket_protocol, kSubprotocol);
+                }
+            }));
+        m_ws.read_message_max(limits.message_bytes);
+        m_ws.auto_fragment(false);
+        m_ws.text(true);
+        std::weak_ptr<WsConnection> weak = this->weak_from_this();
+        m_session = std::make_shared<ClientSession>(m_core, m_core.MakeSessionNumber(), remote, std::move(identity),
+                                                    [&core = m_core, weak]
+                                                    {
+                                                        core.Schedule(
+                                                            [weak]
+                                                            {
+                                                                if (const auto self = weak.lock())
+                                                                {
+                                                                    self->OnWake();
+                                                                }
+                                                            });
+                                                    });
+        m_ws.async_accept(request, beast::bind_front_handler(&WsConnection::OnAccept, this->shared_from_this()));
+    }
+
+    void Drain() override { Close({1001, "the server stops"}); }
+    void CheckProgress(std::chrono::steady_clock::time_point now) override
+    {
+        if (m_session != nullptr && m_session->GetWriteAge(now) > m_core.GetOptions().limits.stall)
+        {
+            ++m_core.Counts().tooSlow;
+            Close({1013, "too slow: nothing was taken for too long"});
+        }
+    }
+    void Abort() override
+    {
+        EndSession();
+        beast::get_lowest_layer(m_ws).close();
+    }
+
+private:
+    void OnAccept(beast::error_code error)
+    {
+        if (error)
+        {
+            return;
+        }
+        m_isOpen = true;
+        m_core.Enter(m_session);
+        m_session->Start();
+        if (!m_session->IsAuthenticated())
+        {
+            m_tokenTimer.expires_after(m_core.GetOptions().limits.handshake);
+            m_tokenTimer.async_wait(
+                [self = this->shared_from_this()](beast::error_code waitError)
+                {
+                    if (!waitError && self->m_session != nullptr && !self->m_session->IsAuthenticated())
+                    {
+                        self->Close({1008, "no token came in time"});
+                    }
+                });
+        }
+        Write();
+        Read();
+    }
+
+    void Read()
+    {
+        m_ws.async_read(m_buffer, beast::bind_front_handler(&WsConnection::OnRead, this->shared_from_this()));
+    }
+
+    void OnRead(beast::error_code error, std::size_t)
+    {
+        if (error)
+        {
+            // Broken protocol and too long messages have been answered with their close frame already.
+            EndSession();
+            return;
+        }
+        if (!m_ws.got_text())
+        {
+            Close({1003, "messages are text"});
+        }
+        else if (!m_isClosing)
+        {
+            const auto data = m_buffer.cdata();
+            m_session->OnMessage({static_cast<const char*>(data.data()), data.size()});
+        }
+        m_buffer.consume(m_buffer.size());
+        AfterSession();
+        Read(); // also while closing: the answer to the close comes this way
+    }
+
+    void OnWake()
+    {
+        if (m_session != nullptr && m_isOpen && !m_isClosing)
+        {
+            m_session->Pump();
+            AfterSession();
+        }
+    }
+
+    void AfterSession()
+    {
+        if (m_session == nullptr || m_isClosing)
+        {
+            return;
+        }
+        if (m_session->GetEnd())
+        {
+            m_core.Counts().tooSlow += m_session->GetEnd()->code == 1013 ? 1 : 0;
+            Write(); // what explains the end
+            Close(*m_session->GetEnd());
+            return;
+        }
+        Write();
+    }
+
+    void Write()
+    {
+        if (m_isWriting || m_isClosing || m_session == nullptr || !m_session->HasOutput())
+        {
+            return;
+        }
+        m_isWriting = true;
+        m_texts = m_session->BeginWrite();
+        m_buffers.clear();
+        for (const SharedText& text : m_texts)
+        {
+            if (!m_buffers.empty())
+            {
+                m_buffers.emplace_back("\n", 1);
+            }
+            m_buffers.emplace_back(asio::buffer(*text));
+        }
+        m_ws.async_write(m_buffers, beast::bind_front_handler(&WsConnection::OnWrite, this->shared_from_this()));
+    }
+
+    void OnWrite(beast::error_code error, std::size_t bytes)
+    {
+        m_isWriting = false;
+        m_texts.clear();
+        if (error || m_session == nullptr)
+        {
+            EndSession();
+            return;
+        }
+        m_session->FinishWrite(bytes);
+        AfterSession();
+    }
+
+    /// Says why, and goes for good when the client does not answer.
+    void Close(const SessionEnd& end)
+    {
+        if (std::exchange(m_isClosing, true))
+        {
+            return;
+        }
+        EndSession();
+        if (!m_isOpen)
+        {
+            beast::get_lowest_layer(m_ws).close();
+            return;
+        }
+        constexpr std::chrono::seconds kPatience{3};
+        m_closeTimer.expires_after(kPatience);
+        m_closeTimer.async_wait(
+            [weak = this->weak_from_this()](beast::error_code error)
+            {
+                const auto self = weak.lock();
+                if (!error && self != nullptr)
+                {
+                    beast::get_lowest_layer(self->m_ws).close();
+                }
+            });
+        constexpr std::size_t kMostReason = 120; // a close frame has room for no more
+        websocket::close_reason reason(static_cast<websocket::close_code>(end.code));
+        reason.reason = end.reason.substr(0, kMostReason);
+        m_ws.async_close(reason, [self = this->shared_from_this()](beast::error_code) { self->m_closeTimer.cancel(); });
+    }
+
+    void EndSession()
+    {
+        m_tokenTimer.cancel();
+        if (m_session == nullptr)
+        {
+            return;
+        }
+        const SessionView view = m_session->GetView();
+        m_core.Counts().conflated += view.conflated;
+        m_core.Counts().lostTrades += view.lostTrades;
+        m_core.Counts().sentBytes += view.sent_bytes;
+        m_session->End();
+        m_core.Leave(m_session->GetNumber());
+        m_session.reset();
+    }
+
+    GatewayCore& m_core;
+    websocket::stream<Stream> m_ws;
+    asio::steady_timer m_tokenTimer;
+    asio::steady_timer m_closeTimer;
+    beast::flat_buffer m_buffer;
+    std::shared_ptr<ClientSession> m_session; ///< null once it has ended
+    bool m_isOpen = false;
+    bool m_isClosing = false;
+    bool m_isWriting = false;
+    std::vector<SharedText> m_texts; ///< of the write under way
+    std::vector<asio::const_buffer> m_buffers;
+};
+
+} // namespace ps_ns::gateway
