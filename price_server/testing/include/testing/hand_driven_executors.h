@@ -1,6 +1,7 @@
 #pragma once
 
 #include "async/executor.h"
+#include "testing/event_log.h"
 
 #include <cstddef>
 #include <deque>
@@ -35,12 +36,21 @@ public:
     /// Destroys everything that waits; later posts are destroyed at once.
     void Stop();
 
+    /// Called with each post before its task is queued, with the executor's number; what it throws comes out of the
+    /// post, as a failed allocation would. Null: nothing is called. Posts to what is stopped do not count.
+    void SetOnPost(std::function<void(std::size_t executor)> onPost);
+    /// Records each post as "executor.Post 0", by the executor's number, until SetOnPost says otherwise. Off unless
+    /// asked for: other sequences show only what the tasks do.
+    void RecordPosts(EventLog& events);
+
     static bool IsInsideTask() noexcept;
 
 private:
     using Queue = std::deque<std::function<void()>>;
+    struct Shared;
+    class HandDrivenExecutor;
     std::vector<std::shared_ptr<Queue>> m_queues;
-    std::shared_ptr<bool> m_isStopped;
+    const std::shared_ptr<Shared> m_shared; ///< with the executors, which may outlive this
 };
 
 } // namespace ps_ns::testing
