@@ -1,10 +1,12 @@
 #include "price_unifier/source/composite_instrument_subscription.h"
+#include "price_unifier/source/notifications.h"
 #include "testing/manager_bench.h"
 
 #include <gtest/gtest.h>
 
 using namespace ps_ns;
 using namespace ps_ns::testing;
+using ps_messages_ns::SubscriptionResult;
 
 namespace
 {
@@ -237,4 +239,37 @@ TEST_F(CapturedArguments, OfASyntheticsCompletionAreCopies)
                                           "CompositeSubscriptionMgr: UnifierSynthetic. OnSyntheticUnsubscribeComplete. "
                                           "cdef " +
                                               MakeDef("X").ToStringShortCached() + " handle=6 not found")});
+}
+
+TEST_F(CapturedArguments, OfRaisedReportsAreCopies)
+{
+    struct Executing
+    {
+        void RunViaExecutor(std::function<void()> task) { tasks.push_back(std::move(task)); }
+        std::vector<std::function<void()>> tasks;
+    } subscription;
+    const auto client = bench.MakeFlexibleObserver("F");
+    flexible = client;
+    CompositeSubscriptionState state;
+    state.epoch = 4;
+    PriceFormat format;
+    format.denominator = 7;
+    RaiseOnSubscribe(&subscription, flexible, 1, def, EventInfo{}, SubscriptionResult::Success, 0, format,
+                     CompositeComponentType::Implied, state);
+    RaiseOnChangeScope(&subscription, flexible, 2, def, SubscriptionResult::NoSubscription);
+    RaiseOnUnsubscribe(&subscription, flexible, 3, def, SubscriptionResult::UnknownSubscriptionId,
+                       CompositeComponentType::Direct, state);
+    state.epoch = 99;
+    format.denominator = 99;
+    Spoil();
+    subscription.tasks.at(0)();
+    EXPECT_EQ(client->lastFormat.denominator, 7U);
+    EXPECT_EQ(client->lastState.epoch, 4U);
+    subscription.tasks.at(1)();
+    client->lastState.epoch = 0;
+    subscription.tasks.at(2)();
+    EXPECT_EQ(client->lastState.epoch, 4U);
+    EXPECT_EQ(bench.events.Take(),
+              (Events{"F.OnSubscribe id=1 X result=0 component=1 @caller", "F.OnChangeScope id=2 X result=13 @caller",
+                      "F.OnUnsubscribe id=3 X result=24 component=0 @caller"}));
 }

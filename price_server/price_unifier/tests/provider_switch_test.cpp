@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <iterator>
 #include <stdexcept>
 
 using namespace ps_ns;
@@ -164,4 +165,45 @@ TEST_F(ProviderSwitch, ThatThrowsEndsTheCheckAndLeavesTheSymbolPendingForTheNext
     EXPECT_EQ(Mds(), 2);
     EXPECT_EQ(Pending(), 0);
     EXPECT_TRUE(bench.Access().PendingProvider().empty());
+}
+
+TEST_F(ProviderSwitch, ThatThrowsLeavesThePendingGaugeAsItWasBeforeTheCheck)
+{
+    Subscribe(def);
+    Subscribe(MakeDef("Y"));
+    bench.List(*bench.mds, MakeDef("Y"));
+    DecideForMds();
+    // The walk has its own order: the symbol that it meets last throws.
+    const auto first = bench.Access().PendingProvider().begin();
+    const std::string ended = first->first.symbol;
+    const std::string left = std::next(first)->first.symbol;
+    bench.mds->Throws(left, [] { throw std::runtime_error("thrown by the provider"); });
+    EXPECT_THROW(Check(), std::runtime_error);
+    ASSERT_EQ(bench.Access().PendingProvider().size(), 1U);
+    EXPECT_EQ(bench.Access().PendingProvider().begin()->first.symbol, left);
+    EXPECT_EQ(bench.mds->GetListenerCount(ended), 1U);
+    EXPECT_EQ(Zel(), 1); // the first one is counted
+    EXPECT_EQ(Mds(), 1);
+    EXPECT_EQ(Pending(), 2); // set behind the walk, which did not get there
+}
+
+TEST_F(ProviderSwitch, IsNotKeptFromASymbolByOthersThatAreUndecided)
+{
+    for (const char* const symbol : {"A", "B", "C", "D", "E", "F"})
+    {
+        const CompositeInstrumentDef decided = MakeDef(symbol);
+        Subscribe(decided);
+        Subscribe(MakeDef(std::string("UNDECIDED") + symbol));
+        bench.List(*bench.mds, decided);
+    }
+    Check();
+    EXPECT_EQ(bench.Access().PendingProvider().size(), 6U);
+    for (const auto& [key, subscriptions] : bench.Access().PendingProvider())
+    {
+        EXPECT_TRUE(key.symbol.starts_with("UNDECIDED")) << key.symbol;
+        EXPECT_EQ(subscriptions.size(), 1U);
+    }
+    EXPECT_EQ(Zel(), 6);
+    EXPECT_EQ(Mds(), 6);
+    EXPECT_EQ(Pending(), 6);
 }

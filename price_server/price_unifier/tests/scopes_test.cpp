@@ -251,6 +251,16 @@ TEST_F(FlexibleScopes, GenerateASnapshotForAnUnchangedMergedScopeWhenAskedTo)
               Events{Line(10, std::string(" (observer=G) executed. No changes to SubscriptionInfo ") + kScope5)});
 }
 
+TEST_F(FlexibleScopes, RetargetToTheMergedScopeNotToTheRequest)
+{
+    Join(first, 1, {5, 0, true, false});
+    Join(second, 2, {9, 0, false, false});
+    Change(second, 2, {7, 0, false, false});
+    EXPECT_EQ(Take(), (Events{Line(10, " (observer=G) executed. PreviousSubscriptionInfo depth=9 interval=0 trades=1 "
+                                       "customFields=0 NewSubscriptionInfo depth=7 interval=0 trades=1 customFields=0"),
+                              "zel.ChangeScope X depth=7 interval=0 trades=1 customFields=0"}));
+}
+
 TEST_F(FlexibleScopes, AdjustTheSentinelDepthsToTheMarkets)
 {
     Join(first, 1, {7, 0, false, false});

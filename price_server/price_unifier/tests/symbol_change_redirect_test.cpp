@@ -215,3 +215,17 @@ TEST_F(SymbolChangeRedirect, SubscribesTheNewSymbolWithTheProviderThatWasChosenM
     EXPECT_EQ(Live(def)->GetState().symbol, "NEW");
     EXPECT_EQ(bench.zel->GetListenerCount("OLD") + bench.zel->GetListenerCount("NEW"), 0U);
 }
+
+TEST_F(SymbolChangeRedirect, GoesByTheSymbolNowSubscribedNotByTheDefinitions)
+{
+    bench.zel->unsubscribeAnswer = ScriptedProvider::UnsubscribeAnswer::Ok;
+    const CompositeInstrumentDef def = Subscribe("OLD");
+    Change("OLD", "NEW");
+    bench.events.Clear();
+    Change("OLD", "ELSEWHERE"); // nobody bears it any more
+    EXPECT_EQ(Take(), Events{Waiting(0, "OLD", "ELSEWHERE")});
+    Change("NEW", "NEWER");
+    EXPECT_EQ(Take(), (Events{"zel.Unsubscribe NEW", Waiting(1, "NEW", "NEWER"), Resubscribing("NEW", "NEWER"),
+                              Subscribed("NEWER")}));
+    EXPECT_EQ(Live(def)->GetSymbol(), "NEWER");
+}

@@ -131,6 +131,24 @@ TEST_F(ThrownExceptions, WhileTheFirstScopeIsAddedComeOutWhateverTheirType)
     expectFiledOnly();
 }
 
+TEST_F(ThrownExceptions, WhileASubscriptionIsConstructedComeOutOnBothInterfacesAndNothingIsFiled)
+{
+    bench.executors->SetOnMake([] { throw SubscriptionEx("looks like a failed subscribe, and is none"); });
+    bench.manager->Subscribe(def, scope, direct, 1);
+    EXPECT_THROW(bench.queue.RunAll(), SubscriptionEx);
+    EXPECT_EQ(Take(), Events{});
+    EXPECT_EQ(bench.Access().SubscriptionByHandle().size(), 1U); // the handle stays taken
+    bench.manager->Subscribe(def, scope, bench.factory, second, 1);
+    EXPECT_THROW(bench.queue.RunAll(), SubscriptionEx);
+    EXPECT_EQ(Take(), Events{"factory.CreateLocalObserver X @queue"});
+    EXPECT_FALSE(IsLive());
+    EXPECT_EQ(bench.simple->GetRegistry().GetSize(), 0U);
+
+    bench.executors->SetOnMake(nullptr);
+    Subscribe(second, 1);
+    EXPECT_TRUE(IsLive());
+}
+
 TEST_F(ThrownExceptions, WhileALaterScopeIsAddedComeOutAndLeaveNoTrace)
 {
     bench.manager->Subscribe(def, scope, bench.factory, second, 1);

@@ -58,6 +58,10 @@ HandDrivenExecutors::~HandDrivenExecutors()
 
 std::shared_ptr<Executor> HandDrivenExecutors::MakeExecutor()
 {
+    if (m_onMake)
+    {
+        m_onMake();
+    }
     m_queues.push_back(std::make_shared<Queue>());
     return std::make_shared<HandDrivenExecutor>(m_queues.size() - 1, m_queues.back(), m_shared);
 }

@@ -7,6 +7,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace ps_ns::testing
@@ -39,6 +40,8 @@ public:
     /// Called with each post before its task is queued, with the executor's number; what it throws comes out of the
     /// post, as a failed allocation would. Null: nothing is called. Posts to what is stopped do not count.
     void SetOnPost(std::function<void(std::size_t executor)> onPost);
+    /// Called before an executor is made; what it throws comes out of MakeExecutor. Null: nothing is called.
+    void SetOnMake(std::function<void()> onMake) { m_onMake = std::move(onMake); }
     /// Records each post as "executor.Post 0", by the executor's number, until SetOnPost says otherwise. Off unless
     /// asked for: other sequences show only what the tasks do.
     void RecordPosts(EventLog& events);
@@ -50,6 +53,7 @@ private:
     struct Shared;
     class HandDrivenExecutor;
     std::vector<std::shared_ptr<Queue>> m_queues;
+    std::function<void()> m_onMake;
     const std::shared_ptr<Shared> m_shared; ///< with the executors, which may outlive this
 };
 
