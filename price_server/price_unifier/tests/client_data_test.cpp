@@ -1,5 +1,7 @@
 #include "flexible_fixture.h"
 
+#include <new>
+
 using namespace ps_ns;
 using namespace ps_ns::testing;
 
@@ -110,4 +112,37 @@ TEST_F(ClientData, NeverComeBeforeTheReplayedResultsWhenTheMergedScopeChangesMea
     Subscribe(second, 2, {2, 0, false, false}); // widens: a new book for it is due as well
     EXPECT_EQ(Heard("G"), (Events{"G.OnSubscribe id=2 X result=0 component=0 @executor",
                                   "G.OnOrderBook id=2 X 10x1+0 9x1+0 |  @executor"}));
+}
+
+TEST_F(ClientData, NeverComeToAClientWhoseReplaysCouldNotBePosted)
+{
+    Open({1, 0, false, false});
+    bench.zel->Answer("X");
+    bench.zel->SendImage("X", {{kBid, "10", "1"}, {kBid, "9", "1"}});
+    bench.Run();
+    bench.events.Clear();
+    unsigned posts = 0;
+    bench.executors->SetOnPost(
+        [&posts](std::size_t)
+        {
+            if (++posts == 2) // the client is added; its replay fails
+            {
+                throw std::bad_alloc();
+            }
+        });
+    bench.manager->Subscribe(def, {2, 0, true, true}, bench.factory, second, 2);
+    EXPECT_THROW(bench.queue.RunAll(), std::bad_alloc);
+    bench.executors->SetOnPost(nullptr);
+    bench.manager->ChangeScope(def, {5, 0, true, true}, first, 1, false);
+    bench.Run();
+    bench.zel->SendChange("X", {{kBid, "10", "3"}});
+    bench.zel->SendTrade("X", "10", "5");
+    bench.zel->SendCustomFields("X");
+    EXPECT_TRUE(Heard("G").empty());
+    EXPECT_EQ(Heard("F").size(), 4U); // two books, a trade, custom fields
+    // It is there all the same, and can leave.
+    bench.manager->Unsubscribe(def, second, 2);
+    bench.Run();
+    EXPECT_TRUE(Heard("G").empty());
+    EXPECT_TRUE(IsLive());
 }

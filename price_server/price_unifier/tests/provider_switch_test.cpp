@@ -126,6 +126,7 @@ TEST_F(ProviderSwitch, IsHarmlessForASubscriptionWhoseComponentsAreUnsubscribed)
     DecideForMds();
     Check();
     EXPECT_EQ(bench.events.Take(), Events{DecisionLine()}); // nothing is subscribed
+    EXPECT_EQ(bench.Access().PendingDelete().begin()->first->GetProviderType(), ProviderType::Zel);
     EXPECT_TRUE(bench.zel->AnswerUnsubscribe("X"));
     bench.Run();
     EXPECT_EQ(bench.simple->GetRegistry().GetSize(), 0U);

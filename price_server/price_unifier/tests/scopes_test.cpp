@@ -88,6 +88,24 @@ TEST_F(DirectScopes, AdjustsASentinelDepth)
     EXPECT_EQ(Live().GetMergedScope().depth, 5);
 }
 
+TEST_F(DirectScopes, AdjustsTheSentinelDepthsOfTheOnlyScopeWhenItIsChanged)
+{
+    const auto scope = [](int depth)
+    { return "depth=" + std::to_string(depth) + " interval=0 trades=0 customFields=0"; };
+    const auto changed = [&](int from, int to)
+    {
+        return Events{Line(10, "ChangeScope",
+                           " executed. PreviousSubscriptionInfo " + scope(from) + " NewSubscriptionInfo " + scope(to)),
+                      "zel.ChangeScope X " + scope(to)};
+    };
+    bench.manager->ChangeScope(handle, {-1, 0, false, false}, 1, false);
+    bench.queue.RunAll();
+    EXPECT_EQ(bench.events.Take(), changed(5, 20));
+    bench.manager->ChangeScope(handle, {-2, 0, false, false}, 1, false);
+    bench.queue.RunAll();
+    EXPECT_EQ(bench.events.Take(), changed(20, 5));
+}
+
 TEST_F(DirectScopes, RefusesAnIdThatIsTaken)
 {
     EXPECT_TRUE(bench.manager->AddScope(handle, {9, 0, true, true}, 1));

@@ -127,6 +127,34 @@ TEST_F(SymbolChange, StaysStuckForEverWhenOneUnsubscribeFails)
     EXPECT_EQ(bench.Access().SymbolChangeResponses().at(1).at("OLD").responses.size(), 2U);
 }
 
+TEST_F(SymbolChange, AwaitsTheOtherAnswersAlsoAfterAFailure)
+{
+    Subscribe("OLD", 1);
+    Subscribe("OLD", 2);
+    Subscribe("OLD", 3);
+    Change("OLD", "NEW");
+    bench.events.Clear();
+    bench.zel->AnswerUnsubscribe("OLD", true);
+    EXPECT_EQ(Take(), Events{});
+    bench.zel->AnswerUnsubscribe("OLD", false);
+    EXPECT_EQ(Take(), Events{});
+    bench.zel->AnswerUnsubscribe("OLD", true);
+    EXPECT_EQ(Take(), Events{Stuck("OLD", "NEW")}); // once
+}
+
+TEST_F(SymbolChange, FailsWhenOneComponentOfASubscriptionCannotBeUnsubscribed)
+{
+    CompositeInstrumentDef def = MakeDef("OLD");
+    def.components = {true, true, false};
+    bench.manager->Subscribe(def, {5, 0, false, false}, observer, 1);
+    bench.Run();
+    Change("OLD", "NEW");
+    bench.events.Clear();
+    bench.zel->AnswerUnsubscribe("OLD", false);
+    bench.zel->AnswerUnsubscribe("IM_OLD", true);
+    EXPECT_EQ(Take(), Events{Stuck("OLD", "NEW")});
+}
+
 TEST_F(SymbolChange, DoesNotMeetADeletedSubscriptionWhenAClientUnsubscribesMeanwhile)
 {
     Subscribe("OLD");

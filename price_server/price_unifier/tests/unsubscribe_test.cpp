@@ -197,6 +197,21 @@ TEST_F(Unsubscribe, DeliversNothingToAClientOnceItsScopeIsRemoved)
                               "local.OnOrderBook X 10x1+0 |  @executor", "G.OnOrderBook id=2 X 10x1+0 |  @executor"}));
 }
 
+TEST_F(Unsubscribe, OfAHandleSilencesWhatIsUnderWayAnswersIncluded)
+{
+    bench.zel->unsubscribeAnswer = ScriptedProvider::UnsubscribeAnswer::Later;
+    const unsigned long handle = SubscribeDirect();
+    Join(first, 2);
+    bench.zel->Answer("X"); // posted, not delivered
+    bench.manager->Unsubscribe(handle);
+    bench.queue.RunAll();
+    bench.events.Clear();
+    EXPECT_GT(bench.executors->GetWaiting(), 0U);
+    EXPECT_EQ(Take(), Events{});
+    EXPECT_TRUE(bench.zel->AnswerUnsubscribe("X"));
+    EXPECT_EQ(Take(), Events{});
+}
+
 TEST_F(Unsubscribe, OfAHandleTakesTheWholeSubscriptionDownOtherClientsIncluded)
 {
     const unsigned long handle = SubscribeDirect();
