@@ -3,6 +3,7 @@
 #include "composite_instrument/subscription_ex.h"
 #include "price_unifier/source/notifications.h"
 
+#include <sstream>
 #include <stdexcept>
 
 using namespace ps_ns;
@@ -24,6 +25,14 @@ TEST_F(FlexibleSubscribe, MakesTheSubscriptionForTheFirstClientAndRaisesNothingB
               }));
     EXPECT_EQ(bench.manager->GetSubscriptionCounts().first, 1U);
     EXPECT_TRUE(bench.Access().SubscriptionByHandle().empty());
+}
+
+TEST_F(FlexibleSubscribe, MakesASubscriptionWithoutAHandle)
+{
+    Open();
+    std::ostringstream text;
+    Live().Describe(text);
+    EXPECT_NE(text.str().find(" handle=0 "), std::string::npos) << text.str();
 }
 
 TEST_F(FlexibleSubscribe, TellsTheLocalObserverAndTheFirstClientWhatTheComponentsAnswer)

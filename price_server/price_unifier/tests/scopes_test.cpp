@@ -88,6 +88,24 @@ TEST_F(DirectScopes, AdjustsASentinelDepth)
     EXPECT_EQ(Live().GetMergedScope().depth, 5);
 }
 
+TEST_F(DirectScopes, AdjustsTheSentinelDepthsOfTheOnlyScopeWhenItIsChanged)
+{
+    const auto scope = [](int depth)
+    { return "depth=" + std::to_string(depth) + " interval=0 trades=0 customFields=0"; };
+    const auto changed = [&](int from, int to)
+    {
+        return Events{Line(10, "ChangeScope",
+                           " executed. PreviousSubscriptionInfo " + scope(from) + " NewSubscriptionInfo " + scope(to)),
+                      "zel.ChangeScope X " + scope(to)};
+    };
+    bench.manager->ChangeScope(handle, {-1, 0, false, false}, 1, false);
+    bench.queue.RunAll();
+    EXPECT_EQ(bench.events.Take(), changed(5, 20));
+    bench.manager->ChangeScope(handle, {-2, 0, false, false}, 1, false);
+    bench.queue.RunAll();
+    EXPECT_EQ(bench.events.Take(), changed(20, 5));
+}
+
 TEST_F(DirectScopes, RefusesAnIdThatIsTaken)
 {
     EXPECT_TRUE(bench.manager->AddScope(handle, {9, 0, true, true}, 1));
@@ -251,6 +269,36 @@ TEST_F(FlexibleScopes, GenerateASnapshotForAnUnchangedMergedScopeWhenAskedTo)
               Events{Line(10, std::string(" (observer=G) executed. No changes to SubscriptionInfo ") + kScope5)});
 }
 
+TEST_F(FlexibleScopes, RetargetToTheMergedScopeNotToTheRequest)
+{
+    Join(first, 1, {5, 0, true, false});
+    Join(second, 2, {9, 0, false, false});
+    Change(second, 2, {7, 0, false, false});
+    EXPECT_EQ(Take(), (Events{Line(10, " (observer=G) executed. PreviousSubscriptionInfo depth=9 interval=0 trades=1 "
+                                       "customFields=0 NewSubscriptionInfo depth=7 interval=0 trades=1 customFields=0"),
+                              "zel.ChangeScope X depth=7 interval=0 trades=1 customFields=0"}));
+}
+
+TEST_F(FlexibleScopes, AdjustTheSentinelDepthsToTheMarkets)
+{
+    Join(first, 1, {7, 0, false, false});
+    const auto changed = [&](int from, int to)
+    {
+        const auto scope = [](int depth)
+        { return "depth=" + std::to_string(depth) + " interval=0 trades=0 customFields=0"; };
+        return Events{Line(10, " (observer=F) executed. PreviousSubscriptionInfo " + scope(from) +
+                                   " NewSubscriptionInfo " + scope(to)),
+                      "zel.ChangeScope X " + scope(to)};
+    };
+    Change(first, 1, {-2, 0, false, false});
+    EXPECT_EQ(Take(), changed(7, 5));
+    Change(first, 1, {-1, 0, false, false});
+    EXPECT_EQ(Take(), changed(5, 20));
+    CompositeInstrumentSubscription::ScopeEntry scope;
+    ASSERT_TRUE(bench.Access().Subscriptions().at(CompositeInstrumentID(def))->GetScope(1, scope));
+    EXPECT_EQ(std::get<0>(scope).depth, 20);
+}
+
 TEST_F(FlexibleScopes, ReportAMissingSubscriptionOnTheQueueThread)
 {
     Change(first, 1, {});
@@ -282,4 +330,16 @@ TEST_F(FlexibleScopes, SendASyntheticToTheSyntheticPathOnly)
 {
     bench.manager->ChangeScope(MakeSyntheticDef("S"), {}, first, 1, true);
     EXPECT_EQ(Take(), Events{});
+}
+
+TEST_F(FlexibleScopes, SendASyntheticToTheSyntheticPathEvenIfItsIdentityIsFiled)
+{
+    const CompositeInstrumentDef synthetic = MakeSyntheticDef("S");
+    Join(first, 1, {5, 0, false, false});
+    auto* const live = bench.Access().Subscriptions().at(CompositeInstrumentID(def));
+    bench.Access().FileSubscription(synthetic, live);
+    bench.manager->ChangeScope(synthetic, {9, 0, true, true}, first, 1, true);
+    bench.manager->ChangeScope(synthetic, {9, 0, true, true}, second, 7, true); // would be told 24
+    EXPECT_EQ(Take(), Events{});
+    EXPECT_EQ(live->GetMergedScope(), (CompositeSubscriptionInfo{5, 0, false, false}));
 }

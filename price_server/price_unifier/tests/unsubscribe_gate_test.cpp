@@ -69,6 +69,23 @@ TEST_F(UnsubscribeGateTest, AnswersAChangeThatOwesNothingAtOnce)
     EXPECT_EQ(events, Events{"ok"});
 }
 
+TEST_F(UnsubscribeGateTest, AnswersAChangeAsFailedWhenAnyOfItsAnswersHasFailed)
+{
+    for (const bool isFirst : {true, false})
+    {
+        const auto gate = MakeGate("A");
+        gate->BeginChange(group, [this](bool ok) { events.push_back(ok ? "ok" : "failed"); });
+        gate->Expect(true);
+        gate->Expect(true);
+        gate->OnAnswer(true, !isFirst);
+        gate->OnAnswer(true, isFirst);
+        EXPECT_TRUE(events.empty());
+        gate->FinishExpecting();
+        EXPECT_EQ(events, Events{"failed"});
+        events.clear();
+    }
+}
+
 TEST_F(UnsubscribeGateTest, HoldsTheCompletionBackUntilTheChangeHasResubscribed)
 {
     const auto gate = MakeGate("A");

@@ -152,6 +152,37 @@ TEST_F(Unsubscribe, SendsASyntheticToTheSyntheticPathOnly)
     EXPECT_EQ(Take(), Events{});
 }
 
+TEST_F(Unsubscribe, SendsASyntheticToTheSyntheticPathEvenIfItsIdentityIsFiled)
+{
+    const CompositeInstrumentDef synthetic = MakeSyntheticDef("S");
+    Join(first, 1);
+    auto* const live = bench.Access().Subscriptions().at(CompositeInstrumentID(def));
+    bench.Access().FileSubscription(synthetic, live);
+    bench.manager->Unsubscribe(synthetic, first, 1);
+    bench.manager->Unsubscribe(synthetic, second, 7); // would be told 24
+    EXPECT_EQ(Take(), Events{});
+    EXPECT_TRUE(live->HasIndividualSubscriptions());
+    EXPECT_EQ(bench.Access().Subscriptions().size(), 2U);
+}
+
+TEST_F(Unsubscribe, OfADirectHandleMakesNoTestForASyntheticAndFindsWhatIsFiled)
+{
+    const CompositeInstrumentDef synthetic = MakeSyntheticDef("S");
+    Join(first, 1);
+    bench.Access().FileSubscription(synthetic, bench.Access().Subscriptions().at(CompositeInstrumentID(def)));
+    bench.Access().Subscriptions().erase(CompositeInstrumentID(def));
+    bench.manager->Subscribe(synthetic, {}, direct, 1); // refused, and filed under handle 1
+    bench.events.Clear();
+    EXPECT_TRUE(bench.manager->Unsubscribe(1));
+    EXPECT_EQ(Take(),
+              (Events{LogLine(10, "SPLUNK_IGNORE | CompositeSubscriptionMgr: Unsubscribe request for instrument " +
+                                      synthetic.ToString() +
+                                      " handle=1 (observer=A) executed. instrument_callbacks books=0 trades=0 "
+                                      "customFields=0"),
+                      "zel.Unsubscribe X"}));
+    EXPECT_TRUE(bench.Access().Subscriptions().empty());
+}
+
 TEST_F(Unsubscribe, DeliversNothingToAClientOnceItsScopeIsRemoved)
 {
     Join(first, 1);
@@ -164,6 +195,21 @@ TEST_F(Unsubscribe, DeliversNothingToAClientOnceItsScopeIsRemoved)
     EXPECT_EQ(Take(), (Events{"local.OnSubscribe X result=0 component=0 @executor",
                               "G.OnSubscribe id=2 X result=0 component=0 @executor",
                               "local.OnOrderBook X 10x1+0 |  @executor", "G.OnOrderBook id=2 X 10x1+0 |  @executor"}));
+}
+
+TEST_F(Unsubscribe, OfAHandleSilencesWhatIsUnderWayAnswersIncluded)
+{
+    bench.zel->unsubscribeAnswer = ScriptedProvider::UnsubscribeAnswer::Later;
+    const unsigned long handle = SubscribeDirect();
+    Join(first, 2);
+    bench.zel->Answer("X"); // posted, not delivered
+    bench.manager->Unsubscribe(handle);
+    bench.queue.RunAll();
+    bench.events.Clear();
+    EXPECT_GT(bench.executors->GetWaiting(), 0U);
+    EXPECT_EQ(Take(), Events{});
+    EXPECT_TRUE(bench.zel->AnswerUnsubscribe("X"));
+    EXPECT_EQ(Take(), Events{});
 }
 
 TEST_F(Unsubscribe, OfAHandleTakesTheWholeSubscriptionDownOtherClientsIncluded)
@@ -266,6 +312,38 @@ TEST_F(Unsubscribe, ErasesThePendingEntryWithItsWholeVectorAtTeardownAndLeavesTh
     EXPECT_TRUE(bench.Access().PendingProvider().empty());
     EXPECT_EQ(bench.manager->SubscriptionPendingGaugeInstance().Get(), 1); // left alone
     EXPECT_EQ(bench.simple->GetRegistry().GetSize(), 1U);
+}
+
+TEST_F(Unsubscribe, ErasesBothEntriesOfASubscriptionThatIsPendingDeleteAndWaitsForAProviderAndDeletesItOnce)
+{
+    bench.zel->Directory().AddMarket(1);
+    bench.zel->unsubscribeAnswer = ScriptedProvider::UnsubscribeAnswer::Later;
+    const unsigned long handle = SubscribeDirect();
+    const auto* const subscription = bench.Access().Subscriptions().at(CompositeInstrumentID(def));
+    bench.manager->Unsubscribe(handle);
+    bench.Run();
+    bench.events.Clear();
+    ASSERT_EQ(bench.Access().PendingDelete().begin()->first, subscription);
+    ASSERT_EQ(bench.Access().PendingProvider().begin()->second.front(), subscription);
+    EXPECT_TRUE(bench.zel->AnswerUnsubscribe("X"));
+    EXPECT_EQ(bench.queue.GetWaiting(), 1U); // one teardown
+    EXPECT_EQ(Take(), Events{});
+    EXPECT_TRUE(bench.Access().PendingDelete().empty());
+    EXPECT_TRUE(bench.Access().PendingProvider().empty());
+    EXPECT_EQ(bench.simple->GetRegistry().GetSize(), 0U);
+}
+
+TEST_F(Unsubscribe, ErasesAtTeardownThePendingSymbolOfItsOwnSubscriptionOnly)
+{
+    bench.zel->Directory().AddMarket(1);
+    const unsigned long handle = SubscribeDirect();
+    const CompositeInstrumentDef other = MakeDef("Y");
+    bench.manager->Subscribe(other, {}, direct, 1);
+    bench.Run();
+    bench.manager->Unsubscribe(handle);
+    bench.Run();
+    ASSERT_EQ(bench.Access().PendingProvider().size(), 1U);
+    EXPECT_EQ(bench.Access().PendingProvider().count(PendingSubscriptionID(other)), 1U);
 }
 
 TEST_F(Unsubscribe, DeletesAtTeardownAlsoWhatIsNotInThePendingDeleteList)

@@ -1,5 +1,6 @@
 #include "testing/hand_driven_executors.h"
 
+#include <string>
 #include <utility>
 
 namespace ps_ns::testing
@@ -9,31 +10,44 @@ namespace
 
 thread_local int t_depth = 0;
 
-class HandDrivenExecutor final : public Executor
+} // namespace
+
+struct HandDrivenExecutors::Shared
+{
+    bool isStopped = false;
+    std::function<void(std::size_t executor)> onPost;
+};
+
+class HandDrivenExecutors::HandDrivenExecutor final : public Executor
 {
 public:
-    HandDrivenExecutor(std::shared_ptr<std::deque<std::function<void()>>> queue, std::shared_ptr<const bool> isStopped)
-        : m_queue(std::move(queue))
-        , m_isStopped(std::move(isStopped))
+    HandDrivenExecutor(std::size_t number, std::shared_ptr<Queue> queue, std::shared_ptr<const Shared> shared)
+        : m_number(number)
+        , m_queue(std::move(queue))
+        , m_shared(std::move(shared))
     {
     }
     void Post(std::function<void()> task) override
     {
-        if (!*m_isStopped)
+        if (m_shared->isStopped)
         {
-            m_queue->push_back(std::move(task));
+            return;
         }
+        if (m_shared->onPost)
+        {
+            m_shared->onPost(m_number);
+        }
+        m_queue->push_back(std::move(task));
     }
 
 private:
-    const std::shared_ptr<std::deque<std::function<void()>>> m_queue;
-    const std::shared_ptr<const bool> m_isStopped;
+    const std::size_t m_number;
+    const std::shared_ptr<Queue> m_queue;
+    const std::shared_ptr<const Shared> m_shared;
 };
 
-} // namespace
-
 HandDrivenExecutors::HandDrivenExecutors()
-    : m_isStopped(std::make_shared<bool>(false))
+    : m_shared(std::make_shared<Shared>())
 {
 }
 
@@ -44,8 +58,12 @@ HandDrivenExecutors::~HandDrivenExecutors()
 
 std::shared_ptr<Executor> HandDrivenExecutors::MakeExecutor()
 {
+    if (m_onMake)
+    {
+        m_onMake();
+    }
     m_queues.push_back(std::make_shared<Queue>());
-    return std::make_shared<HandDrivenExecutor>(m_queues.back(), m_isStopped);
+    return std::make_shared<HandDrivenExecutor>(m_queues.size() - 1, m_queues.back(), m_shared);
 }
 
 std::size_t HandDrivenExecutors::GetWaiting() const
@@ -96,12 +114,22 @@ std::size_t HandDrivenExecutors::RunAll()
 
 void HandDrivenExecutors::Stop()
 {
-    *m_isStopped = true;
+    m_shared->isStopped = true;
     for (const auto& queue : m_queues)
     {
         // Destroying a task may post another: take the whole queue out first.
         const Queue waiting = std::exchange(*queue, {});
     }
+}
+
+void HandDrivenExecutors::SetOnPost(std::function<void(std::size_t executor)> onPost)
+{
+    m_shared->onPost = std::move(onPost);
+}
+
+void HandDrivenExecutors::RecordPosts(EventLog& events)
+{
+    SetOnPost([&events](std::size_t executor) { events.Add("executor.Post " + std::to_string(executor)); });
 }
 
 bool HandDrivenExecutors::IsInsideTask() noexcept

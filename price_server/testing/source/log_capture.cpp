@@ -1,5 +1,7 @@
 #include "testing/log_capture.h"
 
+#include <utility>
+
 namespace ps_ns::testing
 {
 namespace
@@ -22,7 +24,48 @@ private:
     EventLog& m_events;
 };
 
+class ActingSink final : public zel::logging::ISink
+{
+public:
+    ActingSink(std::string part, std::function<void()> action)
+        : m_part(std::move(part))
+        , m_action(std::move(action))
+    {
+    }
+    void Write(const zel::logging::Record& record) noexcept override
+    {
+        next->Write(record);
+        if (!m_isActing && record.text.find(m_part) != std::string_view::npos)
+        {
+            m_isActing = true;
+            m_action();
+            m_isActing = false;
+        }
+    }
+
+    std::shared_ptr<zel::logging::ISink> next;
+
+private:
+    const std::string m_part;
+    const std::function<void()> m_action;
+    bool m_isActing = false;
+};
+
 } // namespace
+
+LogHook::LogHook(std::string part, std::function<void()> action)
+{
+    const auto sink = std::make_shared<ActingSink>(std::move(part), std::move(action));
+    // Nobody writes between the two: the tests that use it have one thread.
+    m_previousSink = zel::logging::Logger::SetSink(nullptr);
+    sink->next = m_previousSink;
+    zel::logging::Logger::SetSink(sink);
+}
+
+LogHook::~LogHook()
+{
+    zel::logging::Logger::SetSink(m_previousSink);
+}
 
 LogCapture::LogCapture(EventLog& events)
     : m_previousLevel(zel::logging::g_minLogLevel.exchange(0))

@@ -124,6 +124,19 @@ void ScriptedProvider::DropUnsubscribes()
     const std::vector<Listener> dropped = std::exchange(m_unsubscribing, {});
 }
 
+std::vector<std::shared_ptr<IComponentListener>> ScriptedProvider::GetUnsubscribing(const std::string& symbol) const
+{
+    std::vector<std::shared_ptr<IComponentListener>> listeners;
+    for (const Listener& entry : m_unsubscribing)
+    {
+        if (entry.symbol == symbol)
+        {
+            listeners.push_back(entry.listener);
+        }
+    }
+    return listeners;
+}
+
 std::size_t ScriptedProvider::GetListenerCount(const std::string& symbol) const
 {
     return GetListeners(symbol).size();

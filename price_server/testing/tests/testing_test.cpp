@@ -45,6 +45,34 @@ TEST(HandDrivenExecutors, DestroysTasksOnceStopped)
     EXPECT_EQ(held.use_count(), 1);
 }
 
+TEST(HandDrivenExecutors, RecordsPostsOnlyWhenAskedTo)
+{
+    HandDrivenExecutors executors;
+    const auto first = executors.MakeExecutor();
+    EventLog events;
+    first->Post([] {});
+    executors.RecordPosts(events);
+    const auto second = executors.MakeExecutor();
+    second->Post([&] { events.Add("second"); });
+    first->Post([] {});
+    EXPECT_EQ(events.Take(), (Events{"executor.Post 1", "executor.Post 0"}));
+    executors.SetOnPost(nullptr);
+    second->Post([] {});
+    executors.RunAll();
+    EXPECT_EQ(events.Take(), Events{"second"});
+}
+
+TEST(HandDrivenExecutors, QueuesNothingWhenAPostThrows)
+{
+    HandDrivenExecutors executors;
+    const auto executor = executors.MakeExecutor();
+    executors.SetOnPost([](std::size_t) { throw std::runtime_error("thrown"); });
+    EXPECT_THROW(executor->Post([] {}), std::runtime_error);
+    EXPECT_EQ(executors.GetWaiting(), 0U);
+    executors.Stop();
+    EXPECT_NO_THROW(executor->Post([] {})); // posts to what is stopped do not count
+}
+
 TEST(HandDrivenQueue, PlaysTheQueueThreadWhileATaskRuns)
 {
     HandDrivenQueue queue;
@@ -100,4 +128,23 @@ TEST(LogCapture, RecordsWholeRecordsFromLevelZeroOnAndPutsTheLevelBack)
     EXPECT_EQ(events.Take(), Events{LogLine(0, 7, "hello 5")});
     EXPECT_EQ(zel::logging::g_minLogLevel.load(), 20);
     zel::logging::g_minLogLevel = 10;
+}
+
+TEST(LogHook, ActsBehindTheRecordsItIsToldOfAndNotBehindItsOwn)
+{
+    EventLog events;
+    const LogCapture capture(events);
+    const auto write = [](const std::string& line)
+    {
+        zel::logging::Log(20, std::make_shared<const zel::logging::Source>("test"),
+                          [&](std::ostream& text) { text << line; });
+    };
+    {
+        const LogHook hook("here", [&] { write("acted, and not again because of here"); });
+        write("not now");
+        write("it is here");
+    }
+    write("it was here");
+    EXPECT_EQ(events.Take(), (Events{LogLine(20, "not now"), LogLine(20, "it is here"),
+                                     LogLine(20, "acted, and not again because of here"), LogLine(20, "it was here")}));
 }

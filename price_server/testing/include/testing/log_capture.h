@@ -3,6 +3,7 @@
 #include "logging/logging.h"
 #include "testing/event_log.h"
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -21,6 +22,22 @@ public:
 
 private:
     const int m_previousLevel;
+    std::shared_ptr<zel::logging::ISink> m_previousSink;
+};
+
+/// Acts in the middle of what is tested: calls `action` behind each record whose text has `part` in it, on the thread
+/// that writes it. All records go on to the sink that was there. What the action writes itself sets off nothing; it
+/// must not throw. Lives inside a LogCapture's life.
+class LogHook
+{
+public:
+    LogHook(std::string part, std::function<void()> action);
+    /// Puts the sink back.
+    ~LogHook();
+    LogHook(const LogHook&) = delete;
+    LogHook& operator=(const LogHook&) = delete;
+
+private:
     std::shared_ptr<zel::logging::ISink> m_previousSink;
 };
 

@@ -2,6 +2,10 @@
 
 #include "price_unifier/source/composite_subscription_mgr.h"
 
+#include <memory>
+#include <mutex>
+#include <thread>
+
 namespace ps_ns
 {
 
@@ -48,6 +52,43 @@ public:
                           CompositeInstrumentSubscription* subscription) PS_NO_THREAD_ANALYSIS
     {
         m_manager.m_subscriptionByCompositeInstrumentID.try_emplace(CompositeInstrumentID(def), subscription);
+    }
+    /// True when the lock of the handle maps is held, by whomever: asked on a thread of its own, so that the holder may
+    /// ask too.
+    bool IsHandleLockHeld() const
+    {
+        bool isHeld = false;
+        std::thread(
+            [&]
+            {
+                const std::unique_lock lock(m_manager.m_mutex, std::try_to_lock);
+                isHeld = !lock.owns_lock();
+            })
+            .join();
+        return isHeld;
+    }
+    // Workers behind the handle-based requests.
+    void AddScopeImpl(const CompositeInstrumentDef& def, const std::shared_ptr<ICompositePriceObserver>& observer,
+                      unsigned long handle, const CompositeSubscriptionInfo& info, unsigned long subscriptionId,
+                      const std::shared_ptr<IFlexiblePriceObserver>& flexibleObserver)
+    {
+        m_manager.AddScopeImpl(def, observer, handle, info, subscriptionId, flexibleObserver);
+    }
+    void RemoveScopeImpl(const CompositeInstrumentDef& def, const std::shared_ptr<ICompositePriceObserver>& observer,
+                         unsigned long handle, unsigned long subscriptionId)
+    {
+        m_manager.RemoveScopeImpl(def, observer, handle, subscriptionId);
+    }
+    void ChangeScopeImpl(const CompositeInstrumentDef& def, const std::shared_ptr<ICompositePriceObserver>& observer,
+                         unsigned long handle, const CompositeSubscriptionInfo& info, unsigned long subscriptionId,
+                         bool generateSnapshot)
+    {
+        m_manager.ChangeScopeImpl(def, observer, handle, info, subscriptionId, generateSnapshot);
+    }
+    void UnsubscribeImpl(const CompositeInstrumentDef& def, const std::shared_ptr<ICompositePriceObserver>& observer,
+                         unsigned long handle)
+    {
+        m_manager.UnsubscribeImpl(def, observer, handle);
     }
 
 private:

@@ -64,6 +64,10 @@ public:
     /// Lets go of all listeners whose unsubscribe waits, without an answer.
     void DropUnsubscribes();
 
+    /// The listeners of a symbol whose unsubscribe waits, the oldest first: tests tell them what was under way when the
+    /// unsubscribe came.
+    std::vector<std::shared_ptr<IComponentListener>> GetUnsubscribing(const std::string& symbol) const;
+
     std::size_t GetListenerCount(const std::string& symbol) const;
     std::size_t GetWaitingUnsubscribes() const noexcept { return m_unsubscribing.size(); }
     std::vector<std::string> GetWaitingUnsubscribeSymbols() const;
