@@ -14,73 +14,8 @@ namespace
 constexpr unsigned kIdBits = 40; ///< below a client's number
 constexpr std::size_t kMostOpen = 6;
 constexpr std::array<std::int32_t, 4> kDepths{1, 3, 5, 10};
-constexpr unsigned kContestedIdentities = 3; ///< of each symbol
-const std::string kLatePrefix = "LATE_";
-const std::string kLaterPrefix = "LATER_";
 
 } // namespace
-
-Instruments::Instruments(ReplayServer& server)
-{
-    std::uint64_t nextInstrumentId = 1;
-    const auto make = [&](Use use, const std::string& market, const std::string& symbol)
-    {
-        Instrument instrument{use, {}};
-        instrument.def.instrumentId = nextInstrumentId++;
-        instrument.def.marketId = server.GetMarketId(market);
-        instrument.def.instrument = {symbol, market};
-        return instrument;
-    };
-    for (const auto& [market, symbol] :
-         std::vector<std::pair<const char*, const char*>>{{"POLONIEX", "BTC_USDT"},
-                                                          {"POLONIEX", "BCH_BTC"},
-                                                          {"POLONIEX", "SOL_USDT"},
-                                                          {"KRAKENFUT", "FI_XBTUSD_210730"},
-                                                          {"KRAKENFUT", "FI_ETHUSD_210730"},
-                                                          {"BITMEX", "ADAUSDT"},
-                                                          {"BITMEX", "SOLUSDT"},
-                                                          {"BITFLYER", "BTC_USD"}})
-    {
-        shared.push_back(make(Use::Shared, market, symbol));
-    }
-    shared[1].def.components = {true, true, false}; // there is an implied book of this cross
-    deep = make(Use::Shared, "BITMEX", "XBTUSD");
-    for (const auto& [market, symbol] :
-         std::vector<std::pair<const char*, const char*>>{{"POLONIEX", "BCH_USDT"},
-                                                          {"POLONIEX", "GRT_USDT"},
-                                                          {"KRAKENFUT", "FI_ETHUSD_211231"},
-                                                          {"KRAKENFUT", "FI_BCHUSD_210924"},
-                                                          {"BITMEX", "BCHUSD"},
-                                                          {"BITMEX", "UNIUSDT"},
-                                                          {"BITFLYER", "BTCJPY17DEC2021"},
-                                                          {"BITFLYER", "BTCJPY24DEC2021"}})
-    {
-        // Neighbours change symbols with each other, under all their identities.
-        for (std::uint8_t identity = 0; identity < kContestedIdentities; ++identity)
-        {
-            contested.push_back(make(Use::Contested, market, symbol));
-            contested.back().def.attrA = identity;
-        }
-    }
-    for (const auto& [market, symbol] :
-         std::vector<std::pair<const char*, const char*>>{{"POLONIEX", "USDJ_USDT"},
-                                                          {"KRAKENFUT", "FI_XRPUSD_210924"},
-                                                          {"BITMEX", "EOSUSDT"},
-                                                          {"BITFLYER", "BCH_BTC"}})
-    {
-        renamed.push_back(make(Use::Renamed, market, symbol));
-    }
-    for (const auto& [market, symbol] :
-         std::vector<std::pair<const char*, const char*>>{{"POLONIEX", "MDT_BTC"},
-                                                          {"KRAKENFUT", "FI_BCHUSD_210730"},
-                                                          {"BITMEX", "MATICUSDT"},
-                                                          {"BITMEX", "TRXUSDT"}})
-    {
-        late.push_back(make(Use::Late, market, kLatePrefix + symbol));
-        lateHomes.push_back(symbol);
-    }
-    isLate.resize(late.size());
-}
 
 CycleCounts& CycleCounts::operator+=(const CycleCounts& other)
 {
@@ -399,74 +334,6 @@ void CyclesClient::JudgeDirect(const DirectCycle& direct)
     }
     m_server.duplicates.fetch_add(duplicates);
     m_server.missing.fetch_add(missing);
-}
-
-// --- Symbols ---------------------------------------------------------------------------------------------------------
-
-/// At the provider and at the manager; prices go on under the new symbol, for both keepers, in the next epoch.
-void CyclesClient::Rename()
-{
-    const short marketId = m_instruments.renamed[m_number].def.marketId;
-    const SymbolRename rename{marketId, m_symbols[0], m_symbols[1]};
-    m_server.GetMds().RenameNow({&rename, 1});
-    Expect(m_server.GetMds().GetDirectory().Find(marketId, -1, rename.newSymbol).has_value(), "the provider's rename");
-    m_manager.ChangeSymbol(marketId, rename.oldSymbol, rename.newSymbol);
-    std::swap(m_symbols[0], m_symbols[1]);
-    ++m_keptEpoch;
-    ++m_counts.renames;
-    for (Delivery* const kept : {&m_keeper->Get(m_keeper->GetFirstId()), &m_keeperDirect.observer->delivery})
-    {
-        AwaitEpoch(*kept, m_keptEpoch, "prices as " + rename.newSymbol);
-        Expect(kept->newestEpoch.load() == m_keptEpoch, "subscribed more often than renamed");
-    }
-}
-
-/// From one instrument's symbol to its neighbour's or back, under whoever is there; the provider knows both.
-void CyclesClient::ChangeSymbol()
-{
-    const auto symbols = static_cast<unsigned>(m_instruments.contested.size() / kContestedIdentities);
-    const unsigned pair = Random(symbols / 2) * 2;
-    const unsigned from = Random(2);
-    const auto get = [&](unsigned symbol) -> const CompositeInstrumentDef&
-    { return m_instruments.contested[symbol * kContestedIdentities].def; };
-    const CompositeInstrumentDef& one = get(pair + from);
-    const CompositeInstrumentDef& other = get(pair + 1 - from);
-    m_manager.ChangeSymbol(one.marketId, one.GetSymbol(), other.GetSymbol());
-    ++m_counts.symbolChanges;
-}
-
-/// The provider gives a late symbol to its instrument, or takes it away; the server checks; the symbol changes and
-/// changes back; the late provider answers.
-void CyclesClient::MoveLate()
-{
-    const unsigned number = Random(static_cast<unsigned>(m_instruments.late.size()));
-    const CompositeInstrumentDef& def = m_instruments.late[number].def;
-    const std::string& home = m_instruments.lateHomes[number];
-    switch (Random(6))
-    {
-    case 0:
-        m_server.PostToQueue(
-            [this, &def, &home, number]
-            {
-                const bool wasLate = m_instruments.isLate[number];
-                m_instruments.isLate[number] = !wasLate;
-                const SymbolRename rename{def.marketId, wasLate ? def.GetSymbol() : home,
-                                          wasLate ? home : def.GetSymbol()};
-                m_server.GetMds().RenameNow({&rename, 1});
-                m_server.CheckPending();
-            });
-        break;
-    case 1:
-        m_server.PostToQueue([this] { m_server.CheckPending(); });
-        break;
-    case 2:
-        m_manager.ChangeSymbol(def.marketId, def.GetSymbol(), kLaterPrefix + home);
-        m_manager.ChangeSymbol(def.marketId, kLaterPrefix + home, def.GetSymbol());
-        break;
-    default:
-        m_server.GetLate().AnswerWaiting();
-        break;
-    }
 }
 
 // --- Waiting and judging ---------------------------------------------------------------------------------------------
