@@ -40,8 +40,9 @@ struct ClientScope
     std::atomic<bool> isRemoved{false}; ///< set by the queue thread: nothing more goes to it, at once
 
     CompositeSubscriptionInfo info;
-    bool isActive = false;    ///< the replayed answers are out: data may follow, and answers that came meanwhile
-    unsigned owedAnswers = 0; ///< bit by component: answered since the join, not told yet
+    bool isActive = false;          ///< the replayed answers are out: data may follow, and answers that came meanwhile
+    unsigned owedAnswers = 0;       ///< bit by component: answered since the join, not told yet
+    std::uint64_t sentSequence = 0; ///< of the newest book that it has had
     DeliveryPace pace;
 };
 

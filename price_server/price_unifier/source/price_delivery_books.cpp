@@ -30,6 +30,7 @@ std::shared_ptr<MergedOrderBook> PriceDelivery::MergeBook() const
     const std::uint32_t levels = GetMergedLevels();
     std::shared_ptr<MergedOrderBook> book = m_factory->CreateMergedOrderBookObject(levels, levels);
     m_merger.Merge(*book);
+    book->epoch = m_current != nullptr ? m_current->epoch : 0; // while images are awaited it shows what it showed
     for (std::size_t i = 0; i < m_components.size(); ++i)
     {
         const auto type = static_cast<CompositeComponentType::Type>(i);
@@ -213,8 +214,17 @@ void PriceDelivery::Send(ClientScope& client, const std::shared_ptr<const Merged
     {
         return;
     }
-    const std::shared_ptr<const MergedOrderBook> held = book;
+    std::shared_ptr<const MergedOrderBook> held = book;
     NoteSent(client.pace, client.info.conflationInterval_ms, held);
+    if (held->sequence < client.sentSequence)
+    {
+        // A view that has long shown the same, for a client who has had newer books at another depth: it must not go
+        // back, so it gets the same levels out of the newest book.
+        const std::shared_ptr<MergedOrderBook> newest = m_current->Cut(ToLevels(client.info.depth));
+        newest->snapshotReason = held->snapshotReason;
+        held = newest;
+    }
+    client.sentSequence = held->sequence;
     CallTimed(client.observer->GetName(), false, [&] { client.observer->OnOrderBook(client.id, m_def, held); });
 }
 

@@ -195,6 +195,28 @@ TEST_F(PriceDeliveryTest, ShowsNoGhostLevelAndNoGapWhenTheProviderIsSwitched)
     bench->zel->AnswerUnsubscribe("X");
 }
 
+TEST_F(PriceDeliveryTest, KeepsTheEpochOfWhatItShowsWhileTheImagesAfterASwitchAreAwaited)
+{
+    Start();
+    bench->zel->SendImage("X", {{kBid, "10", "2"}});
+    bench->Run();
+    const std::uint64_t epoch = observer->books.back()->epoch;
+    EXPECT_GT(epoch, 0U);
+    {
+        const QueueThreadScope scope(&bench->queue.Get());
+        Live().SwitchProvider(CompositeComponentType::Direct, ProviderType::Mds);
+    }
+    bench->manager->AddScope(handle, {7, 0, false, false}, 2); // a book of the new depth
+    bench->Run();
+    ASSERT_EQ(observer->books.size(), 2U);
+    EXPECT_EQ(FormatBook(*observer->books.back()), "10x2+0 | ");
+    EXPECT_EQ(observer->books.back()->epoch, epoch);
+    bench->mds->Answer("X", SubscriptionResult::DirectSubscriptionFailed); // nothing to show any more
+    bench->Run();
+    ASSERT_EQ(observer->books.size(), 3U);
+    EXPECT_EQ(observer->books.back()->epoch, epoch);
+}
+
 TEST_F(PriceDeliveryTest, GivesUpADirectSubscriptionWithItsHandleAndDeliversNothingMore)
 {
     Start();
