@@ -7,6 +7,7 @@
 
 #include <map>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -79,7 +80,15 @@ private:
     void CompareBooks();
     void CompareBooksOf(const ReferenceSubscription& subscription);
     template <class Value>
-    void Same(const char* what, const Value& real, const Value& model) const;
+    static void Same(const char* what, const Value& real, const Value& model)
+    {
+        if (!(real == model))
+        {
+            std::ostringstream text;
+            text << what << ": the manager has " << real << ", the model " << model;
+            throw Difference(text.str());
+        }
+    }
     void Trace(const std::string& event);
     std::string GetCounts(const ReferenceSubscription& subscription) const;
 
