@@ -220,7 +220,7 @@ TEST(Program, RunsWithoutAWatchAsAConfiguredServer)
     ChildProcess print({"--print-config"});
     ASSERT_EQ(print.WaitForExit(), ExitOk);
     const TemporaryFolder folder;
-    ChildProcess program({"--config", folder.Write("good.xml", print.GetOutput()), "--duration", "0.2"});
+    ChildProcess program({"--config", folder.Write("good.xml", print.GetOutput()), "--port", "0", "--duration", "0.2"});
     EXPECT_EQ(program.WaitForExit(), ExitOk) << program.GetErrors();
     EXPECT_TRUE(program.GetOutput().empty());
     EXPECT_NE(program.GetErrors().find("watching none"), std::string::npos) << program.GetErrors();

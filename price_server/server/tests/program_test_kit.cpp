@@ -96,6 +96,7 @@ std::shared_ptr<IFlexiblePriceObserver> MakeCountingFlexibleObserver(std::shared
 ServerConfig MakeQuietConfig(unsigned updatesPerSecond)
 {
     ServerConfig config = MakeBuiltInServerConfig();
+    config.gateway->port = 0; // several servers run at a time
     config.mds->simulation->updatesPerSecond = updatesPerSecond;
     config.logging.level = 100;
     return config;
