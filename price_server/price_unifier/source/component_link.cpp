@@ -67,8 +67,8 @@ void ComponentLink::OnTrades(std::shared_ptr<const std::vector<Trade>> trades)
 
 void ComponentLink::OnCustomFields(std::shared_ptr<const CustomFields> fields)
 {
-    DeliverIfLive([fields = std::move(fields)](ComponentLink&, PriceDelivery& delivery)
-                  { delivery.OnCustomFields(fields); });
+    DeliverIfLive([fields = std::move(fields)](ComponentLink& link, PriceDelivery& delivery)
+                  { delivery.OnCustomFields(link.m_component, fields); });
 }
 
 void ComponentLink::OnUnsubscribed(bool ok)

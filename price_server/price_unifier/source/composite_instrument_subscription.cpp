@@ -172,6 +172,7 @@ int CompositeInstrumentSubscription::SubscribeComponents()
         else if (answer == SubscribeStatus::Failed)
         {
             answer = status;
+            m_provider = Get(type).provider; // whose status decides how the subscription is counted and filed
         }
     }
     if (answer != SubscribeStatus::Failed)

@@ -96,8 +96,8 @@ public:
     // --- Components ---
 
     /// Subscribes each wanted component with its provider. 0: subscribed; 1: no component could be; 2: which provider
-    /// serves the first wanted one is not decided; anything else is that provider's own. Throws SubscriptionEx when no
-    /// component could be subscribed and there is more to say.
+    /// serves the first one that could be is not decided; anything else is that provider's own. Throws SubscriptionEx
+    /// when no component could be subscribed and there is more to say.
     int SubscribeComponents();
     /// Ends the subscription: nothing more is delivered, and the manager is told when all providers have answered. Does
     /// not throw.
@@ -183,7 +183,7 @@ private:
     const std::shared_ptr<SubscriptionCore> m_core;
     const std::shared_ptr<UnsubscribeGate> m_gate;
     std::string m_symbol;
-    ProviderType::Value m_provider = ProviderType::Zel; ///< who serves the first wanted component
+    ProviderType::Value m_provider = ProviderType::Zel; ///< who serves the first wanted component that could be
     LifeState m_lifeState = Active;
     bool m_isEnding = false;
 

@@ -1,5 +1,6 @@
 #include "price_unifier/source/price_delivery.h"
 
+#include "composite_price/custom_fields.h"
 #include "composite_price/fixed_point.h"
 #include "composite_price/trade.h"
 #include "logging/logging.h"
@@ -171,8 +172,9 @@ void PriceDelivery::OnTrades(CompositeComponentType::Type type, const std::share
     }
 }
 
-void PriceDelivery::OnCustomFields(const std::shared_ptr<const CustomFields>& fields)
+void PriceDelivery::OnCustomFields(CompositeComponentType::Type type, const std::shared_ptr<const CustomFields>& fields)
 {
+    NoteSpoken(Get(type), fields->receiveTime_ns);
     if (!m_scope.customFields)
     {
         return;
@@ -254,7 +256,7 @@ void PriceDelivery::SetMergedScope(const CompositeSubscriptionInfo& scope)
     {
         const std::shared_ptr<const MergedOrderBook> view = GetView(client->info.depth);
         std::shared_ptr<const MergedOrderBook>& delivered = client->pace.delivered;
-        if (delivered != nullptr && view->ShowsSameAs(*delivered))
+        if (delivered != nullptr && view->epoch == delivered->epoch && view->ShowsSameAs(*delivered))
         {
             delivered = view; // sees what it saw before
         }

@@ -78,7 +78,7 @@ public:
                   const PriceFormat& format, const CompositeSubscriptionState& state);
     void OnBook(CompositeComponentType::Type component, const BookUpdate& update);
     void OnTrades(CompositeComponentType::Type component, const std::shared_ptr<const std::vector<Trade>>& trades);
-    void OnCustomFields(const std::shared_ptr<const CustomFields>& fields);
+    void OnCustomFields(CompositeComponentType::Type component, const std::shared_ptr<const CustomFields>& fields);
 
     /// The component is subscribed anew (another provider, another symbol): its book stays until the new image replaces
     /// it, and only an image can come first. `subscriptionEpoch` is what merged books carry from that image on.

@@ -3,18 +3,32 @@
 #include "common/channel_task.h"
 #include "logging/logging.h"
 
+#include <chrono>
+#include <exception>
 #include <future>
+#include <thread>
 #include <utility>
 
 namespace ps_ns
 {
+
+namespace
+{
+
+const std::shared_ptr<const zel::logging::Source>& LogSource()
+{
+    static const auto source = std::make_shared<const zel::logging::Source>("rename_relay");
+    return source;
+}
+
+} // namespace
 
 struct RenameRelay::Step
 {
     std::vector<SymbolRename> renames;
     std::function<void()> make;
     std::function<void()> done;
-    unsigned tries = 0; ///< queue thread
+    std::chrono::steady_clock::time_point begin{}; ///< queue thread: of the first try
 };
 
 void RenameRelay::Insert(std::function<void()> action, const char* name)
@@ -35,23 +49,34 @@ void RenameRelay::Try(const std::shared_ptr<Step>& step)
     {
         return;
     }
-    if (++step->tries < kMostTries)
+    const auto now = std::chrono::steady_clock::now();
+    step->begin = step->begin == std::chrono::steady_clock::time_point{} ? now : step->begin;
+    if (now - step->begin < kPatience)
     {
+        std::this_thread::yield();
         Insert([this, step] { Try(step); }, "RenameTry");
         return;
     }
-    static const auto source = std::make_shared<const zel::logging::Source>("rename_relay");
-    zel::logging::Log(20, source,
+    zel::logging::Log(20, LogSource(),
                       [](std::ostream& text) { text << "symbols are renamed while clients make requests"; });
     PostActions(step);
 }
 
 void RenameRelay::PostActions(const std::shared_ptr<Step>& step)
 {
-    m_manager.CheckProviderPendingSubscriptions();
-    for (const SymbolRename& change : step->renames)
+    try
     {
-        m_manager.ChangeSymbol(change.marketId, change.oldSymbol, change.newSymbol);
+        m_manager.CheckProviderPendingSubscriptions();
+        for (const SymbolRename& change : step->renames)
+        {
+            m_manager.ChangeSymbol(change.marketId, change.oldSymbol, change.newSymbol);
+        }
+    }
+    catch (const std::exception& error)
+    {
+        // The provider's rename is made in any case: it would be lost for good.
+        zel::logging::Log(30, LogSource(),
+                          [&](std::ostream& text) { text << "a rename step threw: " << error.what(); });
     }
     Insert(
         [this, step]

@@ -103,6 +103,21 @@ pid_t ForkOrThrow()
     return child;
 }
 
+/// Ends the process with what `run` returns: whatever comes out of it must not run on in the parent's place.
+template <class Run>
+[[noreturn]] void InChild(const Run& run) noexcept
+{
+    constexpr int kThrown = 3;
+    try
+    {
+        _exit(run());
+    }
+    catch (...)
+    {
+        _exit(kThrown);
+    }
+}
+
 void Gather(BatchResult& result, const BatchOptions& options, const Share& share)
 {
     result.seeds += share.seedsDone;
@@ -146,8 +161,12 @@ BatchResult RunInChildren(const BatchOptions& options)
         const pid_t child = ForkOrThrow();
         if (child == 0)
         {
-            RunSeeds(options, job, options.jobs, memory.Get(job), nullptr);
-            _exit(0);
+            InChild(
+                [&]
+                {
+                    RunSeeds(options, job, options.jobs, memory.Get(job), nullptr);
+                    return 0;
+                });
         }
         children.push_back(child);
     }
@@ -194,7 +213,7 @@ bool FailsAlone(const Scenario& scenario, const RunOptions& options)
     const pid_t child = ForkOrThrow();
     if (child == 0)
     {
-        _exit(RunScenario(scenario, options).failed ? 1 : 0);
+        InChild([&] { return RunScenario(scenario, options).failed ? 1 : 0; });
     }
     int status = 0;
     waitpid(child, &status, 0);

@@ -65,7 +65,23 @@ void Expectations::Silence(short marketId, int subscription, unsigned long clien
 bool Expectations::HasCallbacks(short marketId) const
 {
     const auto executor = m_executors.find(marketId);
-    return executor != m_executors.end() && !executor->second.empty();
+    return executor != m_executors.end() && std::any_of(executor->second.begin(), executor->second.end(),
+                                                        [](const Callback& callback) { return !callback.isOptional; });
+}
+
+std::string Expectations::PeekCallback(short marketId) const
+{
+    const auto executor = m_executors.find(marketId);
+    return executor == m_executors.end() || executor->second.empty() ? "" : executor->second.front().text;
+}
+
+void Expectations::SkipOptional(short marketId, const std::string& until)
+{
+    std::deque<Callback>& executor = m_executors[marketId];
+    while (!executor.empty() && executor.front().isOptional && executor.front().text != until)
+    {
+        executor.pop_front();
+    }
 }
 
 std::vector<std::string> Expectations::TakeCallback(short marketId)
@@ -74,7 +90,7 @@ std::vector<std::string> Expectations::TakeCallback(short marketId)
     const Callback callback = std::move(executor.front());
     executor.pop_front();
     std::vector<std::string> events{callback.text};
-    if (TakeThrow(callback.observer))
+    if (!callback.isSnapshot && TakeThrow(callback.observer))
     {
         faults.Count(Fault::ObserverThrewOnExecutor);
         const std::string what = GetThrownText(callback.observer);

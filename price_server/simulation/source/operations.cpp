@@ -118,6 +118,7 @@ Scenario MakeScenario(std::uint64_t seed, std::size_t operationCount)
     Scenario scenario;
     scenario.withZel = random() % 8 != 0;
     scenario.knowsDirectory = random() % 2 != 0;
+    scenario.skipsUnchanged = random() % 2 != 0;
     scenario.endsSettled = random() % 4 != 0;
     scenario.operations.resize(operationCount);
     for (Operation& operation : scenario.operations)
@@ -134,7 +135,7 @@ Scenario MakeScenario(std::uint64_t seed, std::size_t operationCount)
 void WriteScenario(std::ostream& out, const Scenario& scenario)
 {
     out << "setup zel=" << (scenario.withZel ? 1 : 0) << " directory=" << (scenario.knowsDirectory ? 1 : 0)
-        << " settled=" << (scenario.endsSettled ? 1 : 0) << '\n';
+        << " skip=" << (scenario.skipsUnchanged ? 1 : 0) << " settled=" << (scenario.endsSettled ? 1 : 0) << '\n';
     for (const Operation& operation : scenario.operations)
     {
         out << GetName(operation.kind);
@@ -163,6 +164,7 @@ Scenario ReadScenario(std::istream& in)
             }
             scenario.withZel = ReadFlag(words, "zel", line);
             scenario.knowsDirectory = ReadFlag(words, "directory", line);
+            scenario.skipsUnchanged = ReadFlag(words, "skip", line);
             scenario.endsSettled = ReadFlag(words, "settled", line);
         }
         else if (!text.empty())

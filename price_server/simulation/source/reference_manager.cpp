@@ -11,10 +11,12 @@ namespace ps_ns::simulation
 using namespace texts;
 using ps_messages_ns::SubscriptionResult;
 
-ReferenceManager::ReferenceManager(const Conditions& conditions, Expectations& expectations, GetCounts getCounts)
+ReferenceManager::ReferenceManager(const Conditions& conditions, Expectations& expectations, GetCounts getCounts,
+                                   HasSnapshot hasSnapshot)
     : providers(conditions, expectations)
     , m_expectations(expectations)
     , m_getCounts(std::move(getCounts))
+    , m_hasSnapshot(std::move(hasSnapshot))
 {
 }
 
@@ -154,7 +156,7 @@ void ReferenceManager::RunFlexibleSubscribe(const Def& def, const Info& info, co
     }
     const Info adjusted = Adjust(def, info);
     m_expectations.Call("factory", "factory.CreateLocalObserver " + SpellDef(def) + " @queue");
-    ReferenceSubscription& subscription = Open(def, adjusted, "local");
+    ReferenceSubscription& subscription = Open(def, adjusted, "local" + std::to_string(++m_lastLocalObserver));
     subscription.AddScope(adjusted, id, observer);
     m_expectations.Log(10, kDone + WithId("Subscribe", def, id) + " compositeSubscriptionInfo " + SpellScope(adjusted) +
                                " executed");
@@ -191,7 +193,7 @@ void ReferenceManager::Join(ReferenceSubscription& subscription, const Def& def,
                            subscription.state);
         }
     }
-    Retarget(subscription, WithId("AddScope", def, id), previous, false);
+    Retarget(subscription, WithId("AddScope", def, id), previous, Snapshot::WhenThereIsOne, id);
 }
 
 // --- What is raised on the executor ----------------------------------------------------------------------------------

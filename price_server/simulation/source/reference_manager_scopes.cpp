@@ -79,7 +79,7 @@ void ReferenceManager::RunAddScope(const Def& def, const std::string& observer, 
         m_expectations.Log(20, begin + " failed - duplicate subscription_id=" + Of(id));
         return;
     }
-    Retarget(*subscription, begin, previous, false);
+    Retarget(*subscription, begin, previous, Snapshot::Never, id);
 }
 
 void ReferenceManager::RunRemoveScope(const Def& def, const std::string& observer, unsigned long handle,
@@ -101,7 +101,7 @@ void ReferenceManager::RunRemoveScope(const Def& def, const std::string& observe
         m_expectations.Log(20, begin + " failed - unknown subscription_id=" + Of(id));
         return;
     }
-    Retarget(*subscription, begin, previous, false);
+    Retarget(*subscription, begin, previous, Snapshot::Never, id);
 }
 
 void ReferenceManager::RunChangeScope(const Def& def, const std::string& observer, unsigned long handle,
@@ -123,7 +123,7 @@ void ReferenceManager::RunChangeScope(const Def& def, const std::string& observe
         m_expectations.Log(20, begin + " failed - unknown subscription_id=" + Of(id));
         return;
     }
-    Retarget(*subscription, begin, previous, generateSnapshot);
+    Retarget(*subscription, begin, previous, generateSnapshot ? Snapshot::WhenAsked : Snapshot::Never, id);
 }
 
 void ReferenceManager::ChangeFlexibleScope(const Def& def, const Info& info, const std::string& observer,
@@ -167,22 +167,39 @@ void ReferenceManager::RunChangeFlexibleScope(const Def& def, const Info& info, 
     }
     const Info previous = subscription->mergedScope;
     subscription->ChangeScope(Adjust(def, info), id);
-    Retarget(*subscription, byObserver, previous, generateSnapshot);
+    Retarget(*subscription, byObserver, previous, generateSnapshot ? Snapshot::WhenAsked : Snapshot::Never, id);
 }
 
 void ReferenceManager::Retarget(ReferenceSubscription& subscription, const std::string& begin, const Info& previous,
-                                bool generateSnapshot)
+                                Snapshot snapshot, unsigned long id)
 {
     const Info merged = subscription.mergedScope;
     if (merged == previous)
     {
         m_expectations.Log(10, kDone + begin + " executed. No changes to SubscriptionInfo " + SpellScope(previous) +
-                                   (generateSnapshot ? " Generating a snapshot" : ""));
+                                   (snapshot == Snapshot::WhenAsked ? " Generating a snapshot" : ""));
+        const bool hasOne = m_hasSnapshot(subscription);
+        if (snapshot == Snapshot::WhenAsked || (snapshot == Snapshot::WhenThereIsOne && hasOne))
+        {
+            ExpectSnapshot(subscription, id, !hasOne);
+        }
         return;
     }
     m_expectations.Log(10, kDone + begin + " executed. PreviousSubscriptionInfo " + SpellScope(previous) +
                                " NewSubscriptionInfo " + SpellScope(merged));
     subscription.ChangeScope(merged);
+}
+
+/// To the flexible client that has the id, or to the own observer when a direct client has it.
+void ReferenceManager::ExpectSnapshot(const ReferenceSubscription& subscription, unsigned long id, bool isOptional)
+{
+    constexpr unsigned kScopeUnchanged = 110;
+    const std::string& client = subscription.scopes.at(id).observer;
+    const std::string& observer = client.empty() ? subscription.observer : client;
+    const unsigned long recipient = client.empty() ? 0 : id;
+    m_expectations.Post(subscription.def.marketId,
+                        {SpellSnapshot(observer, recipient, subscription.def, kScopeUnchanged), observer,
+                         subscription.def.ToString(), subscription.number, recipient, true, isOptional});
 }
 
 } // namespace ps_ns::simulation

@@ -86,7 +86,7 @@ void ReferenceManager::RunFlexibleUnsubscribe(const Def& def, const std::string&
     }
     const Info previous = subscription->mergedScope;
     subscription->RemoveScope(id);
-    Retarget(*subscription, begin, previous, false);
+    Retarget(*subscription, begin, previous, Snapshot::Never, id);
     if (subscription->scopes.empty())
     {
         m_expectations.Log(10, kDone + begin + " executed.  No scope remaining. instrument_callbacks " +

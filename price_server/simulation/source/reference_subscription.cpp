@@ -240,6 +240,7 @@ int ReferenceSubscription::SubscribeComponents(std::string& reason)
         else if (status == kFailed)
         {
             status = own;
+            provider = components[Index(component)].provider;
         }
     }
     if (!wantsAny)

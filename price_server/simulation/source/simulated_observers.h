@@ -124,11 +124,12 @@ public:
     {
         m_recorder.AddCallback("factory",
                                "factory.CreateLocalObserver " + SpellDef(def) + " @" + m_recorder.GetPlace());
-        return std::make_shared<SimulatedObserver>("local", m_recorder);
+        return std::make_shared<SimulatedObserver>("local" + std::to_string(++m_made), m_recorder);
     }
 
 private:
     Recorder& m_recorder;
+    int m_made = 0;
 };
 
 } // namespace ps_ns::simulation

@@ -107,7 +107,7 @@ struct SimulatedWorld::LogScope
     const std::shared_ptr<zel::logging::ISink> sink;
 };
 
-SimulatedWorld::SimulatedWorld(const Conditions& conditions)
+SimulatedWorld::SimulatedWorld(const Conditions& conditions, bool skipsUnchanged)
     : recorder(&queue.Get())
     , executors(std::make_shared<testing::HandDrivenExecutors>())
     , simple(std::make_unique<SimpleSubscriptionMgr>(
@@ -137,8 +137,11 @@ SimulatedWorld::SimulatedWorld(const Conditions& conditions)
         simple->AddProvider(provider);
     }
     m_log = std::make_unique<LogScope>(recorder);
-    static const auto config = Config::LoadText("<PriceServer><General/></PriceServer>", "simulation");
-    manager->UnitTestInit(config, &queue.Get(), std::make_shared<DefaultCompositePriceFactory>());
+    static const auto all = Config::LoadText("<PriceServer><General/></PriceServer>", "simulation");
+    static const auto changes =
+        Config::LoadText("<PriceServer><General SkipUnchangedSnapshots='1'/></PriceServer>", "simulation");
+    manager->UnitTestInit(skipsUnchanged ? changes : all, &queue.Get(),
+                          std::make_shared<DefaultCompositePriceFactory>());
     recorder.TakeEntries();
 }
 
@@ -188,11 +191,12 @@ void SimulatedWorld::Answer(int link, Result result, const PriceFormat& format)
     FindListener(link)->OnSubscribed(result, format);
 }
 
-void SimulatedWorld::AnswerUnsubscribe(int link, bool ok)
+void SimulatedWorld::AnswerUnsubscribe(int link, bool ok, int times)
 {
     for (const auto& provider : m_providers)
     {
-        if (const auto listener = provider->Release(link))
+        const auto listener = provider->Release(link);
+        for (int i = 0; listener != nullptr && i < times; ++i)
         {
             listener->OnUnsubscribed(ok);
         }
@@ -211,7 +215,7 @@ BookUpdate MakeBook(int link, bool isImage, unsigned levels, std::uint32_t varia
 {
     BookUpdate update;
     update.isImage = isImage;
-    update.epoch = 1;
+    update.epoch = static_cast<std::uint64_t>(link); // each subscribe begins anew
     for (unsigned i = 0; i < levels; ++i)
     {
         const auto step = static_cast<std::int64_t>(i);
@@ -278,6 +282,7 @@ std::vector<std::string> SimulatedWorld::End()
         }
     };
     recorder.throwsOwed.clear();
+    manager->Shutdown();
     for (const auto& provider : m_providers)
     {
         provider->Stop();

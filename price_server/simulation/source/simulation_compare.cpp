@@ -121,11 +121,16 @@ void SimulationRun::CompareExecutorEvents(short marketId)
         {
             const Recorder::Data& callback = data[static_cast<std::size_t>(real[i].data)];
             JudgeData(callback);
+            if (callback.book != nullptr && callback.book->snapshotReason != 0)
+            {
+                ExpectSnapshot(marketId, callback);
+            }
             ExpectThatThrowIsLogged(callback, real, i);
             continue;
         }
         if (next == model.size())
         {
+            m_expectations.SkipOptional(marketId, real[i].text);
             if (!m_expectations.HasCallbacks(marketId))
             {
                 throw Difference("a callback that the model does not have: " + real[i].text);
@@ -141,6 +146,16 @@ void SimulationRun::CompareExecutorEvents(short marketId)
     {
         throw Difference("missing on the executor: " + model[next]);
     }
+}
+
+/// A book that is no change must have been asked for, by whom it comes to, and comes in its place.
+void SimulationRun::ExpectSnapshot(short marketId, const Recorder::Data& data)
+{
+    const std::string text = SpellSnapshot(data.observer, data.id, data.def, data.book->snapshotReason);
+    Trace(text);
+    m_expectations.SkipOptional(marketId, text);
+    Same("what was asked for", text, m_expectations.PeekCallback(marketId));
+    m_expectations.TakeCallback(marketId);
 }
 
 void SimulationRun::ExpectThatThrowIsLogged(const Recorder::Data& data, const std::vector<Recorder::Entry>& entries,
@@ -182,6 +197,14 @@ void SimulationRun::Widen(const ReferenceSubscription& subscription)
         Seen& seen = GetSeen(subscription.number, id, info);
         seen.widest = isIdle ? info : Widest(seen.widest, info);
     };
+    // Who has left, and comes back with the same id, begins anew.
+    for (unsigned long id = 1; id <= kIdCount; ++id)
+    {
+        if (subscription.scopes.count(id) == 0)
+        {
+            m_seen.erase({subscription.number, id});
+        }
+    }
     widen(0, subscription.mergedScope);
     for (const unsigned long id : subscription.clients)
     {
@@ -233,6 +256,10 @@ void SimulationRun::JudgeData(const Recorder::Data& data)
         Trace("book for " + who + " " + SpellLevels(data.book->bids.GetLevels()) + "| " +
               SpellLevels(data.book->asks.GetLevels()));
         JudgeBook(data, std::max(1, seen.widest.depth));
+        if (seen.book != nullptr && (data.book->epoch < seen.book->epoch || data.book->sequence < seen.book->sequence))
+        {
+            throw Difference("an older book for " + who);
+        }
         seen.book = data.book;
         return;
     }

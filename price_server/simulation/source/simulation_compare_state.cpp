@@ -87,6 +87,15 @@ void SimulationRun::CompareHandles()
     }
     Same("the next handle", static_cast<unsigned long>(access.NextHandle()), m_model.nextHandle);
     Same("synthetics by handle", access.PendingSyntheticByHandle().size(), m_model.syntheticByHandle.size());
+    for (const auto& [handle, filed] : m_model.syntheticByHandle)
+    {
+        Same("a synthetic is filed by its handle", access.PendingSyntheticByHandle().count(handle), std::size_t{1});
+    }
+    for (const auto& [id, filed] : m_model.syntheticByInstrument)
+    {
+        Same("a synthetic is filed by its identity", access.PendingSyntheticByInstrument().count(id),
+             id == id ? std::size_t{1} : std::size_t{0});
+    }
     Same("synthetics by identity", access.PendingSyntheticByInstrument().size(), m_model.syntheticByInstrument.size());
 }
 
@@ -150,6 +159,9 @@ void SimulationRun::CompareChanges()
             {
                 Same("a response's state", responses[i].state, static_cast<int>(expected[i].state));
                 Same("a response's identity", responses[i].id == expected[i].id, true);
+                const auto bound = m_realByNumber.find(expected[i].subscription);
+                Same("a response's subscription",
+                     bound != m_realByNumber.end() && bound->second == responses[i].subscription, true);
             }
         }
     }

@@ -1,5 +1,7 @@
 #include "simulation_run.h"
 
+#include "price_unifier/source/composite_instrument_subscription.h"
+
 #include "logging/logging.h"
 
 #include <algorithm>
@@ -28,9 +30,15 @@ const auto& Choose(const Container& container, std::uint32_t number)
 SimulationRun::SimulationRun(const Scenario& scenario, const RunOptions& options)
     : m_options(options)
     , m_conditions{scenario.withZel, {}, {UnsubscribeOutcome::Later, UnsubscribeOutcome::Later}, {}, {}}
-    , m_world(m_conditions)
-    , m_model(m_conditions, m_expectations,
-              [this](const ReferenceSubscription& subscription) { return GetCounts(subscription); })
+    , m_world(m_conditions, scenario.skipsUnchanged)
+    , m_model(
+          m_conditions, m_expectations,
+          [this](const ReferenceSubscription& subscription) { return GetCounts(subscription); },
+          [this](const ReferenceSubscription& subscription)
+          {
+              const auto found = m_world.Access().Subscriptions().find(CompositeInstrumentID(subscription.def));
+              return found != m_world.Access().Subscriptions().end() && found->second->AnySnapshotsReceived();
+          })
 {
     m_model.expectsGaugeOnFlexibleUnsubscribe = options.modelIsWrong;
     if (scenario.knowsDirectory)
@@ -155,6 +163,7 @@ void SimulationRun::RunQueue()
     m_expectations.RunAction();
     m_world.RunQueue();
     CompareEvents();
+    CompareState();
 }
 
 std::size_t SimulationRun::GetExecutor(short marketId) const
@@ -200,6 +209,13 @@ void SimulationRun::RunEverything()
                 RunExecutor(m_model.executors[i]);
                 anyRan = true;
             }
+        }
+    }
+    for (const short market : m_model.executors)
+    {
+        if (m_expectations.HasCallbacks(market))
+        {
+            throw Difference("a callback is missing: " + m_expectations.TakeCallback(market).front());
         }
     }
 }
@@ -334,13 +350,16 @@ bool SimulationRun::DoProvider(const Operation& operation)
     const bool isUnsubscribing = operation.kind == OperationKind::AnswerUnsubscribe ||
                                  operation.kind == OperationKind::DropUnsubscribe ||
                                  operation.kind == OperationKind::AnswerTooLate;
-    const std::optional<int> link = ChooseLink(n[0], isUnsubscribing);
+    // Data comes for what is being unsubscribed too, now and then: nobody must get it.
+    const bool isData = operation.kind == OperationKind::SendBook || operation.kind == OperationKind::SendTrade ||
+                        operation.kind == OperationKind::SendCustomFields;
+    const std::optional<int> link = ChooseLink(n[0], isUnsubscribing || (isData && n[1] % 8 == 7));
     const bool ok = n[1] % 8 != 0;
     const Result answer = ok ? SubscriptionResult::Success : SubscriptionResult::DirectSubscriptionFailed;
     switch (operation.kind)
     {
     case OperationKind::AnswerSubscribe:
-        if (link && !m_model.providers.links.at(*link).isAnswered)
+        if (link && (n[3] % 4 == 0 || !m_model.providers.links.at(*link).isAnswered))
         {
             m_world.Answer(*link, answer, GetFormat(n[2]));
             m_model.providers.links.at(*link).subscription->OnAnswer(*link, answer, GetFormat(n[2]));
@@ -357,7 +376,7 @@ bool SimulationRun::DoProvider(const Operation& operation)
     case OperationKind::AnswerUnsubscribe:
         if (link)
         {
-            m_world.AnswerUnsubscribe(*link, ok);
+            m_world.AnswerUnsubscribe(*link, ok, n[2] % 8 == 0 ? 2 : 1);
             m_model.providers.links.at(*link).subscription->OnUnsubscribed(*link, ok);
         }
         return true;
@@ -411,7 +430,7 @@ void SimulationRun::LearnNewSymbol(const Numbers& n)
 
 void SimulationRun::DoCondition(const Operation& operation)
 {
-    static constexpr std::array<int, 5> levels{0, 0, 10, 20, 40};
+    static constexpr std::array<int, 6> levels{0, 0, 10, 20, 30, 40};
     const Numbers& n = operation.numbers;
     switch (operation.kind)
     {

@@ -66,6 +66,7 @@ private:
     // Comparison: simulation_compare.cpp.
     void CompareEvents();
     void CompareExecutorEvents(short marketId);
+    void ExpectSnapshot(short marketId, const Recorder::Data& data);
     void CompareState();
     void CompareSubscriptions();
     void CompareHandles();

@@ -201,6 +201,12 @@ std::string SpellLog(int level, unsigned tag, const std::string& source, std::st
     return "log " + std::to_string(level) + " " + std::to_string(tag) + " " + source + ": " + std::string(text);
 }
 
+std::string SpellSnapshot(const std::string& observer, unsigned long id, const CompositeInstrumentDef& def,
+                          unsigned reason)
+{
+    return observer + " id=" + std::to_string(id) + " " + SpellDef(def) + " snapshot=" + std::to_string(reason);
+}
+
 std::string SpellScope(const CompositeSubscriptionInfo& info)
 {
     return "depth=" + std::to_string(info.depth) + " interval=" + std::to_string(info.conflationInterval_ms) +

@@ -154,9 +154,21 @@ void MarketHub::GiveNewName(const Move& move)
                                    << ": the instrument of that name is not served any more";
                           });
         Detach(owner);
+        DropImplied(move.rename.marketId, move.rename.newSymbol);
     }
     owner = move.instrument;
     Detach(move.instrument);
+}
+
+/// An instrument that loses its name loses its implied book's name with it: who has the name now must not get it.
+void MarketHub::DropImplied(short marketId, const std::string& symbol)
+{
+    auto& symbols = m_bySymbol[marketId];
+    if (const auto implied = symbols.find(std::string(kImpliedPrefix) + symbol); implied != symbols.end())
+    {
+        Detach(implied->second);
+        symbols.erase(implied);
+    }
 }
 
 void MarketHub::Detach(InstrumentIndex instrument)

@@ -1,12 +1,18 @@
 #include "mds/symbol_rename.h"
 
 #include <algorithm>
+#include <set>
+#include <utility>
 
 namespace ps_ns
 {
 
 std::vector<SymbolRename> OrderRenames(std::vector<SymbolRename> renames)
 {
+    // A symbol is renamed once: what says so again would be set aside again and again.
+    std::set<std::pair<short, std::string>> seen;
+    std::erase_if(renames,
+                  [&](const SymbolRename& rename) { return !seen.emplace(rename.marketId, rename.oldSymbol).second; });
     std::vector<SymbolRename> ordered;
     while (!renames.empty())
     {

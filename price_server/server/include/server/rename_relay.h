@@ -5,6 +5,7 @@
 #include "price_unifier/source/composite_subscription_mgr.h"
 #include "server/client_gate.h"
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <utility>
@@ -53,8 +54,8 @@ public:
 
 private:
     struct Step;
-    /// So many times a step lets requests that are being made go first.
-    static constexpr unsigned kMostTries = 10'000;
+    /// For so long a step lets requests that are being made go first.
+    static constexpr std::chrono::seconds kPatience{1};
 
     void Insert(std::function<void()> action, const char* name);
     void Try(const std::shared_ptr<Step>& step);

@@ -35,6 +35,8 @@ public:
         std::string def;          ///< of the subscription, for the line about one that throws
         int subscription = 0;     ///< whose delivery it is; 0: raised by the manager, and not to be taken back
         unsigned long client = 0; ///< the flexible client's id; 0: the own observer
+        bool isSnapshot = false;  ///< a book: it throws by an account of its own
+        bool isOptional = false;  ///< comes only if there is something to send by then
     };
 
     // --- The step under way ---
@@ -53,7 +55,12 @@ public:
     void Silence(short marketId, int subscription);
     /// Nor of one of its clients.
     void Silence(short marketId, int subscription, unsigned long client);
+    /// A callback that must come waits.
     bool HasCallbacks(short marketId) const;
+    /// The text of the oldest callback, optional ones included; empty: none waits.
+    std::string PeekCallback(short marketId) const;
+    /// Passes over optional callbacks in front of the one with this text, which did not come.
+    void SkipOptional(short marketId, const std::string& until);
     /// The events of the oldest callback of an executor, which is hereby made.
     std::vector<std::string> TakeCallback(short marketId);
 

@@ -8,7 +8,8 @@
 namespace ps_ns::simulation
 {
 
-/// What can go wrong, and does. Each is counted where its effect has been seen on both sides.
+/// What can go wrong, and does. Each is counted when the model meets it; that the manager does what the model says is
+/// what is compared.
 enum class Fault : std::uint8_t
 {
     DuplicateHandle,

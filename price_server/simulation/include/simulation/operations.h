@@ -68,6 +68,7 @@ struct Scenario
 {
     bool withZel = true;         ///< otherwise there is only the in-process provider
     bool knowsDirectory = false; ///< the providers have read their directories at the start
+    bool skipsUnchanged = false; ///< books that show the same as the one before are not delivered
     bool endsSettled = true;     ///< everything runs out and is compared before the end; otherwise it ends as it is
     std::vector<Operation> operations;
 

@@ -50,8 +50,11 @@ public:
     };
     /// What the subscription's data callbacks have been so far, as its line in the log ends.
     using GetCounts = std::function<std::string(const ReferenceSubscription&)>;
+    /// Whether the subscription says that it has received any snapshot.
+    using HasSnapshot = std::function<bool(const ReferenceSubscription&)>;
 
-    ReferenceManager(const Conditions& conditions, Expectations& expectations, GetCounts getCounts);
+    ReferenceManager(const Conditions& conditions, Expectations& expectations, GetCounts getCounts,
+                     HasSnapshot hasSnapshot);
 
     // --- Requests, on the caller's thread ---
 
@@ -114,9 +117,16 @@ private:
                                  const std::string& newSymbol, short marketId);
     void RunCheckPending();
 
-    /// The line of a scope that has been changed, or not, and the re-targeting.
+    enum class Snapshot
+    {
+        Never,
+        WhenThereIsOne, ///< a client joins
+        WhenAsked
+    };
+    /// The line of a scope that has been changed, or not, and the re-targeting, or the snapshot for who has the id.
     void Retarget(ReferenceSubscription& subscription, const std::string& begin, const Info& previous,
-                  bool generateSnapshot);
+                  Snapshot snapshot, unsigned long id);
+    void ExpectSnapshot(const ReferenceSubscription& subscription, unsigned long id, bool isOptional);
     void RaiseUnsubscribe(const ReferenceSubscription& subscription, const Def& def, const std::string& observer,
                           unsigned long id);
     void RaiseChangeScope(const ReferenceSubscription& subscription, const Def& def, const std::string& observer,
@@ -130,6 +140,8 @@ private:
 
     Expectations& m_expectations;
     const GetCounts m_getCounts;
+    const HasSnapshot m_hasSnapshot;
+    int m_lastLocalObserver = 0;
     int m_lastSubscription = 0;
 };
 

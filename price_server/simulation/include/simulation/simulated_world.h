@@ -77,7 +77,7 @@ class SimulatedProvider;
 class SimulatedWorld
 {
 public:
-    explicit SimulatedWorld(const Conditions& conditions);
+    SimulatedWorld(const Conditions& conditions, bool skipsUnchanged);
     ~SimulatedWorld();
     SimulatedWorld(const SimulatedWorld&) = delete;
     SimulatedWorld& operator=(const SimulatedWorld&) = delete;
@@ -89,7 +89,7 @@ public:
     // --- The providers' moves, by a link's number ---
 
     void Answer(int link, Result result, const PriceFormat& format);
-    void AnswerUnsubscribe(int link, bool ok);
+    void AnswerUnsubscribe(int link, bool ok, int times);
     void DropUnsubscribe(int link);
     /// `levels` a side, or a change of the best ones when it is no image.
     void SendBook(int link, bool isImage, unsigned levels, std::uint32_t variant);

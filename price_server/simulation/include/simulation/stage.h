@@ -106,6 +106,9 @@ std::string SpellScopeAnswer(const std::string& observer, const char* operation,
 std::string SpellProviderCall(ProviderType::Value provider, const char* operation, int link, const std::string& symbol,
                               const std::string& rest);
 std::string SpellLog(int level, unsigned tag, const std::string& source, std::string_view text);
+/// A book that was asked for.
+std::string SpellSnapshot(const std::string& observer, unsigned long id, const CompositeInstrumentDef& def,
+                          unsigned reason);
 std::string SpellScope(const CompositeSubscriptionInfo& info);
 
 } // namespace ps_ns::simulation

@@ -73,6 +73,7 @@ private:
 
     std::vector<Move> TakeOldNames(std::span<const SymbolRename> renames) PS_REQUIRES(m_role);
     bool TakeOldName(const SymbolRename& rename, std::vector<Move>& moves) PS_REQUIRES(m_role);
+    void DropImplied(short marketId, const std::string& symbol) PS_REQUIRES(m_role);
     void GiveNewName(const Move& move) PS_REQUIRES(m_role);
     void Detach(InstrumentIndex instrument) PS_REQUIRES(m_role);
 
