@@ -8,18 +8,21 @@ export interface Column {
     fraction: number;
 }
 
+/** The name of a column needs room as well. */
+const narrowest = 4;
+
 export function widthOf(column: Column): number {
-    return column.whole + (column.fraction > 0 ? column.fraction + 1 : 0);
+    return Math.max(narrowest, column.whole + (column.fraction > 0 ? column.fraction + 1 : 0));
 }
 
 /**
  * How wide the columns of a ladder are, in digits. They only grow: numbers that come and go do not move the others.
  */
 export class Columns {
-    readonly price: Column = { whole: 4, fraction: 0 };
-    readonly direct: Column = { whole: 4, fraction: 0 };
-    readonly implied: Column = { whole: 3, fraction: 0 };
-    readonly orders: Column = { whole: 2, fraction: 0 };
+    readonly price: Column = { whole: 1, fraction: 0 };
+    readonly direct: Column = { whole: 1, fraction: 0 };
+    readonly implied: Column = { whole: 1, fraction: 0 };
+    readonly orders: Column = { whole: 1, fraction: 0 };
 
     /** True: a column has grown. */
     fit(levels: readonly Level[], count: number): boolean {

@@ -6,7 +6,7 @@ import { Columns, widthOf } from "./columns.ts";
 /** One side of a row: cells that are made once, and what they show. */
 interface Half {
     cells: Text[];
-    bar: HTMLElement;
+    element: HTMLElement;
     barStep: number;
     /** Undefined: anything may stand in the cells. */
     level: Level | null | undefined;
@@ -20,6 +20,14 @@ function element(role: string, className: string, label = ""): HTMLElement {
     result.className = className;
     result.setAttribute("role", role);
     if (label !== "") result.textContent = label;
+    return result;
+}
+
+/** Columns may be narrower than their names: what is seen is short, what is read out is not. */
+function makeTitle(name: string): HTMLElement {
+    const short: Record<string, string> = { implied: "impl", orders: "ord" };
+    const result = element("columnheader", `cell head ${name}`, short[name] ?? name);
+    result.setAttribute("aria-label", name);
     return result;
 }
 
@@ -42,8 +50,14 @@ export class Ladder {
         this.rename(label);
         const head = element("rowgroup", "ladder-head");
         const titles = element("row", "ladder-row");
-        for (const name of ["orders", "implied", "direct", "bid"]) titles.append(element("columnheader", `cell head ${name}`, name));
-        for (const name of ["ask", "direct", "implied", "orders"]) titles.append(element("columnheader", `cell head ${name}`, name));
+        for (const [side, names] of [
+            ["bid-side", ["orders", "implied", "direct", "bid"]],
+            ["ask-side", ["ask", "direct", "implied", "orders"]],
+        ] as const) {
+            const half = element("presentation", `half ${side}`);
+            half.append(...names.map(makeTitle));
+            titles.append(half);
+        }
         head.append(titles);
         this.#body = element("rowgroup", "ladder-body");
         this.root.append(head, this.#body);
@@ -90,7 +104,7 @@ export class Ladder {
         const step = level === null ? 0 : Math.ceil(total(level) * scale);
         if (step !== half.barStep) {
             half.barStep = step;
-            half.bar.style.transform = `scaleX(${step / barSteps})`;
+            half.element.style.backgroundSize = `${(step * 100) / barSteps}% 100%`;
         }
         // Levels are replaced, never changed: the same object is the same numbers.
         if (level === half.level) return;
@@ -111,24 +125,22 @@ export class Ladder {
         const row = element("row", "ladder-row");
         const bid = this.#makeHalf("bid-side");
         const ask = this.#makeHalf("ask-side");
-        const parents = (half: Half) => half.cells.map((cell) => cell.parentElement!);
-        row.append(bid.bar, ask.bar, ...parents(bid), ...parents(ask).reverse());
+        row.append(bid.element, ask.element);
         this.#body.append(row);
         this.#bids.push(bid);
         this.#asks.push(ask);
     }
 
     #makeHalf(side: string): Half {
+        const half = element("presentation", `half ${side}`);
         const cells = cellNames.map((name) => {
             const text = document.createTextNode("");
-            element("cell", `cell ${side} ${name}`).append(text);
+            element("cell", `cell ${name}`).append(text);
             return text;
         });
-        const bar = document.createElement("i");
-        bar.className = `bar ${side}`;
-        bar.setAttribute("aria-hidden", "true");
-        bar.style.transform = "scaleX(0)";
-        return { cells, bar, barStep: 0, level: undefined };
+        const inOrder = side === "bid-side" ? cells : cells.toReversed();
+        half.append(...inOrder.map((text) => text.parentElement!));
+        return { cells, element: half, barStep: 0, level: undefined };
     }
 
     #forget(): void {

@@ -43,9 +43,9 @@ export class PaintScheduler {
 
     constructor(
         private readonly source: FrameSource,
-        private readonly budgetMs = 6,
-        private readonly largestShare = 64,
-        private readonly smallestShare = 8,
+        private readonly budgetMs = 5,
+        private readonly largestShare = 24,
+        private readonly smallestShare = 10,
     ) {
         this.#share = largestShare;
     }

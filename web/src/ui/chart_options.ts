@@ -16,7 +16,21 @@ function axis(scale: string, side: 1 | 3, size: number): uPlot.Axis {
         stroke: () => colour("--muted"),
         grid: { show: side === 3, stroke: () => colour("--line"), width: 1 },
         ticks: { show: false },
+        values: writeSplits,
     };
+}
+
+function midRange(low: number | null, high: number | null): [number, number] {
+    if (low === null || high === null) return [0, 1];
+    const range = high - low || Math.abs(high) * 1e-4 || 1;
+    return [low - range * 0.6, high + range * 0.1];
+}
+
+/** As many digits as tell the lines of the grid apart. */
+function writeSplits(_plot: unknown, splits: number[]): string[] {
+    const step = splits.length > 1 ? splits[1]! - splits[0]! : 1;
+    const digits = Math.max(0, Math.min(10, Math.ceil(-Math.log10(step) - 1e-9)));
+    return splits.map((split) => split.toFixed(digits));
 }
 
 /** Colours are looked up whenever it draws. Nothing is animated. */
@@ -27,7 +41,12 @@ export function chartOptions(width: number, height: number): uPlot.Options {
         legend: { show: false },
         cursor: { show: true, points: { show: false }, drag: { x: false, y: false } },
         padding: [6, 4, 0, 0],
-        scales: { x: { time: true }, spread: { range: (_plot, _low, high) => [0, (high || 1) * 3] } },
+        // The spread has the lower third for itself.
+        scales: {
+            x: { time: true },
+            mid: { range: (_plot, low, high) => midRange(low, high) },
+            spread: { range: (_plot, _low, high) => [0, (high || 1) * 3.5] },
+        },
         axes: [
             {
                 font,
