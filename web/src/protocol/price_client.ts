@@ -319,7 +319,7 @@ export class PriceClient {
             else this.retry(subscription);
             return;
         }
-        this.#refuse(subscription, error.code, error.message);
+        this.#refuse(subscription, error.message, error.code === "too_many_requests" || error.code === "not_ready");
         this.complain({ what: error.message, where: [subscription.instrument, error.where].filter(Boolean).join(", ") });
     }
 
@@ -332,19 +332,17 @@ export class PriceClient {
         if (result.code === 0) subscription.state = "live";
         else if (result.code === 13 || result.code === 24) this.#again(subscription);
         else if (result.component === undefined) {
-            this.#refuse(subscription, result.name, result.meaning);
+            this.#refuse(subscription, result.meaning, true);
             this.complain({ what: `${result.name}: ${result.meaning}`, where: subscription.instrument });
         }
         subscription.stateChanged();
     }
 
-    #refuse(subscription: Subscription, code: string, why: string): void {
+    #refuse(subscription: Subscription, why: string, mayPass: boolean): void {
         subscription.state = "failed";
         subscription.why = why;
         subscription.stateChanged();
-        if (code === "too_many_requests" || code === "not_ready" || code === "DirectSubscriptionFailed") {
-            this.#again(subscription);
-        }
+        if (mayPass) this.#again(subscription);
     }
 
     #again(subscription: Subscription): void {
