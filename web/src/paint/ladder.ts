@@ -1,7 +1,7 @@
 import type { Book } from "../book/book.ts";
 import { alignAtPoint, isZero, padZeros } from "../book/decimal.ts";
 import type { Level } from "../protocol/messages.ts";
-import { Columns, widthOf } from "./columns.ts";
+import { type Column, Columns, widthOf } from "./columns.ts";
 
 /** One side of a row: cells that are made once, and what they show. */
 interface Half {
@@ -65,6 +65,11 @@ export class Ladder {
         this.#setWidths();
     }
 
+    /** Digits behind the point that prices are written with. */
+    get priceFraction(): number {
+        return this.#columns.price.fraction;
+    }
+
     rename(label: string): void {
         this.root.setAttribute("aria-label", `order book of ${label}`);
     }
@@ -115,9 +120,9 @@ export class Ladder {
             for (const cell of half.cells) cell.data = "";
             return;
         }
-        if (old == null || old[0] !== level[0]) half.cells[3]!.data = padZeros(level[0], price.fraction);
-        if (old == null || old[1] !== level[1]) half.cells[2]!.data = quantity(level[1], direct.fraction);
-        if (old == null || old[2] !== level[2]) half.cells[1]!.data = quantity(level[2], implied.fraction);
+        if (old == null || old[0] !== level[0]) half.cells[3]!.data = fill(padZeros(level[0], price.fraction), price);
+        if (old == null || old[1] !== level[1]) half.cells[2]!.data = quantity(level[1], direct);
+        if (old == null || old[2] !== level[2]) half.cells[1]!.data = quantity(level[2], implied);
         if (old == null || old[3] !== level[3]) half.cells[0]!.data = level[3] === null ? "" : String(level[3]);
     }
 
@@ -157,8 +162,13 @@ export class Ladder {
 }
 
 /** Nothing at all is shown as nothing: what is there stands out. */
-function quantity(text: string, fraction: number): string {
-    return isZero(text) ? "" : alignAtPoint(text, fraction);
+function quantity(text: string, column: Column): string {
+    return isZero(text) ? "" : fill(alignAtPoint(text, column.fraction), column);
+}
+
+/** Every number of a column is as wide as the column: none of them moves when its digits do. */
+function fill(text: string, column: Column): string {
+    return text.padStart(widthOf(column));
 }
 
 /** Only for the length of a bar, which is in pixels. */

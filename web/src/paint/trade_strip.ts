@@ -1,6 +1,7 @@
 import { type Tape, timeOfDay } from "../book/tape.ts";
-import { alignAtPoint, fractionDigits, padZeros } from "../book/decimal.ts";
-import type { Trade } from "../protocol/messages.ts";
+import { alignAtPoint, padZeros } from "../book/decimal.ts";
+import type { Level, Trade } from "../protocol/messages.ts";
+import { Columns, widthOf } from "./columns.ts";
 
 const rows = 4;
 
@@ -14,8 +15,7 @@ interface Line {
 export class TradeStrip {
     readonly root = document.createElement("ol");
     #lines: Line[] = [];
-    #priceFraction = 0;
-    #quantityFraction = 0;
+    #columns = new Columns();
 
     constructor() {
         this.root.className = "trades";
@@ -35,21 +35,21 @@ export class TradeStrip {
     }
 
     paint(tape: Tape): void {
-        for (const trade of tape.trades.slice(0, rows)) {
-            this.#priceFraction = Math.max(this.#priceFraction, fractionDigits(trade.price));
-            this.#quantityFraction = Math.max(this.#quantityFraction, fractionDigits(trade.quantity));
-        }
+        // Columns of trades are those of a book: price and quantity, which only grow.
+        const numbers = tape.trades.slice(0, rows).map(({ price, quantity }): Level => [price, quantity, "0", null]);
+        this.#columns.fit(numbers, rows);
         this.#lines.forEach((line, index) => this.#paintLine(line, tape.trades[index]));
     }
 
     #paintLine(line: Line, trade: Trade | undefined): void {
+        const { price, direct } = this.#columns;
         const texts =
             trade === undefined
                 ? ["", "", "", ""]
                 : [
                       timeOfDay(trade.exchange_time_ns),
-                      padZeros(trade.price, this.#priceFraction),
-                      alignAtPoint(trade.quantity, this.#quantityFraction),
+                      padZeros(trade.price, price.fraction).padStart(widthOf(price)),
+                      alignAtPoint(trade.quantity, direct.fraction).padStart(widthOf(direct)),
                       trade.aggressor === null ? "" : aggressorText(trade.aggressor),
                   ];
         texts.forEach((text, index) => {
@@ -66,9 +66,10 @@ function aggressorText(aggressor: "buyer" | "seller"): string {
     return aggressor === "buyer" ? "▲ buyer" : "▼ seller";
 }
 
-export function writeLast(element: HTMLElement, trade: Trade | undefined): void {
+/** `fraction` is what the ladder's prices have: the two stand in the same panel. */
+export function writeLast(element: HTMLElement, trade: Trade | undefined, fraction: number): void {
     const mark = trade?.aggressor === "buyer" ? " ▲" : trade?.aggressor === "seller" ? " ▼" : "";
-    const text = trade === undefined ? "" : `${trade.price}${mark}`;
+    const text = trade === undefined ? "" : `${padZeros(trade.price, fraction)}${mark}`;
     if (element.textContent !== text) element.textContent = text;
     element.dataset.aggressor = trade?.aggressor ?? "";
 }

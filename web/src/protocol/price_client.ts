@@ -225,8 +225,9 @@ export class PriceClient {
     }
 
     #applyImage(subscription: Subscription, image: Image): void {
-        const marks = String([subscription.book.missing, subscription.book.stale]);
-        subscription.book.applyImage(image);
+        const { book } = subscription;
+        const marks = book.needsImage ? null : String([book.missing, book.stale]);
+        book.applyImage(image);
         this.#becameLive(subscription, marks);
     }
 
@@ -236,18 +237,19 @@ export class PriceClient {
         const applied = book.applyUpdate(update);
         if (applied === "gap") {
             this.counters.gaps += 1;
+            subscription.stateChanged();
             this.#change(subscription, { image: true });
         }
         if (applied === "applied" && marks !== null) this.#becameLive(subscription, marks);
         return applied === "applied";
     }
 
-    #becameLive(subscription: Subscription, marks: string): void {
+    /** `marks`: what was missing and stale before; null if it was not known. */
+    #becameLive(subscription: Subscription, marks: string | null): void {
         const { missing, stale } = subscription.book;
-        const wasLive = subscription.state === "live";
         subscription.state = "live";
         subscription.attempt = 0;
-        if (!wasLive || marks !== String([missing, stale])) subscription.stateChanged();
+        if (marks !== String([missing, stale])) subscription.stateChanged();
     }
 
     #receiveTrades(message: Trades, arrivedMs: number): void {

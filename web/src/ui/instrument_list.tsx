@@ -132,6 +132,6 @@ export function InstrumentList() {
 
 function countText(found: number, loaded: number, total: number | null): string {
     if (total === null) return "loading…";
-    const all = loaded < total ? `${loaded} of ${total} loaded` : `${total}`;
-    return `${found} of ${all} instruments`;
+    if (loaded < total) return `loading ${loaded} of ${total}`;
+    return `${found} of ${total} instruments`;
 }

@@ -18,8 +18,8 @@ interface Reading {
 /** Outlives the view: who comes back finds the gauges where they were. */
 const history = new GaugeHistory();
 
-const subscriptionColumns = ["instrument", "market", "symbol", "state", "scope", "depth", "interval_ms", "components", "holders"];
-const sessionColumns = ["session", "peer", "address", "subscriptions", "lag_bytes", "lag_ms", "conflated", "lost_trades"];
+const subscriptionColumns = ["instrument", "symbol", "provider", "state", "merged_scope", "components", "holders"];
+const sessionColumns = ["session", "remote", "token", "since_ns", "subscriptions", "lag_ms", "unsent_bytes", "conflated", "lost_trades"];
 
 async function read(signal: AbortSignal): Promise<Reading> {
     const [status, subscriptions, sessions] = await Promise.all([
@@ -89,7 +89,7 @@ function Shown({ status, subscriptions, sessions }: Reading) {
                     {simple.map(([name, value]) => (
                         <div key={name}>
                             <dt>{title(name)}</dt>
-                            <dd>{plain(value)}</dd>
+                            <dd>{plain(value, name)}</dd>
                         </div>
                     ))}
                 </dl>
@@ -121,7 +121,7 @@ function Shown({ status, subscriptions, sessions }: Reading) {
             {lists.map(([name, value]) => (
                 <section key={name} aria-label={title(name)}>
                     <h2>{title(name)}</h2>
-                    <ValueTable label={title(name)} rows={asRows(value as unknown[])} first={["name"]} />
+                    <ValueTable label={title(name)} rows={asRows(value as unknown[])} first={["id", "name"]} />
                 </section>
             ))}
         </>

@@ -1,5 +1,5 @@
 import type { Instrument } from "./market.ts";
-import type { Session } from "./session.ts";
+import type { Session, Sub } from "./session.ts";
 
 export interface ApiState {
     instruments: readonly Instrument[];
@@ -38,37 +38,67 @@ function instruments(url: URL, all: readonly Instrument[]): unknown {
 function status({ sessions, startedMs, updates, instruments: all }: ApiState): unknown {
     const count = [...sessions].reduce((sum, session) => sum + session.subs.size, 0);
     return {
+        server: "mock_server",
         version: "0.1.0",
         build: "mock",
-        state: "serving",
-        uptime_s: Math.round((Date.now() - startedMs) / 1000),
-        gauges: [
-            { name: "gateway_sessions", value: sessions.size },
-            { name: "gateway_subscriptions", value: count },
-            { name: "books_delivered", value: updates() },
-            { name: "queue_length", labels: { queue: "data" }, value: Math.round(Math.random() * 40) },
-            { name: "memory_resident_bytes", value: process.memoryUsage().rss },
-        ],
-        providers: [{ name: "synthetic", type: "Mds", state: "up", instruments: all.length }],
-        markets: [...new Set(all.map(({ market }) => market))].map((name) => ({ name, default_depth: 10, maximum_depth: 40 })),
+        started_ns: `${startedMs}000000`,
+        time_ns: `${Date.now()}000000`,
+        ready: true,
+        sessions: sessions.size,
+        instruments: all.length,
+        markets: [...new Set(all.map(({ market }) => market))].map((name, id) => ({ id, name, default_depth: 10, max_depth: 40 })),
+        gauges: {
+            gateway_sessions: sessions.size,
+            gateway_subscriptions: count,
+            books_delivered: updates(),
+            data_queue_length: Math.round(Math.random() * 40),
+            memory_resident_bytes: process.memoryUsage().rss,
+        },
     };
 }
 
 function describeSession(session: Session): unknown {
-    return { session: session.id, peer: "127.0.0.1", subscriptions: session.subs.size, lag_bytes: 0, conflated: 0, lost_trades: 0 };
+    return {
+        session: session.id,
+        remote: "127.0.0.1",
+        token: "",
+        since_ns: `${Date.now()}000000`,
+        subscriptions: session.subs.size,
+        unsent_bytes: 0,
+        lag_ms: 0,
+        conflated: 0,
+        lost_trades: 0,
+    };
+}
+
+function describeSub(session: Session, sub: Sub) {
+    const scope = { depth: sub.depth, interval_ms: sub.intervalMs, trades: sub.kinds.includes("trades"), fields: sub.kinds.includes("fields") };
+    return { id: session.id, holder: `session ${session.id}, ${sub.id}`, scope };
 }
 
 function subscriptions({ sessions }: ApiState): unknown[] {
-    const rows = new Map<string, { instrument: string; scope: unknown; components: string[]; holders: unknown[] }>();
+    const rows = new Map<string, { holders: unknown[] }>();
     for (const session of sessions) {
         for (const sub of session.subs.values()) {
+            const holder = describeSub(session, sub);
             const row = rows.get(sub.instrument) ?? {
                 instrument: sub.instrument,
-                scope: { depth: sub.depth, interval_ms: sub.intervalMs, trades: sub.kinds.includes("trades") },
-                components: ["direct", "implied"],
-                holders: [],
+                symbol: sub.instrument.split(":")[1],
+                provider: "mds",
+                state: "active",
+                merged_scope: holder.scope,
+                components: ["direct", "implied"].map((component) => ({
+                    component,
+                    symbol: sub.instrument.split(":")[1],
+                    provider: "mds",
+                    is_final: true,
+                    is_subscribed: true,
+                    result: { code: 0, name: "Success", meaning: "the component is subscribed" },
+                })),
+                holders: [] as unknown[],
+                last_update_ns: `${Date.now()}000000`,
             };
-            row.holders.push({ session: session.id, subscription: sub.id, depth: sub.depth });
+            row.holders.push(holder);
             rows.set(sub.instrument, row);
         }
     }
@@ -78,8 +108,8 @@ function subscriptions({ sessions }: ApiState): unknown[] {
 function explain(instrument: string): unknown {
     return {
         instrument,
-        provider: { name: "synthetic", type: "Mds", final: true },
-        components: [{ component: "direct", state: "live", last_message_ms: 12 }],
+        provider: "mds",
+        components: [{ component: "direct", is_subscribed: true, result: { code: 0, name: "Success" } }],
         decisions: ["the directory of the synthetic provider knows the symbol", "one composite subscription serves all holders"],
     };
 }

@@ -14,7 +14,7 @@ export const limits = {
     idle_ms: 60000,
 };
 
-interface Sub {
+export interface Sub {
     id: string;
     instrument: string;
     book: MovingBook;

@@ -1,0 +1,73 @@
+import { type ChildProcess, spawn } from "node:child_process";
+import { existsSync, mkdirSync, rmSync } from "node:fs";
+import type { TestProject } from "vitest/node";
+import { WebSocket } from "ws";
+import type { ServerMessage } from "../../src/protocol/messages.ts";
+
+declare module "vitest" {
+    interface ProvidedContext {
+        /** Where the server is, with a slash at the end. */
+        base: string;
+        /** Instruments that prices come for. */
+        active: string[];
+    }
+}
+
+const root = new URL("../..", import.meta.url).pathname;
+const children: ChildProcess[] = [];
+
+/** Starts the mock server; resolves with its address. */
+export function startMock(...options: string[]): Promise<string> {
+    const child = spawn(`${root}node_modules/.bin/tsx`, [`${root}tests/mock_server.ts`, "--port", "0", ...options]);
+    children.push(child);
+    return new Promise((resolve, reject) => {
+        child.stdout.once("data", (text: Buffer) => resolve(text.toString().trim()));
+        child.stderr.on("data", (text: Buffer) => process.stderr.write(text));
+        child.once("exit", (code) => reject(new Error(`the mock server has ended with ${code}`)));
+    });
+}
+
+export function stopMocks(): void {
+    for (const child of children.splice(0)) child.kill();
+}
+
+/** A server may know far more instruments than it has prices for: the tests use those that move. */
+async function findActive(base: string, wanted: number): Promise<string[]> {
+    const answer = await fetch(`${base}api/v1/instruments?limit=60`);
+    const { instruments } = (await answer.json()) as { instruments: { market: string; symbol: string }[] };
+    const counts = new Map<string, number>();
+    const socket = new WebSocket(`${base.replace("http", "ws")}ws`, "price-server.v1");
+    await new Promise<void>((resolve) => {
+        const timer = setTimeout(resolve, 15_000);
+        socket.on("open", () => {
+            for (const [index, { market, symbol }] of instruments.entries()) {
+                socket.send(JSON.stringify({ type: "subscribe", request: `a${index}`, instrument: `${market}:${symbol}`, depth: 5 }));
+            }
+        });
+        socket.on("message", (data) => {
+            for (const line of String(data).split("\n")) {
+                const message = JSON.parse(line) as ServerMessage;
+                if (message.type === "update") counts.set(message.instrument, (counts.get(message.instrument) ?? 0) + 1);
+            }
+            if ([...counts.values()].filter((count) => count > 2).length >= wanted) {
+                clearTimeout(timer);
+                resolve();
+            }
+        });
+    });
+    socket.close();
+    const sorted = [...counts].sort((a, b) => b[1] - a[1]).map(([name]) => name);
+    if (sorted.length < 4) throw new Error(`${base} has prices for ${sorted.length} instruments only`);
+    return sorted.slice(0, wanted);
+}
+
+export default async function setup({ provide }: TestProject): Promise<() => void> {
+    if (!existsSync(`${root}dist/index.html`)) throw new Error("the page is not built: npm run build");
+    rmSync(`${root}artefacts`, { recursive: true, force: true });
+    mkdirSync(`${root}artefacts`, { recursive: true });
+    const given = process.env.PRICE_SERVER_URL;
+    const base = given === undefined ? await startMock() : `${given.replace(/\/$/, "")}/`;
+    provide("base", base);
+    provide("active", await findActive(base, 12));
+    return stopMocks;
+}
