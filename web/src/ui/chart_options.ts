@@ -53,6 +53,7 @@ export function chartOptions(width: number, height: number): uPlot.Options {
                 size: 20,
                 gap: 2,
                 space: 90,
+                incrs: [1, 5, 10, 15, 30, 60, 120, 300, 600, 1800, 3600],
                 stroke: () => colour("--muted"),
                 grid: { show: false },
                 ticks: { show: false },

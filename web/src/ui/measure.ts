@@ -22,8 +22,20 @@ export const pace = new Store<Pace>({
 
 const intervalMs = 1000;
 
+declare global {
+    /** For measuring from outside: gives the paint lags (in ms) since it was last called, and the updates so far. */
+    var priceServerFigures: (() => { lags: number[]; updates: number }) | undefined;
+}
+
 /** Once a second: how fast prices come, and how late they are shown. */
 export function measure(services: Services): void {
+    let taken = 0;
+    globalThis.priceServerFigures = () => {
+        const { lags, paints } = services.scheduler;
+        const since = Math.min(lags.length, paints - taken);
+        taken = paints;
+        return { lags: since === 0 ? [] : lags.slice(-since), updates: services.client.counters.updates };
+    };
     let updates = 0;
     let atMs = performance.now();
     setInterval(() => {

@@ -1,16 +1,6 @@
 import { type Browser, type BrowserContext, chromium, type Page, type WebSocketRoute } from "playwright-core";
 import { afterAll, afterEach, beforeAll, expect, inject } from "vitest";
-
-const flags = [
-    "--headless",
-    "--no-sandbox",
-    "--disable-gpu",
-    "--disable-quic",
-    "--no-first-run",
-    "--disable-background-networking",
-    "--disable-component-update",
-    "--disable-sync",
-];
+import { flags } from "./flags.ts";
 
 export const base = inject("base");
 export const active = inject("active");

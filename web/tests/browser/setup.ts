@@ -1,8 +1,8 @@
-import { type ChildProcess, spawn } from "node:child_process";
-import { existsSync, mkdirSync, rmSync } from "node:fs";
+import { existsSync, mkdirSync } from "node:fs";
 import type { TestProject } from "vitest/node";
 import { WebSocket } from "ws";
 import type { ServerMessage } from "../../src/protocol/messages.ts";
+import { startMock, stopMocks } from "./mock_process.ts";
 
 declare module "vitest" {
     interface ProvidedContext {
@@ -14,23 +14,6 @@ declare module "vitest" {
 }
 
 const root = new URL("../..", import.meta.url).pathname;
-const children: ChildProcess[] = [];
-
-/** Starts the mock server; resolves with its address. */
-export function startMock(...options: string[]): Promise<string> {
-    const child = spawn(`${root}node_modules/.bin/tsx`, [`${root}tests/mock_server.ts`, "--port", "0", ...options]);
-    children.push(child);
-    return new Promise((resolve, reject) => {
-        child.stdout.once("data", (text: Buffer) => resolve(text.toString().trim()));
-        child.stderr.on("data", (text: Buffer) => process.stderr.write(text));
-        child.once("exit", (code) => reject(new Error(`the mock server has ended with ${code}`)));
-    });
-}
-
-export function stopMocks(): void {
-    for (const child of children.splice(0)) child.kill();
-}
-
 /** A server may know far more instruments than it has prices for: the tests use those that move. */
 async function findActive(base: string, wanted: number): Promise<string[]> {
     const answer = await fetch(`${base}api/v1/instruments?limit=60`);
@@ -63,7 +46,6 @@ async function findActive(base: string, wanted: number): Promise<string[]> {
 
 export default async function setup({ provide }: TestProject): Promise<() => void> {
     if (!existsSync(`${root}dist/index.html`)) throw new Error("the page is not built: npm run build");
-    rmSync(`${root}artefacts`, { recursive: true, force: true });
     mkdirSync(`${root}artefacts`, { recursive: true });
     const given = process.env.PRICE_SERVER_URL;
     const base = given === undefined ? await startMock() : `${given.replace(/\/$/, "")}/`;
