@@ -34,10 +34,12 @@ export class TradeStrip {
         }
     }
 
-    paint(tape: Tape): void {
+    /** `fraction`: digits behind the point that prices have at least, as in the ladder above. */
+    paint(tape: Tape, fraction: number): void {
         // Columns of trades are those of a book: price and quantity, which only grow.
         const numbers = tape.trades.slice(0, rows).map(({ price, quantity }): Level => [price, quantity, "0", null]);
         this.#columns.fit(numbers, rows);
+        this.#columns.price.fraction = Math.max(this.#columns.price.fraction, fraction);
         this.#lines.forEach((line, index) => this.#paintLine(line, tape.trades[index]));
     }
 

@@ -1,7 +1,7 @@
 import { type GaugeHistory, sparkline } from "../api/operations.ts";
 
-const width = 120;
-const height = 26;
+const width = 240;
+const height = 24;
 
 /** Each gauge with its value, and a line of how it came there. */
 export function Gauges({ history }: { history: GaugeHistory }) {
@@ -13,16 +13,15 @@ export function Gauges({ history }: { history: GaugeHistory }) {
                     <span class="name" title={name}>
                         {name}
                     </span>
+                    <b>{write(values.at(-1)!)}</b>
                     <svg
                         viewBox={`0 0 ${width} ${height}`}
-                        width={width}
-                        height={height}
+                        preserveAspectRatio="none"
                         role="img"
                         aria-label={`${name}: from ${Math.min(...values)} to ${Math.max(...values)}`}
                     >
                         <polyline points={sparkline(values, history.capacity, width, height)} />
                     </svg>
-                    <b>{write(values.at(-1)!)}</b>
                 </li>
             ))}
         </ul>

@@ -85,7 +85,7 @@ export class PanelFeed implements Paintable {
         if (data.tape.version !== this.#painted.tape) {
             this.#painted.tape = data.tape.version;
             writeLast(this.last, data.tape.last, this.ladder.priceFraction);
-            if (this.panel.kinds.includes("trades")) this.strip.paint(data.tape);
+            if (this.panel.kinds.includes("trades")) this.strip.paint(data.tape, this.ladder.priceFraction);
         }
         if (this.panel.kinds.includes("fields") && data.fieldsVersion !== this.#painted.fields) {
             this.#painted.fields = data.fieldsVersion;
