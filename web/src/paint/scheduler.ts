@@ -44,7 +44,7 @@ export class PaintScheduler {
     constructor(
         private readonly source: FrameSource,
         private readonly budgetMs = 5,
-        private readonly largestShare = 24,
+        private readonly largestShare = 16,
         private readonly smallestShare = 10,
     ) {
         this.#share = largestShare;
