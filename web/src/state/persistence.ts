@@ -1,0 +1,38 @@
+import type { Store } from "./store.ts";
+import { decodeState, encodeState, type ViewState } from "./view_state.ts";
+
+const key = "price-server.view";
+const delayMs = 150;
+
+/** The address wins: who opens a link wants what is in it. Otherwise the page is as it was left. */
+export function loadState(): ViewState {
+    if (location.hash.length > 1) return decodeState(location.hash);
+    try {
+        return decodeState(localStorage.getItem(key) ?? "");
+    } catch {
+        return decodeState("");
+    }
+}
+
+/** Writes each change to the address and to the storage, and follows an address that is changed by hand. */
+export function keepState(store: Store<ViewState>): void {
+    let timer: ReturnType<typeof setTimeout> | undefined;
+    store.watch(() => {
+        clearTimeout(timer);
+        timer = setTimeout(() => save(store.value), delayMs);
+    });
+    addEventListener("hashchange", () => {
+        if (location.hash.slice(1) !== encodeState(store.value)) store.set(decodeState(location.hash));
+    });
+    addEventListener("pagehide", () => save(store.value));
+}
+
+function save(state: ViewState): void {
+    const text = encodeState(state);
+    history.replaceState(null, "", `#${text}`);
+    try {
+        localStorage.setItem(key, text);
+    } catch {
+        // A browser without storage: the address still has it.
+    }
+}

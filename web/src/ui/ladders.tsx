@@ -1,0 +1,35 @@
+import { useStore } from "../state/store.ts";
+import { Chart } from "./chart.tsx";
+import { Panel } from "./panel.tsx";
+import { useServices } from "./services.ts";
+
+export function Ladders() {
+    const services = useServices();
+    const { panels, selected, chart } = useStore(services.view);
+    const chosen = panels[selected];
+    return (
+        <div class="ladders">
+            <h1 class="unseen">Ladders</h1>
+            {panels.length === 0 ? (
+                <div class="empty">
+                    <p>No instrument is shown.</p>
+                    <p class="quiet">
+                        Press <kbd>/</kbd>, type a part of a name, and take it with <kbd>Enter</kbd>.
+                    </p>
+                </div>
+            ) : (
+                <div class="grid">
+                    {panels.map((panel, index) => (
+                        <Panel
+                            key={panel.id}
+                            panel={panel}
+                            selected={index === selected}
+                            onSelect={() => services.view.update({ selected: index })}
+                        />
+                    ))}
+                </div>
+            )}
+            {chart && chosen !== undefined && <Chart key={chosen.id} panel={chosen} />}
+        </div>
+    );
+}
