@@ -159,7 +159,7 @@ void PriceServer::Stop()
     StopExecutors();
     m_renameRelay.reset();
     m_gateway.reset(); // what it asked of the queue has run, or is gone
-    m_probe.reset(); // neither a timer nor the queue calls it any more
+    m_probe.reset();   // neither a timer nor the queue calls it any more
     m_pendingCheck.reset();
     m_manager.reset();
     m_mds.reset();

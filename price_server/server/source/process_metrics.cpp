@@ -64,9 +64,9 @@ private:
         families.push_back(MakeCounterFamily("process_cpu_seconds_total",
                                              "Processor time in user and kernel mode, in seconds.",
                                              static_cast<double>(stat.cpu_ticks) * tick_sec));
-        families.push_back(MakeGaugeFamily("process_resident_memory_bytes", "Resident memory.",
-                                           static_cast<double>(stat.resident_pages) *
-                                               static_cast<double>(::sysconf(_SC_PAGESIZE))));
+        families.push_back(
+            MakeGaugeFamily("process_resident_memory_bytes", "Resident memory.",
+                            static_cast<double>(stat.resident_pages) * static_cast<double>(::sysconf(_SC_PAGESIZE))));
         families.push_back(MakeGaugeFamily("process_virtual_memory_bytes", "Virtual memory.",
                                            static_cast<double>(stat.virtual_bytes)));
         families.push_back(MakeGaugeFamily("process_start_time_seconds",

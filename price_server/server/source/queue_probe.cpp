@@ -15,10 +15,9 @@ namespace
 /// Seconds: from an idle hand-over to a reader that is stuck.
 const prometheus::Histogram::BucketBoundaries& GetBuckets()
 {
-    static const prometheus::Histogram::BucketBoundaries kBuckets{0.00001, 0.000025, 0.00005, 0.0001, 0.00025,
-                                                                  0.0005,  0.001,    0.0025,  0.005,  0.01,
-                                                                  0.025,   0.05,     0.1,     0.25,   0.5,
-                                                                  1,       2.5,      5,       10};
+    static const prometheus::Histogram::BucketBoundaries kBuckets{
+        0.00001, 0.000025, 0.00005, 0.0001, 0.00025, 0.0005, 0.001, 0.0025, 0.005, 0.01,
+        0.025,   0.05,     0.1,     0.25,   0.5,     1,      2.5,   5,      10};
     return kBuckets;
 }
 

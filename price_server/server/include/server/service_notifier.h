@@ -11,8 +11,8 @@ namespace ps_ns
 /// Tells the service manager that started the process how it is: datagrams to the socket that the environment variable
 /// NOTIFY_SOCKET names, a path or, after '@', a name in the abstract space. Without the variable nothing is told.
 ///
-/// A watchdog (WATCHDOG_USEC, and WATCHDOG_PID when it is there names this process) is pinged at most three times in its
-/// interval: whoever calls Ping proves by it that what he watches is alive.
+/// A watchdog (WATCHDOG_USEC, and WATCHDOG_PID when it is there names this process) is pinged at most three times in
+/// its interval: whoever calls Ping proves by it that what he watches is alive.
 ///
 /// Threads: any. A datagram that cannot be sent, because nobody takes it, is dropped: nothing here waits.
 class ServiceNotifier

@@ -64,7 +64,7 @@ private:
     OutputWriter m_writer;
     const std::shared_ptr<HeldRecords> m_held = std::make_shared<HeldRecords>();
     std::shared_ptr<LadderState> m_ladders; ///< null when none are shown
-    ServiceNotifier m_notifier; ///< before the server, whose queue thread uses it
+    ServiceNotifier m_notifier;             ///< before the server, whose queue thread uses it
     PriceServer m_server;
     std::string m_lastFrame;
     bool m_isOnScreen = false;
