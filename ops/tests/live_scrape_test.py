@@ -162,6 +162,10 @@ def main():
             table.check("no alert fires on a healthy server", firing == [], firing)
         client.close()
         table.check("the server ends well", server.stop() == 0, server.lines)
+    with PriceServer(program, sections='<Metrics enabled="no"/>') as server:
+        names = series_names(fetch(server.url + "/metrics")[1])
+        table.check("metrics that are switched off leave the fixed gauges", set(FIXED) <= names
+                    and not {n for n in names if n.startswith(("data_queue", "process_", "price_server_ready"))}, names)
     return table.result()
 
 

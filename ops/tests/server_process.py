@@ -38,20 +38,20 @@ def fetch(url, patience=10):
 
 
 class PriceServer:
-    """Runs the program on a port that is free; `with` ends it. `config`: its configuration, as XML, without <Gateway>
-    and around it."""
+    """Runs the program with a simulated market on a port that is free, and waits until it is ready; `with` ends it.
+    `gateway`: attributes of <Gateway>; `sections`: more of the configuration."""
 
     BASE = ('<PriceServer><Logging level="30"/><Markets><Market id="1" name="SIM"/></Markets>'
             '<Providers><Mds><Simulation updatesPerSecond="{rate}"/></Mds></Providers><Gateway port="0" {gateway}/>'
-            '</PriceServer>')
+            '{sections}</PriceServer>')
 
-    def __init__(self, program, gateway="", rate=500, environment=None):
+    def __init__(self, program, gateway="", rate=500, sections=""):
         self.folder = tempfile.TemporaryDirectory()
         path = os.path.join(self.folder.name, "server.xml")
         with open(path, "w") as file:
-            file.write(self.BASE.format(gateway=gateway, rate=rate))
+            file.write(self.BASE.format(gateway=gateway, rate=rate, sections=sections))
         self.process = subprocess.Popen([program, "--config", path], stdout=subprocess.DEVNULL,
-                                        stderr=subprocess.PIPE, text=True, env=environment)
+                                        stderr=subprocess.PIPE, text=True)
         self.lines = []
         self.urls = queue.Queue()
         threading.Thread(target=self._read, daemon=True).start()

@@ -118,6 +118,7 @@ TEST_F(QueueProbeTest, HasOneActionUnderWayAtMostAndTellsItsAgeWhileTheReaderIsS
     EXPECT_EQ(m_queue.size(), 1U);
     EXPECT_EQ(m_probe->GetAge(), std::chrono::seconds(5));
     EXPECT_EQ(GetLatency().sample_count, 0U);
+    EXPECT_EQ(m_runs, 0) << "nothing vouches for a reader that is stuck";
     RunDry(m_queue);
     EXPECT_EQ(m_probe->GetAge().count(), 0);
     EXPECT_DOUBLE_EQ(GetLatency().sample_sum, 5);
