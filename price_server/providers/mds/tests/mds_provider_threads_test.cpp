@@ -160,7 +160,12 @@ TEST(MdsProviderThreads, StopsWhileItWaitsForTheNextMessageAndWhileItReadsItsDir
 TEST(MdsProviderThreads, TellsAFeedThatHasFailedFromOneThatHasEnded)
 {
     const TemporaryFolder folder;
-    const std::string text = ReadWholeFile(folder.WriteRows("a.csv", "1,,M,A,snap,B,0,10,1,5,1\n"));
+    std::string rows;
+    for (int i = 1; i <= 20'000; ++i) // several blocks of a frame: the first are whole
+    {
+        rows += std::to_string(i) + ",,M,A,snap,B,0,10,1," + std::to_string(i) + ",1\n";
+    }
+    const std::string text = ReadWholeFile(folder.WriteRows("a.csv", rows));
     const std::string compressed = Compress(text);
     const std::string cut = folder.Write("cut.csv.zst", std::string_view(compressed).substr(0, compressed.size() - 1));
     for (const auto& [file, hasFailed] : {std::pair{folder.Write("good.csv.zst", compressed), false}, {cut, true}})
