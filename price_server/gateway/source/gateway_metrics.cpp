@@ -8,7 +8,9 @@
 #include <prometheus/metric_family.h>
 #include <prometheus/text_serializer.h>
 
-#include <sstream>
+#include <algorithm>
+#include <iterator>
+#include <utility>
 
 namespace ps_ns::gateway
 {
@@ -78,8 +80,13 @@ std::string WriteMetrics(GatewayCore& core)
         number(losses.sentBytes));
     prometheus::MetricFamily build =
         MakeFamily("price_server_build_info", "The build that runs.", MetricType::Gauge, 1);
-    build.metric.front().label = {{"version", core.GetOptions().version}, {"build", core.GetOptions().build}};
+    build.metric.front().label = {{"version", core.GetOptions().version}, {"revision", core.GetOptions().build}};
     families.push_back(std::move(build));
+    for (const auto& more : core.GetOptions().metrics)
+    {
+        std::vector<prometheus::MetricFamily> collected = more->Collect();
+        std::move(collected.begin(), collected.end(), std::back_inserter(families));
+    }
     return prometheus::TextSerializer().Serialize(families);
 }
 

@@ -21,7 +21,8 @@ otherwise as one JSON object a line. Everything else goes to standard error.
 
 Exit codes:
   0    ended as asked (a signal, --duration, the end of a recording, a reader that has left)
-  1    could not run or go on (a file that cannot be read, an instrument that nobody knows)
+  1    could not run or go on (a file that cannot be read, a recording that is cut off,
+       an instrument that nobody knows)
   2    wrong command line
   3    wrong configuration
   130  a second signal came before the stop was done

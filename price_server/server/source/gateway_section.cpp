@@ -28,6 +28,7 @@ public:
         const XmlElement& element = At(section);
         settings.address = Text(element, "address", settings.address);
         settings.port = static_cast<std::uint16_t>(Number(element, "port", settings.port));
+        settings.drain_ms = Number(element, "drain_ms", settings.drain_ms);
         settings.webRoot = Resolve(Text(element, "webRoot", ""));
         for (const std::size_t token : m_document.FindChildren(section, "Token"))
         {

@@ -60,7 +60,7 @@ gateway::GatewayOptions MakeGatewayOptions(const GatewaySettings& settings)
     options.limits.subscriptions = settings.maxSubscriptions;
     options.limits.requests_per_second = settings.maxRequestsPerSecond;
     options.version = PRICE_SERVER_VERSION;
-    options.build = __DATE__;
+    options.build = PRICE_SERVER_REVISION;
     return options;
 }
 

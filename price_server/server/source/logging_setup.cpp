@@ -16,7 +16,8 @@ LoggingSetup::LoggingSetup(const LoggingSettings& settings, std::shared_ptr<zel:
     {
         sink = zel::logging::MakeStreamSink(settings.format, settings.file);
     }
-    m_previousSink = Logger::SetSink(std::make_shared<zel::logging::AsyncSink>(std::move(sink), settings.queue));
+    m_sink = std::make_shared<zel::logging::AsyncSink>(std::move(sink), settings.queue);
+    m_previousSink = Logger::SetSink(m_sink);
     zel::logging::g_minLogLevel.store(settings.level);
 }
 
@@ -25,6 +26,7 @@ LoggingSetup::~LoggingSetup()
     zel::logging::g_minLogLevel.store(m_previousLevel);
     // The asynchronous sink dies here, unless another thread is just writing to it: in either case all is written.
     const std::shared_ptr<zel::logging::ISink> last = Logger::SetSink(std::move(m_previousSink));
+    m_sink.reset();
     last->Flush();
 }
 

@@ -7,11 +7,16 @@
 #include "server/mds_wiring.h"
 #include "server/pending_check.h"
 #include "server/price_gate.h"
+#include "server/process_metrics.h"
+#include "server/queue_probe.h"
 #include "server/rename_relay.h"
+#include "server/server_metrics.h"
 
 #include <algorithm>
+#include <chrono>
 #include <future>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 namespace ps_ns
@@ -56,6 +61,7 @@ void PriceServer::StartAll()
     MakeProviders();
     StartManager();
     StartProviders();
+    StartProbe();
     m_clients.Open();
     StartGateway();
     m_isReady = true;
@@ -102,6 +108,12 @@ void PriceServer::StartProviders()
     m_mds->Start();
 }
 
+void PriceServer::StartProbe()
+{
+    m_probe = std::make_unique<QueueProbe>(*m_queue, m_timers, m_options.onQueueAlive);
+    m_probe->Start();
+}
+
 void PriceServer::StartGateway()
 {
     if (!m_config.gateway)
@@ -110,6 +122,12 @@ void PriceServer::StartGateway()
     }
     gateway::GatewayOptions options = MakeGatewayOptions(*m_config.gateway);
     options.takesAnyPort = m_options.takesAnyPort;
+    if (m_config.metrics.enabled)
+    {
+        options.metrics = {MakeServerMetrics(
+            {*m_queue, *m_probe, *m_manager, *m_mds, m_markets, *m_logging, [this] { return IsReady(); }})};
+        options.metrics.push_back(MakeProcessMetrics());
+    }
     gateway::IBackend& backend = *this;
     m_gateway = std::make_unique<gateway::Gateway>(std::move(options), backend);
     m_gateway->Start();
@@ -118,7 +136,7 @@ void PriceServer::StartGateway()
 // The order is what makes the raw pointers between the parts safe: docs/life-cycles.md.
 void PriceServer::Stop()
 {
-    m_isReady = false;
+    Drain();
     if (m_gateway != nullptr)
     {
         m_gateway->Stop(); // its sessions give their subscriptions back
@@ -141,6 +159,7 @@ void PriceServer::Stop()
     StopExecutors();
     m_renameRelay.reset();
     m_gateway.reset(); // what it asked of the queue has run, or is gone
+    m_probe.reset();   // neither a timer nor the queue calls it any more
     m_pendingCheck.reset();
     m_manager.reset();
     m_mds.reset();
@@ -150,6 +169,15 @@ void PriceServer::Stop()
     m_timers.reset();
     m_executors.reset();
     m_logging.reset();
+}
+
+void PriceServer::Drain()
+{
+    BeginDrain();
+    if (m_isReady.exchange(false) && m_gateway != nullptr)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(m_config.gateway->drain_ms));
+    }
 }
 
 /// Returns when what was queued, and what that has posted, has run.
@@ -223,7 +251,7 @@ bool PriceServer::RunOnQueue(std::function<void(CompositeSubscriptionMgr&, Simpl
 
 bool PriceServer::IsReady() const
 {
-    return m_isReady && IsDirectoryComplete();
+    return m_isReady && !m_isDraining && IsDirectoryComplete();
 }
 
 void PriceServer::ReleasePrices()
@@ -234,6 +262,11 @@ void PriceServer::ReleasePrices()
 bool PriceServer::HasEnded() const
 {
     return m_mds->HasEnded();
+}
+
+bool PriceServer::HasFailed() const
+{
+    return m_mds->HasFailed();
 }
 
 void PriceServer::DrainExecutors()

@@ -99,6 +99,7 @@ ElementRule GatewayRule()
 {
     constexpr std::size_t kMaxTokens = 1000;
     constexpr std::uint64_t kMillion = 1'000'000;
+    constexpr std::uint64_t kMostDrain_ms = 600'000;
     const ElementRule token{.name = "Token",
                             .attributes = {RequiredName("name"), Required("file", ValueRule::FilePath()),
                                            Optional("markets", ValueRule::Text(1, 4095)),
@@ -115,7 +116,8 @@ ElementRule GatewayRule()
                                             Optional("requestsPerSecond", ValueRule::Unsigned(1, kMillion))}};
     return {.name = "Gateway",
             .attributes = {Optional("address", ValueRule::Text(1, 255)),
-                           Optional("port", ValueRule::Unsigned(0, 65535)), Optional("webRoot", ValueRule::FilePath())},
+                           Optional("port", ValueRule::Unsigned(0, 65535)), Optional("webRoot", ValueRule::FilePath()),
+                           Optional("drain_ms", ValueRule::Unsigned(0, kMostDrain_ms))},
             .children = {token, origin, tls, limits}};
 }
 

@@ -68,6 +68,7 @@ void Session::OnFirstSignal()
 {
     if (OutputWriter* const writer = m_released.load())
     {
+        m_server.BeginDrain(); // at once, whatever the main thread waits for
         writer->Release();
     }
 }
@@ -81,13 +82,14 @@ void Session::OnSecondSignal()
     }
 }
 
-PriceServerOptions Session::MakeServerOptions() const
+PriceServerOptions Session::MakeServerOptions()
 {
     PriceServerOptions options;
     options.logSink = m_holdsLog ? m_held : nullptr;
     options.alignsStarts = m_effective.alignsStarts;
     options.holdsPrices = m_watches;
     options.takesAnyPort = m_effective.takesAnyPort;
+    options.onQueueAlive = [this] { m_notifier.Ping(ServiceNotifier::Clock::now()); };
     return options;
 }
 
@@ -101,6 +103,8 @@ int Session::Run()
     const auto instruments = ListInstruments(m_server.GetDirectoryEntries(), m_server.GetMarkets());
     const std::vector<ListedInstrument> watched = ChooseWatched(instruments);
     Talk(instruments.size(), watched);
+    m_notifier.Ready(std::to_string(instruments.size()) + " instruments" +
+                     (m_server.GetUrl().empty() ? "" : " at " + m_server.GetUrl()));
     if (m_watches)
     {
         StartWatch(watched);
@@ -248,6 +252,8 @@ int Session::Finish()
     {
         Draw();
     }
+    const bool hasFailed = HasFailed();
+    m_notifier.Stopping();
     m_writer.Release();
     m_server.Stop();
     LeaveLadder();
@@ -263,7 +269,18 @@ int Session::Finish()
         std::fprintf(stderr, "price_server: standard output cannot be written: %s\n", std::strerror(error));
         return ExitFailure;
     }
+    if (hasFailed)
+    {
+        std::fprintf(stderr, "price_server: the market data feed has failed; see the log\n");
+        return ExitFailure;
+    }
     return ExitOk;
+}
+
+/// Who waits for the end of the prices is told when it is not the right one.
+bool Session::HasFailed() const
+{
+    return m_effective.endsWithPrices && m_server.HasFailed();
 }
 
 /// Brings the terminal's own screen back, with the last picture and what was logged meanwhile.

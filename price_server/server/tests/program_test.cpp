@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <sstream>
 
@@ -54,6 +56,18 @@ TEST(Program, ReplaysARecordingToItsEndAsJsonLines)
     }
     EXPECT_GT(books, 500U);
     EXPECT_GT(trades, 1000U);
+}
+
+TEST(Program, FailsAtTheEndOfARecordingThatIsCutOffButPlaysWhatThereIs)
+{
+    std::ifstream in(GetRecording("three_segments/spot.csv.zst"), std::ios::binary);
+    const std::string whole{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    const TemporaryFolder folder;
+    const std::string path = folder.Write("cut.csv.zst", whole.substr(0, whole.size() / 2));
+    ChildProcess program({"--replay", path, "--once", "--speed", "max", "--no-gateway"});
+    EXPECT_EQ(program.WaitForExit(), ExitFailure);
+    EXPECT_NE(program.GetErrors().find("the market data feed has failed"), std::string::npos) << program.GetErrors();
+    EXPECT_GT(ParseLines(program.GetOutput()).size(), 100U);
 }
 
 TEST(Program, WritesTheSameLinesEachTimeThatItReplaysARecording)

@@ -62,6 +62,7 @@ TEST_F(ServerConfigTest, HasTheDocumentedDefaults)
 {
     const ServerConfig config =
         Load(Server(kMarkets + "<Providers><Mds><Simulation/></Mds><Zel/></Providers><Gateway/>"));
+    EXPECT_EQ(config.gateway.value().drain_ms, 0U);
     EXPECT_EQ(config.logging.level, 10);
     EXPECT_EQ(config.logging.format, zel::logging::Format::Text);
     EXPECT_EQ(config.logging.file, "");
@@ -90,11 +91,13 @@ TEST_F(ServerConfigTest, LeavesOutTheSectionsThatAreNotThere)
 
 TEST_F(ServerConfigTest, ReadsEveryAttribute)
 {
-    const ServerConfig config = Load(Server(
-        "<Logging level='20' format='json' file='/var/log/server.log' queue='99'/><Metrics enabled='no'/>"
-        "<Threads executors='7'/><Markets><Market id='32767' name='A&amp;B' defaultDepth='3' maxDepth='4' "
-        "emptySuppressInterval_ms='5'/></Markets><Providers><Mds><Simulation seed='18446744073709551615' "
-        "updatesPerSecond='9'/></Mds><Zel url='nats://broker:1'/></Providers><Gateway address='::1' port='0'/>"));
+    const ServerConfig config = Load(
+        Server("<Logging level='20' format='json' file='/var/log/server.log' queue='99'/><Metrics enabled='no'/>"
+               "<Threads executors='7'/><Markets><Market id='32767' name='A&amp;B' defaultDepth='3' maxDepth='4' "
+               "emptySuppressInterval_ms='5'/></Markets><Providers><Mds><Simulation seed='18446744073709551615' "
+               "updatesPerSecond='9'/></Mds><Zel url='nats://broker:1'/></Providers><Gateway address='::1' port='0' "
+               "drain_ms='2500'/>"));
+    EXPECT_EQ(config.gateway.value().drain_ms, 2500U);
     EXPECT_EQ(config.logging.level, 20);
     EXPECT_EQ(config.logging.format, zel::logging::Format::JsonLines);
     EXPECT_EQ(config.logging.file, "/var/log/server.log");

@@ -3,8 +3,14 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
+
+namespace prometheus
+{
+class Collectable;
+}
 
 namespace ps_ns::gateway
 {
@@ -62,6 +68,9 @@ struct GatewayOptions
     Limits limits;
     std::string version;
     std::string build;
+    /// What the metrics page shows beside the gauges and the gateway's own counts; asked on the I/O thread, for as long
+    /// as the gateway runs.
+    std::vector<std::shared_ptr<prometheus::Collectable>> metrics;
 };
 
 /// Why the options make no sense, like a listener beyond loopback without a token; empty when they do.

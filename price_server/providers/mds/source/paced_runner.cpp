@@ -86,6 +86,7 @@ void PacedRunner::Run() noexcept
     }
     catch (const std::exception& error)
     {
+        m_hasFailed.store(true);
         zel::logging::Log(30, MdsLogSource(),
                           [&](std::ostream& text) { text << "the market data feed has ended: " << error.what(); });
     }

@@ -44,6 +44,7 @@ public:
         problems.Summarise();
         m_scan.rows += rows;
         m_scan.problems += problems.GetTotal();
+        m_scan.isDamaged = m_scan.isDamaged || problems.GetCount(ProblemKind::Unreadable) != 0;
     }
 
 private:

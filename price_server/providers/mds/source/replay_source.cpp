@@ -48,6 +48,7 @@ void ReplaySource::Open(const std::atomic<bool>& stop)
 {
     const RecordingScan scan = ScanRecordings(m_options.files, m_sink, stop);
     AddInstruments(scan);
+    m_isDamaged = scan.isDamaged;
     if (m_options.alignsStarts)
     {
         AlignStarts(scan.firstTimes_ns);

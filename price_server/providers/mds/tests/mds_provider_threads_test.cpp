@@ -4,6 +4,7 @@
 #include "mds/seeded_random.h"
 #include "test_support.h"
 
+#include <cstdio>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -154,6 +155,41 @@ TEST(MdsProviderThreads, StopsWhileItWaitsForTheNextMessageAndWhileItReadsItsDir
     reading.Start();
     reading.Stop();
     EXPECT_TRUE(reading.HasEnded());
+}
+
+TEST(MdsProviderThreads, TellsAFeedThatHasFailedFromOneThatHasEnded)
+{
+    const TemporaryFolder folder;
+    std::string rows;
+    for (int i = 1; i <= 20'000; ++i) // several blocks of a frame: the first are whole
+    {
+        rows += std::to_string(i) + ",,M,A,snap,B,0,10,1," + std::to_string(i) + ",1\n";
+    }
+    const std::string text = ReadWholeFile(folder.WriteRows("a.csv", rows));
+    const std::string compressed = Compress(text);
+    const std::string cut = folder.Write("cut.csv.zst", std::string_view(compressed).substr(0, compressed.size() - 1));
+    for (const auto& [file, hasFailed] : {std::pair{folder.Write("good.csv.zst", compressed), false}, {cut, true}})
+    {
+        ReplayOptions replay;
+        replay.files = {file};
+        MdsProvider provider(std::make_unique<ReplaySource>(replay, OneMarket("M")), FullSpeed());
+        EXPECT_FALSE(provider.HasFailed());
+        provider.Start();
+        WaitUntil([&] { return provider.HasEnded(); });
+        EXPECT_EQ(provider.HasFailed(), hasFailed) << file;
+    }
+
+    const std::string lost = folder.Write("lost.csv", text);
+    ReplayOptions replay;
+    replay.files = {lost};
+    replay.loops = true;
+    MdsProvider provider(std::make_unique<ReplaySource>(replay, OneMarket("M")), FullSpeed());
+    provider.Start();
+    WaitUntil([&] { return provider.GetDirectory().IsComplete(1); });
+    EXPECT_FALSE(provider.HasFailed());
+    std::remove(lost.c_str()); // the next pass cannot open it
+    WaitUntil([&] { return provider.HasEnded(); });
+    EXPECT_TRUE(provider.HasFailed());
 }
 
 TEST(MdsProviderThreads, EndsWithTheRecordingAndKeepsServingItsLastBook)

@@ -166,6 +166,16 @@ TEST(PacedRunner, EndsWhenItsWorkThrows)
     runner.Start();
     JoinAtEnd(runner);
     EXPECT_TRUE(runner.HasEnded());
+    EXPECT_TRUE(runner.HasFailed());
+}
+
+TEST(PacedRunner, HasNotFailedWhenItsWorkCameToItsEnd)
+{
+    FakeWork work({100});
+    PacedRunner runner(work, Pace(0.0, 0), std::make_shared<LeapingClock>());
+    runner.Start();
+    JoinAtEnd(runner);
+    EXPECT_FALSE(runner.HasFailed());
 }
 
 } // namespace

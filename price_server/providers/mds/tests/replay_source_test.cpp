@@ -184,5 +184,19 @@ TEST(ReplaySource, GivesEveryInstrumentTheDecimalsThatItsPricesHad)
     EXPECT_EQ(formats["TRXU21"].fractionDigits, 10U);
 }
 
+TEST(ReplaySource, IsDamagedWhenAFrameEndsEarlyAndNotWhenARowIsMalformed)
+{
+    const TemporaryFolder folder;
+    std::string rows = "1,,M,A,snap,B,0,10,1,5,0\n";
+    const std::string good = folder.WriteRows("a.csv", rows + "no row at all\n");
+    EXPECT_FALSE(Replay({{good}}, OneMarket("M")).source->IsDamaged());
+
+    const std::string compressed = Compress(ReadWholeFile(good));
+    const std::string whole = folder.Write("whole.csv.zst", compressed);
+    EXPECT_FALSE(Replay({{whole}}, OneMarket("M")).source->IsDamaged());
+    const std::string cut = folder.Write("cut.csv.zst", compressed.substr(0, compressed.size() - 1));
+    EXPECT_TRUE(Replay({{whole, cut}}, OneMarket("M")).source->IsDamaged());
+}
+
 } // namespace
 } // namespace ps_ns

@@ -225,6 +225,37 @@ TEST_F(DataQueueTest, StillGivesWhatWasQueuedBeforeTheShutdown)
     EXPECT_EQ(m_gauge.Get(), 0.0);
 }
 
+TEST_F(DataQueueTest, TimesOnlyTheInsertsThatMeetAnotherProducer)
+{
+    for (int i = 0; i < 100; ++i)
+    {
+        Insert("alone");
+    }
+    EXPECT_EQ(m_queue->takeLongestWait_ns(), 0U);
+
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    std::uint64_t longest_ns = 0;
+    while (longest_ns == 0 && std::chrono::steady_clock::now() < deadline)
+    {
+        constexpr int kInserts = 10'000;
+        std::latch start(2);
+        const auto produce = [&]
+        {
+            start.arrive_and_wait();
+            for (int i = 0; i < kInserts; ++i)
+            {
+                m_queue->insert(new ChannelTask<Task>([] {}, ""));
+            }
+        };
+        std::thread other(produce);
+        produce();
+        other.join();
+        longest_ns = m_queue->takeLongestWait_ns();
+    }
+    EXPECT_GT(longest_ns, 0U);
+    EXPECT_EQ(m_queue->takeLongestWait_ns(), 0U) << "taken once";
+}
+
 TEST_F(DataQueueTest, LinksEveryTaskOfTwoProducersOnceAndEachOnesInOrder)
 {
     constexpr int kTasks = 5000;

@@ -2,6 +2,7 @@
 
 #include "logging/sinks.h"
 
+#include <cstdint>
 #include <memory>
 
 namespace ps_ns
@@ -22,8 +23,12 @@ public:
     LoggingSetup(const LoggingSetup&) = delete;
     LoggingSetup& operator=(const LoggingSetup&) = delete;
 
+    /// Records that were lost because the queue of the log was full.
+    std::uint64_t GetDroppedCount() const noexcept { return m_sink->GetDroppedCount(); }
+
 private:
     const int m_previousLevel;
+    std::shared_ptr<zel::logging::AsyncSink> m_sink;
     std::shared_ptr<zel::logging::ISink> m_previousSink;
 };
 

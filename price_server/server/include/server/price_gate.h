@@ -58,6 +58,7 @@ public:
     const std::vector<SourceInstrument>& GetInstruments() const override { return m_source->GetInstruments(); }
     std::optional<NextMessage> Peek() override;
     bool Next(MarketMessage& message) override;
+    bool IsDamaged() const override { return m_source->IsDamaged(); }
 
 private:
     bool Enter();

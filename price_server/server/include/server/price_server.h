@@ -22,6 +22,7 @@ namespace ps_ns
 class MdsProvider;
 class PendingCheck;
 class PriceGate;
+class QueueProbe;
 class RenameRelay;
 
 /// What the one who runs a server decides beside its configuration.
@@ -32,6 +33,8 @@ struct PriceServerOptions
     /// When the gateway's port is taken, any other will do.
     bool takesAnyPort = false;
     bool holdsPrices = false; ///< no message is played before ReleasePrices
+    /// Called on the data-queue thread several times a second, for as long as that thread gets its work done.
+    std::function<void()> onQueueAlive;
 };
 
 /// The server: owns every part of it, starts them, and stops them in the one order that is safe.
@@ -52,7 +55,12 @@ public:
     /// Once.
     void Start();
 
-    /// Idempotent. Observers hear nothing more once it has returned.
+    /// From now on the server says that it is not ready, and serves on: those who send it clients have time to notice.
+    /// From any thread, also before Start.
+    void BeginDrain() noexcept { m_isDraining = true; }
+
+    /// Drains for as long as the settings of the gateway say, then stops. Idempotent. Observers hear nothing more once
+    /// it has returned.
     void Stop();
 
     /// Calls `request` with the manager; false: the server does not run, and nothing was called. Requests are not
@@ -76,6 +84,8 @@ public:
     void ReleasePrices();
     /// No more prices will come: the recording is over, or the feed has failed.
     bool HasEnded() const;
+    /// They have ended because the feed has failed, or its data was damaged.
+    bool HasFailed() const;
     /// Returns when everything that the providers have delivered so far has reached the observers.
     void DrainExecutors();
 
@@ -91,7 +101,9 @@ private:
     void MakeProviders();
     void StartManager();
     void StartProviders();
+    void StartProbe();
     void StartGateway();
+    void Drain();
     void RunQueueDry();
     void StopQueue();
     void StopExecutors();
@@ -114,8 +126,10 @@ private:
     std::unique_ptr<PendingCheck> m_pendingCheck;
     std::unique_ptr<RenameRelay> m_renameRelay; ///< also the feed thread's, while it runs
     std::unique_ptr<QueueReader<>> m_reader;
+    std::unique_ptr<QueueProbe> m_probe;
     std::unique_ptr<gateway::Gateway> m_gateway;
     std::atomic<bool> m_isReady{false}; ///< the gateway asks
+    std::atomic<bool> m_isDraining{false};
 };
 
 } // namespace ps_ns

@@ -109,6 +109,7 @@ struct GatewaySettings
     std::vector<std::string> origins; ///< of pages that may open a session, beside the gateway's own
     std::string tlsCertificate;       ///< PEM file; empty: no TLS
     std::string tlsKey;               ///< PEM file
+    unsigned drain_ms = 0;            ///< how long a stop lets clients be after it has stopped being ready
     unsigned maxSessions = 4096;
     unsigned maxSubscriptions = 200; ///< of one session
     unsigned maxRequestsPerSecond = 100;

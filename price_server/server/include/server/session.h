@@ -5,6 +5,7 @@
 #include "server/output_writer.h"
 #include "server/price_server.h"
 #include "server/price_views.h"
+#include "server/service_notifier.h"
 #include "server/stop_signals.h"
 #include "server/terminal.h"
 
@@ -38,13 +39,14 @@ private:
 
     void OnFirstSignal();
     void OnSecondSignal();
-    PriceServerOptions MakeServerOptions() const;
+    PriceServerOptions MakeServerOptions();
     bool WaitForDirectory();
     std::vector<ListedInstrument> ChooseWatched(const std::vector<ListedInstrument>& instruments) const;
     void StartWatch(const std::vector<ListedInstrument>& watched);
     void Talk(std::size_t instruments, const std::vector<ListedInstrument>& watched) const;
     void RunUntilEnd();
     bool IsAtEnd(Clock::time_point end);
+    bool HasFailed() const;
     void Draw();
     std::vector<std::string> RenderFrame();
     int Finish();
@@ -62,6 +64,7 @@ private:
     OutputWriter m_writer;
     const std::shared_ptr<HeldRecords> m_held = std::make_shared<HeldRecords>();
     std::shared_ptr<LadderState> m_ladders; ///< null when none are shown
+    ServiceNotifier m_notifier;             ///< before the server, whose queue thread uses it
     PriceServer m_server;
     std::string m_lastFrame;
     bool m_isOnScreen = false;

@@ -80,6 +80,9 @@ public:
     /// When the next message is due; nothing at the end.
     virtual std::optional<NextMessage> Peek() = 0;
 
+    /// Some of the data was damaged and is missing; constant after Open.
+    virtual bool IsDamaged() const { return false; }
+
     /// Puts the next message into `message`, whose vectors are used again; false at the end. The first message of an
     /// instrument in a new epoch is an image.
     virtual bool Next(MarketMessage& message) = 0;

@@ -90,6 +90,8 @@ public:
 
     /// The source came to its end, or failed.
     bool HasEnded() const noexcept { return m_runner.HasEnded(); }
+    /// It has ended, and not as it should: the feed has thrown, or part of the source's data was damaged.
+    bool HasFailed() const { return HasEnded() && (m_runner.HasFailed() || m_source->IsDamaged()); }
 
     /// Updates that somebody holds now, the most there ever were, and whether the feed waits for room.
     std::size_t GetInFlight() const { return m_budget.GetInFlight(); }
@@ -105,7 +107,7 @@ private:
     void MakeRenamePlan(std::uint64_t begin_ns);
     void Rename(std::span<const SymbolRename> renames);
 
-    const std::unique_ptr<IMarketSource> m_source; ///< feed thread, after Start
+    const std::unique_ptr<IMarketSource> m_source; ///< feed thread, from Start to its end
     const MdsOptions m_options;
     MarketHub m_hub;
     InFlightBudget& m_budget;                 ///< the hub's

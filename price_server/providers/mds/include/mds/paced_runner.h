@@ -112,6 +112,8 @@ public:
     void Stop();
     /// The work came to its end, or failed.
     bool HasEnded() const noexcept { return m_hasEnded.load(); }
+    /// The work has thrown. Set before HasEnded is.
+    bool HasFailed() const noexcept { return m_hasFailed.load(); }
 
 private:
     void Run() noexcept;
@@ -122,6 +124,7 @@ private:
     const std::shared_ptr<IPaceClock> m_clock;
     StopSignal m_stop;
     std::atomic<bool> m_hasEnded{false};
+    std::atomic<bool> m_hasFailed{false};
     std::thread m_thread; ///< the owner's
 };
 

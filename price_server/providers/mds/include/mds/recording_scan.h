@@ -31,6 +31,7 @@ struct RecordingScan
     std::vector<std::uint64_t> firstTimes_ns;   ///< of each file; 0: it has no rows
     std::uint64_t rows = 0;                     ///< good ones
     std::uint64_t problems = 0;
+    bool isDamaged = false;  ///< a file, or its frame, ends early or cannot be read to its end
     bool wasStopped = false; ///< the rest is then not complete
 };
 

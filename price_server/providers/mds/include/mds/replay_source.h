@@ -42,6 +42,7 @@ public:
     const std::vector<SourceInstrument>& GetInstruments() const override { return m_instruments; }
     std::optional<NextMessage> Peek() override;
     bool Next(MarketMessage& message) override;
+    bool IsDamaged() const override { return m_isDamaged; }
 
 private:
     void AddInstruments(const RecordingScan& scan);
@@ -57,6 +58,7 @@ private:
     InstrumentNames m_names;
     std::unique_ptr<ReplayMerger> m_merger;
     std::uint64_t m_epoch = 0;
+    bool m_isDamaged = false;     ///< a file ends early: its directory's pass has said so
     std::size_t m_imagesOwed = 0; ///< instruments, from the last down, that the new epoch has not emptied yet
     bool m_hasMessages = false;   ///< this pass has delivered something
 };

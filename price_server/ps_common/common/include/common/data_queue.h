@@ -6,6 +6,7 @@
 #include "metrics/metrics.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -62,6 +63,10 @@ public:
     std::uint64_t size() const noexcept { return m_size.load(); }
     std::uint64_t maxSize() const noexcept { return m_maxSize.load(); }
 
+    /// The longest that a producer has waited for another one since the last call, in nanoseconds: what the spin lock
+    /// costs when its holder loses the processor. Inserts that find the lock free are not timed.
+    std::uint64_t takeLongestWait_ns() noexcept { return m_longestWait_ns.exchange(0); }
+
     const std::string& name() const noexcept { return m_name; }
 
 private:
@@ -85,6 +90,7 @@ private:
 
     void refuse(Task* task);
     void link(Node* node) noexcept;
+    void noteWait(std::chrono::steady_clock::time_point begin) noexcept;
 
     // The consumer's side.
     OnOwnLine<Node*> m_head; ///< the dummy; under m_consumerLock
@@ -97,6 +103,7 @@ private:
     const std::string m_name;
     std::atomic<std::uint64_t> m_size{0};
     std::atomic<std::uint64_t> m_maxSize{0};
+    std::atomic<std::uint64_t> m_longestWait_ns{0};
     zel::metrics::Gauge m_depthGauge;
 };
 

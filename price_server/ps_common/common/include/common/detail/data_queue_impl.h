@@ -71,12 +71,33 @@ void DataQueue<Element>::insert(Task* task)
 template <class Element>
 void DataQueue<Element>::link(Node* node) noexcept
 {
-    while (m_producerLock.value.exchange(true))
+    const bool isContended = m_producerLock.value.exchange(true);
+    std::chrono::steady_clock::time_point begin;
+    if (isContended)
     {
+        begin = std::chrono::steady_clock::now();
+        while (m_producerLock.value.exchange(true))
+        {
+        }
     }
     m_tail.value.load()->next.store(node);
     m_tail.value.store(node);
     m_producerLock.value.store(false);
+    if (isContended)
+    {
+        noteWait(begin);
+    }
+}
+
+template <class Element>
+void DataQueue<Element>::noteWait(std::chrono::steady_clock::time_point begin) noexcept
+{
+    const auto wait = std::chrono::steady_clock::now() - begin;
+    const auto wait_ns = static_cast<std::uint64_t>(std::chrono::nanoseconds(wait).count());
+    std::uint64_t longest_ns = m_longestWait_ns.load();
+    while (wait_ns > longest_ns && !m_longestWait_ns.compare_exchange_weak(longest_ns, wait_ns))
+    {
+    }
 }
 
 template <class Element>
