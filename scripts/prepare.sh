@@ -71,3 +71,24 @@ build()
     shift
     (cd "$root" && cmake --build "build/$preset" "$@") >&2 < /dev/null
 }
+
+# has_node: Node.js 20 or later and npm. Debian 12 has an older one, so that it is not in packages.txt.
+has_node()
+{
+    command -v npm > /dev/null && [[ "$(node -p 'process.versions.node.split(".")[0]' 2> /dev/null || echo 0)" -ge 20 ]]
+}
+
+# build_page <preset>: the page, into the folder where the program of this preset looks for it. Nothing is done when it
+# is there and newer than what it is made of.
+build_page()
+{
+    local page="$root/build/$1/web"
+    if [[ -f "$page/index.html" && -z "$(find "$root/web" -path "$root/web/node_modules" -prune -o -path "$root/web/dist" -prune \
+        -o -type f -newer "$page/index.html" -print -quit)" ]]; then
+        return
+    fi
+    (cd "$root/web" && npm ci --no-audit --no-fund && npm run build) >&2 < /dev/null
+    rm -rf "$page"
+    cp -r "$root/web/dist" "$page"
+    touch "$page/index.html"
+}
