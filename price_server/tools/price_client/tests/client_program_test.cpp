@@ -161,12 +161,29 @@ TEST_F(ClientProgram, EndsWellAtASignal)
     }
 }
 
-TEST_F(ClientProgram, WritesToAReaderThatDoesNotReadUntilASignalComes)
+/// The bytes that a reader gets of a client that is interrupted after two seconds, and what timeout(1) says of it: 124,
+/// or 137 when it had to be killed a second later.
+std::pair<std::size_t, int> InterruptWhileRead(const std::string& url, const std::string& reader)
 {
-    const auto client = StartClient(Url(), {"subscribe", "SIM:GOLD-JUN27"});
-    ASSERT_TRUE(client->WaitForOutput("\"image\""));
-    client->Signal(SIGINT);
-    EXPECT_EQ(client->WaitForExitUnread(), 0);
+    const Ended shell = RunShell(url, R"(
+        timeout -s INT -k 1 2 "$CLIENT" subscribe --books --depth max GOLD-MAR27 GOLD-JUN27 GOLD-SEP27 CRUDE-MAR27 \
+            CRUDE-JUN27 CRUDE-SEP27 WHEAT-MAR27 WHEAT-JUN27 | )" +
+                                          reader + R"(
+        echo "${PIPESTATUS[0]}")");
+    std::istringstream numbers(shell.output);
+    std::pair<std::size_t, int> result;
+    numbers >> result.first >> result.second;
+    return result;
+}
+
+TEST_F(ClientProgram, EndsAtASignalThoughItsReaderDoesNotRead)
+{
+    const auto [allBytes, exitCodeWhenRead] = InterruptWhileRead(Url(), "wc -c");
+    const auto [someBytes, exitCodeWhenUnread] = InterruptWhileRead(Url(), "{ sleep 3.2; wc -c; }");
+    EXPECT_EQ(exitCodeWhenRead, 124);
+    EXPECT_EQ(exitCodeWhenUnread, 124);
+    EXPECT_GT(someBytes, 0U);
+    EXPECT_GT(allBytes, 2 * someBytes) << "the pipe was full";
 }
 
 TEST_F(ClientProgram, WatchDrawsLaddersOnATerminalAndGivesItBack)

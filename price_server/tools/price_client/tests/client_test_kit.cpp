@@ -20,7 +20,7 @@ std::string MakeConfig(const TestServer::Settings& settings, const std::string& 
   <General SkipUnchangedSnapshots="yes"/>
   <Logging level="20" format="text"/>
   <Markets><Market id="1" name="SIM" defaultDepth="10" maxDepth="1000"/></Markets>
-  <Providers><Mds><Simulation seed="1" updatesPerSecond="200"/></Mds></Providers>
+  <Providers><Mds><Simulation seed="1" updatesPerSecond="1000"/></Mds></Providers>
   <Gateway address="127.0.0.1" port=")" +
            port + "\">" + (settings.token.empty() ? "" : R"(<Token name="test" file="token"/>)") +
            (settings.isEncrypted ? R"(<Tls certificate="certificate.pem" key="key.pem"/>)" : "") +
