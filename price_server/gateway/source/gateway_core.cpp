@@ -4,6 +4,7 @@
 #include "composite_instrument/local_observer_factory.h"
 #include "price_unifier/source/composite_subscription_mgr.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace ps_ns::gateway
@@ -93,8 +94,20 @@ std::shared_ptr<BookStream> GatewayCore::GetStream(const std::string& instrument
     {
         stream = std::make_shared<BookStream>(instrument, depth);
         known = stream;
+        ForgetDeadStreams();
     }
     return stream;
+}
+
+/// Clients may ask for any depth, one after another: what nobody has any more must not pile up.
+void GatewayCore::ForgetDeadStreams()
+{
+    if (m_streams.size() < m_nextStreamCount)
+    {
+        return;
+    }
+    std::erase_if(m_streams, [](const auto& entry) { return entry.second.expired(); });
+    m_nextStreamCount = std::max(kFirstStreamCount, 2 * m_streams.size());
 }
 
 SharedText GatewayCore::GetTradesText(const std::string& instrument, const SharedTrades& trades)
