@@ -253,7 +253,10 @@ void ClientSession::Handle(const ChangeRequest& request)
     const bool needsImage =
         request.image || scope.depth != subscription->scope.depth || (kinds.book && !subscription->kinds.book);
     subscription->subscriber->SetRequest(request.request);
-    if (!m_core.ChangeScope(subscription->def, scope, subscription->subscriber, subscription->id, needsImage))
+    // The manager's snapshot would be a second image, but for levels that the latest book does not have.
+    const bool needsSnapshot =
+        needsImage && (subscription->latest == nullptr || scope.depth > subscription->scope.depth);
+    if (!m_core.ChangeScope(subscription->def, scope, subscription->subscriber, subscription->id, needsSnapshot))
     {
         return Refuse(request.request, "not_ready", "", "the server is starting or stopping");
     }
