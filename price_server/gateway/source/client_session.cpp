@@ -193,7 +193,7 @@ void ClientSession::Handle(const SubscribeRequest& request)
         return Refuse(request.request, "too_many_subscriptions", "",
                       "a session has at most " + std::to_string(limits.subscriptions) + " subscriptions");
     }
-    const FoundInstrument found = m_core.FindInstrument(request.instrument);
+    const FoundInstrument found = m_core.FindInstrument(request.instrument, m_identity->rights);
     if (!found.instrument)
     {
         return Refuse(request.request, "unknown_instrument", "instrument", found.problem);

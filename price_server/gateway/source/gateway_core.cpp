@@ -5,6 +5,7 @@
 #include "price_unifier/source/composite_subscription_mgr.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace ps_ns::gateway
@@ -48,7 +49,7 @@ const std::vector<ListedInstrument>& GatewayCore::GetInstruments()
     return m_instruments;
 }
 
-FoundInstrument GatewayCore::FindInstrument(const std::string& name)
+FoundInstrument GatewayCore::FindInstrument(const std::string& name, const Rights& rights)
 {
     const std::vector<ListedInstrument>& instruments = GetInstruments();
     if (const auto found = m_instrumentByName.find(name); found != m_instrumentByName.end())
@@ -57,7 +58,14 @@ FoundInstrument GatewayCore::FindInstrument(const std::string& name)
     }
     try
     {
-        return {ps_ns::FindInstrument(instruments, name), ""};
+        if (rights.markets.empty())
+        {
+            return {ps_ns::FindInstrument(instruments, name), ""};
+        }
+        std::vector<ListedInstrument> open;
+        std::copy_if(instruments.begin(), instruments.end(), std::back_inserter(open),
+                     [&](const ListedInstrument& instrument) { return rights.Opens(instrument.market); });
+        return {ps_ns::FindInstrument(open, name), ""};
     }
     catch (const UnknownInstrument& error)
     {

@@ -64,7 +64,8 @@ public:
 
     /// The instruments as they were at most a second ago.
     const std::vector<ListedInstrument>& GetInstruments();
-    FoundInstrument FindInstrument(const std::string& name);
+    /// The names that a problem suggests are of markets that `rights` open.
+    FoundInstrument FindInstrument(const std::string& name, const Rights& rights);
 
     // --- Subscriptions. False: the server takes no requests just now. ---
 

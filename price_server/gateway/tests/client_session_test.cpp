@@ -305,6 +305,19 @@ TEST_F(ClientSessionTest, DemandsATokenFirst)
     EXPECT_EQ(Say(R"({"type":"authenticate","token":"token-one"})"), "error bad_type");
 }
 
+TEST_F(ClientSessionTest, HearsNothingOfInstrumentsOfMarketsThatItsTokenDoesNotOpen)
+{
+    session = MakeSession(Identity{"one", {{"ONE"}, false}});
+    session->OnMessage(R"({"type":"subscribe","request":"a","instrument":"OIL"})");
+    session->OnMessage(R"({"type":"subscribe","request":"b","instrument":"TWO:OI"})");
+    for (const json::object& error : Drain(*session))
+    {
+        EXPECT_EQ(error.at("code"), "unknown_instrument");
+        EXPECT_EQ(std::string(error.at("message").as_string()).find("TWO:OIL"), std::string::npos)
+            << error.at("message");
+    }
+}
+
 TEST_F(ClientSessionTest, EndsWithAWrongToken)
 {
     session = MakeSession(std::nullopt);
