@@ -1,11 +1,13 @@
 #include "book_stream.h"
 
 #include "composite_price/fixed_point.h"
+#include "composite_price/price.h"
 #include "gateway/component_name.h"
 
 #include <boost/json.hpp>
 
 #include <algorithm>
+#include <cmath>
 #include <functional>
 #include <map>
 
@@ -149,13 +151,24 @@ json::value NumberOrNull(std::uint64_t number)
     return number == 0 ? json::value(nullptr) : json::value(std::to_string(number));
 }
 
+json::value ToValue(double value)
+{
+    const bool isThere = std::isfinite(value) && value != sbe_common_ns::kNullPrice;
+    return isThere ? json::value(value) : json::value(nullptr);
+}
+
+json::value ToValue(unsigned long time_ns)
+{
+    return NumberOrNull(time_ns);
+}
+
 template <class Map>
 json::object ToObject(const Map& map)
 {
     json::object object;
     for (const auto& [id, value] : map)
     {
-        object[std::to_string(static_cast<int>(id))] = value;
+        object[std::to_string(static_cast<int>(id))] = ToValue(value);
     }
     return object;
 }

@@ -4,6 +4,7 @@
 #include "price_unifier/source/composite_subscription_mgr.h"
 
 #include <algorithm>
+#include <type_traits>
 #include <utility>
 
 namespace ps_ns::gateway
@@ -14,6 +15,24 @@ namespace
 constexpr std::size_t kWriteBytes = 64 * 1024; // of one message to the client
 constexpr std::uint16_t kPolicyViolation = 1008;
 constexpr std::uint16_t kTryAgainLater = 1013;
+
+/// What a refusal of any request repeats; nothing when there is none, or it could not be read.
+std::optional<std::string> GetId(const Request& request)
+{
+    return std::visit(
+        [](const auto& known) -> std::optional<std::string>
+        {
+            if constexpr (std::is_same_v<std::decay_t<decltype(known)>, AuthenticateRequest>)
+            {
+                return std::nullopt;
+            }
+            else
+            {
+                return known.request;
+            }
+        },
+        request);
+}
 
 } // namespace
 
@@ -70,7 +89,8 @@ void ClientSession::EndWith(std::uint16_t code, std::string reason)
 
 void ClientSession::OnMessage(std::string_view message)
 {
-    while (!message.empty() && !m_end && !m_hasEnded)
+    // Thousands of short lines make more answers than they have bytes: what nobody can be sent is not made.
+    while (!message.empty() && !m_end && !m_hasEnded && !m_out.IsOverfull())
     {
         const std::size_t end = message.find('\n');
         const std::string_view line = message.substr(0, end);
@@ -88,14 +108,16 @@ void ClientSession::HandleLine(std::string_view line)
     const Request request = ParseRequest(line);
     if (!m_rate.Take(Clock::now()))
     {
-        return Handle(RequestError{std::nullopt, "too_many_requests", "",
+        return Handle(RequestError{GetId(request), "too_many_requests", "",
                                    "more than " + std::to_string(m_core.GetOptions().limits.requests_per_second) +
                                        " requests a second"});
     }
-    const bool isAllowed = IsAuthenticated() || std::holds_alternative<AuthenticateRequest>(request);
+    // What is no request at all may be a token that was sent wrongly: the client is told what is wrong with it.
+    const bool isAllowed = IsAuthenticated() || std::holds_alternative<AuthenticateRequest>(request) ||
+                           std::holds_alternative<RequestError>(request);
     if (!isAllowed)
     {
-        return Handle(RequestError{std::nullopt, "unauthenticated", "", "a token must come first"});
+        return Handle(RequestError{GetId(request), "unauthenticated", "", "a token must come first"});
     }
     std::visit([this](const auto& known) { Handle(known); }, request);
 }
@@ -171,7 +193,7 @@ void ClientSession::Handle(const SubscribeRequest& request)
         return Refuse(request.request, "too_many_subscriptions", "",
                       "a session has at most " + std::to_string(limits.subscriptions) + " subscriptions");
     }
-    const FoundInstrument found = m_core.FindInstrument(request.instrument);
+    const FoundInstrument found = m_core.FindInstrument(request.instrument, m_identity->rights);
     if (!found.instrument)
     {
         return Refuse(request.request, "unknown_instrument", "instrument", found.problem);
@@ -231,7 +253,10 @@ void ClientSession::Handle(const ChangeRequest& request)
     const bool needsImage =
         request.image || scope.depth != subscription->scope.depth || (kinds.book && !subscription->kinds.book);
     subscription->subscriber->SetRequest(request.request);
-    if (!m_core.ChangeScope(subscription->def, scope, subscription->subscriber, subscription->id, needsImage))
+    // The manager's snapshot would be a second image, but for levels that the latest book does not have.
+    const bool needsSnapshot =
+        needsImage && (subscription->latest == nullptr || scope.depth > subscription->scope.depth);
+    if (!m_core.ChangeScope(subscription->def, scope, subscription->subscriber, subscription->id, needsSnapshot))
     {
         return Refuse(request.request, "not_ready", "", "the server is starting or stopping");
     }
@@ -239,14 +264,22 @@ void ClientSession::Handle(const ChangeRequest& request)
     subscription->kinds = kinds;
     subscription->scope = scope;
     subscription->stream = m_core.GetStream(name, scope.depth);
+    if (needsImage || !kinds.book)
+    {
+        subscription->waiting.reset();
+        subscription->skipped = kinds.book ? subscription->skipped : 0;
+    }
+    if (!kinds.fields)
+    {
+        subscription->waitingFields.reset();
+    }
     if (needsImage)
     {
         // The newest book there is comes at once: the manager sends a snapshot only when the merged scope stays.
-        const SharedBook latest = subscription->waiting != nullptr ? subscription->waiting : subscription->sent;
         subscription->sent.reset();
-        if (latest != nullptr && kinds.book)
+        if (subscription->latest != nullptr && kinds.book)
         {
-            OnBook(*subscription, latest);
+            OnBook(*subscription, subscription->latest);
         }
     }
 }
@@ -262,7 +295,6 @@ void ClientSession::Handle(const UnsubscribeRequest& request)
     subscription->subscriber->SetRequest(request.request);
     m_core.Unsubscribe(subscription->def, subscription->subscriber, subscription->id);
     const unsigned long id = subscription->id;
-    m_waiting.erase(id);
     m_idByRequest.erase(request.subscription);
     m_subscriptions.erase(id);
     m_out.Push(FormatAccepted(request.request, "", 0));
@@ -282,7 +314,11 @@ void ClientSession::Pump()
         const auto subscription = m_subscriptions.find(event.subscription);
         if (auto* const text = std::get_if<std::string>(&event.what))
         {
-            m_out.Push(std::move(*text)); // also for a subscription that is gone: its last answer
+            // Nothing more of a subscription follows the answer to its unsubscribe, but that this has failed.
+            if (subscription != m_subscriptions.end() || event.subscription == Inbox::kWholeSession)
+            {
+                m_out.Push(std::move(*text));
+            }
         }
         else if (subscription == m_subscriptions.end())
         {
@@ -296,9 +332,9 @@ void ClientSession::Pump()
         {
             OnTrades(subscription->second, *trades);
         }
-        else if (const auto& fields = std::get<SharedFields>(event.what); !m_out.MustConflate())
+        else
         {
-            m_out.Push(m_core.GetFieldsText(subscription->second.stream->GetInstrument(), fields));
+            OnFields(subscription->second, std::get<SharedFields>(event.what));
         }
     }
     for (auto& [id, overflow] : content.overflow)
@@ -312,13 +348,18 @@ void ClientSession::Pump()
         {
             subscription->second.lostTrades += overflow.lostTrades;
             m_lostTrades += overflow.lostTrades;
-            m_waiting.insert(id);
+            Wait(subscription->second);
         }
         if (overflow.book != nullptr)
         {
-            subscription->second.skipped += overflow.skippedBooks;
-            m_conflated += overflow.skippedBooks;
+            const std::uint64_t skipped = subscription->second.kinds.book ? overflow.skippedBooks : 0;
+            subscription->second.skipped += skipped;
+            m_conflated += skipped;
             OnBook(subscription->second, std::move(overflow.book));
+        }
+        if (overflow.fields != nullptr)
+        {
+            OnFields(subscription->second, overflow.fields);
         }
     }
     SendWaiting();
@@ -331,6 +372,7 @@ void ClientSession::Pump()
 
 void ClientSession::OnBook(Subscription& subscription, SharedBook book)
 {
+    subscription.latest = book;
     if (!subscription.kinds.book)
     {
         return;
@@ -344,7 +386,26 @@ void ClientSession::OnBook(Subscription& subscription, SharedBook book)
     subscription.skipped += replaced;
     m_conflated += replaced;
     subscription.waiting = std::move(book);
-    m_waiting.insert(subscription.id);
+    Wait(subscription);
+}
+
+void ClientSession::OnFields(Subscription& subscription, const SharedFields& fields)
+{
+    if (!m_out.MustConflate() && subscription.waitingFields == nullptr)
+    {
+        m_out.Push(m_core.GetFieldsText(subscription.stream->GetInstrument(), fields));
+        return;
+    }
+    subscription.waitingFields = fields; // they are whole: the latest says it all
+    Wait(subscription);
+}
+
+void ClientSession::Wait(Subscription& subscription)
+{
+    if (!std::exchange(subscription.isWaiting, true))
+    {
+        m_waiting.push_back(subscription.id);
+    }
 }
 
 void ClientSession::SendBook(Subscription& subscription, SharedBook book)
@@ -369,17 +430,22 @@ void ClientSession::OnTrades(Subscription& subscription, const SharedTrades& tra
     }
     subscription.lostTrades += trades->size();
     m_lostTrades += trades->size();
-    m_waiting.insert(subscription.id);
+    Wait(subscription);
 }
 
-/// What has waited, once there is room: how much was left out, then the latest.
+/// What has waited, once there is room: how much was left out, then the latest. Who has waited longest comes first.
 void ClientSession::SendWaiting()
 {
     while (!m_waiting.empty() && !m_out.MustConflate())
     {
-        const auto first = m_waiting.begin();
-        Subscription& subscription = m_subscriptions.at(*first);
-        m_waiting.erase(first);
+        const auto first = m_subscriptions.find(m_waiting.front());
+        m_waiting.pop_front();
+        if (first == m_subscriptions.end())
+        {
+            continue;
+        }
+        Subscription& subscription = first->second;
+        subscription.isWaiting = false;
         const std::string& instrument = subscription.stream->GetInstrument();
         if (const auto lost = std::exchange(subscription.lostTrades, 0); lost != 0)
         {
@@ -392,6 +458,10 @@ void ClientSession::SendWaiting()
         if (const SharedBook book = std::exchange(subscription.waiting, nullptr))
         {
             SendBook(subscription, book);
+        }
+        if (const SharedFields fields = std::exchange(subscription.waitingFields, nullptr))
+        {
+            m_out.Push(m_core.GetFieldsText(instrument, fields));
         }
     }
 }
@@ -413,6 +483,17 @@ void ClientSession::FinishWrite(std::size_t bytes)
     m_sentBytes += bytes;
     m_out.FinishWrite();
     Pump();
+}
+
+void ClientSession::ForgetSent()
+{
+    for (auto& [id, subscription] : m_subscriptions)
+    {
+        if (subscription.waiting != nullptr)
+        {
+            subscription.sent.reset();
+        }
+    }
 }
 
 ClientSession::Clock::duration ClientSession::GetWriteAge(Clock::time_point now) const

@@ -13,13 +13,13 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 namespace ps_ns::gateway
@@ -84,6 +84,9 @@ public:
     bool HasOutput() const noexcept { return !m_out.IsEmpty(); }
     std::vector<SharedText> BeginWrite();
     void FinishWrite(std::size_t bytes);
+    /// The client takes nothing just now: the books that it had, which nobody else needs any more, are let go where
+    /// newer ones wait. It gets images when it wakes.
+    void ForgetSent();
     /// How long the write under way has been under way; zero when there is none.
     Clock::duration GetWriteAge(Clock::time_point now) const;
 
@@ -100,9 +103,12 @@ private:
         Kinds kinds;
         std::shared_ptr<BookStream> stream;
         std::shared_ptr<Subscriber> subscriber;
-        SharedBook sent;           ///< the client's state; null: it needs an image
-        SharedBook waiting;        ///< the latest of those that conflate
-        std::uint64_t skipped = 0; ///< books left out since the one that was sent last
+        SharedBook latest;          ///< whatever the client wants or has been sent
+        SharedBook sent;            ///< the client's state; null: it needs an image
+        SharedBook waiting;         ///< the latest of those that conflate
+        SharedFields waitingFields; ///< the latest of those that conflate
+        bool isWaiting = false;     ///< it is in m_waiting
+        std::uint64_t skipped = 0;  ///< books left out since the one that was sent last
         std::uint64_t lostTrades = 0;
     };
 
@@ -121,6 +127,8 @@ private:
     void OnBook(Subscription& subscription, SharedBook book);
     void SendBook(Subscription& subscription, SharedBook book);
     void OnTrades(Subscription& subscription, const SharedTrades& trades);
+    void OnFields(Subscription& subscription, const SharedFields& fields);
+    void Wait(Subscription& subscription);
     void SendWaiting();
     void EndWith(std::uint16_t code, std::string reason);
 
@@ -134,7 +142,7 @@ private:
     RateLimit m_rate;
     std::unordered_map<unsigned long, Subscription> m_subscriptions;
     std::unordered_map<std::string, unsigned long> m_idByRequest;
-    std::unordered_set<unsigned long> m_waiting; ///< subscriptions with a book or a gap that waits
+    std::deque<unsigned long> m_waiting; ///< subscriptions with something that waits, or gone; the oldest first
     std::optional<SessionEnd> m_end;
     bool m_hasEnded = false;
     Clock::time_point m_writeBegan{};

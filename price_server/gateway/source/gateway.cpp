@@ -36,11 +36,11 @@ class Gateway::Impl : public std::enable_shared_from_this<Impl>
 {
 public:
     Impl(GatewayOptions options, IBackend& backend)
-        : m_acceptor(m_io)
+        : m_context(std::move(options), backend,
+                    [this](std::function<void()> task) { asio::post(m_io, std::move(task)); })
+        , m_acceptor(m_io)
         , m_retryTimer(m_io)
         , m_checkTimer(m_io)
-        , m_context(std::move(options), backend,
-                    [this](std::function<void()> task) { asio::post(m_io, std::move(task)); })
     {
     }
 
@@ -59,7 +59,7 @@ public:
         Listen();
         Accept();
         Check();
-        m_thread = std::thread([this] { m_io.run(); });
+        m_thread = std::thread([this] { Run(); });
         zel::logging::Log(10, LogSource(), [&](std::ostream& text) { text << "listening on " << GetUrl(); });
     }
 
@@ -89,6 +89,23 @@ public:
 private:
     const GatewayOptions& GetOptions() const noexcept { return m_context.core.GetOptions(); }
     bool UsesTls() const { return !GetOptions().tls.certificateChain.empty(); }
+
+    /// One connection's failure is not the others'.
+    void Run()
+    {
+        while (!m_io.stopped())
+        {
+            try
+            {
+                m_io.run();
+            }
+            catch (const std::exception& failure)
+            {
+                zel::logging::Log(30, LogSource(),
+                                  [&](std::ostream& text) { text << "a connection has failed: " << failure.what(); });
+            }
+        }
+    }
 
     void ReadTlsFiles()
     {
@@ -185,6 +202,9 @@ private:
     {
         beast::error_code ignored;
         socket.set_option(tcp::no_delay(true), ignored);
+        // What the system holds for a client cannot be conflated any more: megabytes of it, unless it is told.
+        constexpr int kSystemBuffer = 256 * 1024;
+        socket.set_option(asio::socket_base::send_buffer_size(kSystemBuffer), ignored);
         const auto remote = socket.remote_endpoint(ignored);
         const std::string name = remote.address().to_string() + ":" + std::to_string(remote.port());
         if (m_tls)
@@ -267,12 +287,12 @@ private:
         return count.get_future().get();
     }
 
+    GatewayContext m_context; ///< I/O thread; outlives m_io, whose last operations hold connections that count here
     asio::io_context m_io{1};
     std::optional<asio::ssl::context> m_tls;
     tcp::acceptor m_acceptor;
     asio::steady_timer m_retryTimer;
     asio::steady_timer m_checkTimer;
-    GatewayContext m_context;  ///< I/O thread
     bool m_isDraining = false; ///< I/O thread
     std::uint16_t m_port = 0;  ///< set by Start
     std::thread m_thread;

@@ -4,6 +4,8 @@
 #include "composite_instrument/local_observer_factory.h"
 #include "price_unifier/source/composite_subscription_mgr.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace ps_ns::gateway
@@ -47,7 +49,7 @@ const std::vector<ListedInstrument>& GatewayCore::GetInstruments()
     return m_instruments;
 }
 
-FoundInstrument GatewayCore::FindInstrument(const std::string& name)
+FoundInstrument GatewayCore::FindInstrument(const std::string& name, const Rights& rights)
 {
     const std::vector<ListedInstrument>& instruments = GetInstruments();
     if (const auto found = m_instrumentByName.find(name); found != m_instrumentByName.end())
@@ -56,7 +58,14 @@ FoundInstrument GatewayCore::FindInstrument(const std::string& name)
     }
     try
     {
-        return {ps_ns::FindInstrument(instruments, name), ""};
+        if (rights.markets.empty())
+        {
+            return {ps_ns::FindInstrument(instruments, name), ""};
+        }
+        std::vector<ListedInstrument> open;
+        std::copy_if(instruments.begin(), instruments.end(), std::back_inserter(open),
+                     [&](const ListedInstrument& instrument) { return rights.Opens(instrument.market); });
+        return {ps_ns::FindInstrument(open, name), ""};
     }
     catch (const UnknownInstrument& error)
     {
@@ -93,8 +102,20 @@ std::shared_ptr<BookStream> GatewayCore::GetStream(const std::string& instrument
     {
         stream = std::make_shared<BookStream>(instrument, depth);
         known = stream;
+        ForgetDeadStreams();
     }
     return stream;
+}
+
+/// Clients may ask for any depth, one after another: what nobody has any more must not pile up.
+void GatewayCore::ForgetDeadStreams()
+{
+    if (m_streams.size() < m_nextStreamCount)
+    {
+        return;
+    }
+    std::erase_if(m_streams, [](const auto& entry) { return entry.second.expired(); });
+    m_nextStreamCount = std::max(kFirstStreamCount, 2 * m_streams.size());
 }
 
 SharedText GatewayCore::GetTradesText(const std::string& instrument, const SharedTrades& trades)

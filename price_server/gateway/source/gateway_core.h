@@ -64,7 +64,8 @@ public:
 
     /// The instruments as they were at most a second ago.
     const std::vector<ListedInstrument>& GetInstruments();
-    FoundInstrument FindInstrument(const std::string& name);
+    /// The names that a problem suggests are of markets that `rights` open.
+    FoundInstrument FindInstrument(const std::string& name, const Rights& rights);
 
     // --- Subscriptions. False: the server takes no requests just now. ---
 
@@ -79,6 +80,7 @@ public:
     // --- Messages that sessions share ---
 
     std::shared_ptr<BookStream> GetStream(const std::string& instrument, std::int32_t depth);
+    std::size_t GetStreamCount() const noexcept { return m_streams.size(); }
     SharedText GetTradesText(const std::string& instrument, const SharedTrades& trades);
     SharedText GetFieldsText(const std::string& instrument, const SharedFields& fields);
 
@@ -94,6 +96,7 @@ public:
 
 private:
     void RunScheduled();
+    void ForgetDeadStreams();
 
     const GatewayOptions m_options;
     IBackend& m_backend;
@@ -108,7 +111,9 @@ private:
     std::vector<ListedInstrument> m_instruments;
     std::unordered_map<std::string, std::size_t> m_instrumentByName;
 
+    static constexpr std::size_t kFirstStreamCount = 256;
     std::unordered_map<std::string, std::weak_ptr<BookStream>> m_streams;
+    std::size_t m_nextStreamCount = kFirstStreamCount; ///< with so many, the dead ones go
     /// The texts of the newest trades and fields: what one executor brings reaches many sessions soon after another.
     struct TextCache
     {

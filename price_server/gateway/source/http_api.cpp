@@ -322,7 +322,7 @@ void HttpApi::Explain(const HttpQuery& query, const Respond& respond)
     {
         return respond(MakeHttpError(400, "bad_value", "instrument", "MARKET:SYMBOL expected"));
     }
-    const FoundInstrument found = m_core.FindInstrument(name);
+    const FoundInstrument found = m_core.FindInstrument(name, query.identity->rights);
     if (!found.instrument)
     {
         return respond(MakeHttpError(404, "unknown_instrument", "instrument", found.problem));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "gateway_context.h"
+#include "handshake.h"
 #include "http_api.h"
 #include "ws_connection.h"
 
@@ -8,6 +9,7 @@
 #include <boost/beast/ssl.hpp>
 #include <boost/beast/websocket/ssl.hpp>
 
+#include <array>
 #include <memory>
 #include <optional>
 #include <string>
@@ -56,15 +58,27 @@ public:
         }
     }
 
-    void Drain() override { m_isDraining = true; }
+    void Drain() override
+    {
+        m_isDraining = true;
+        if (!m_isAnswering)
+        {
+            Abort(); // it has asked for nothing
+        }
+    }
     void CheckProgress(std::chrono::steady_clock::time_point) override {}
     void Abort() override { beast::get_lowest_layer(m_stream).close(); }
 
 private:
+    static constexpr unsigned kVersion11 = 11;
+
     const Limits& GetLimits() const { return m_context.core.GetOptions().limits; }
 
     void Read()
     {
+        m_isAnswering = false;
+        m_isHead = false;
+        m_version = kVersion11;
         m_parser.emplace();
         m_parser->header_limit(static_cast<std::uint32_t>(GetLimits().header_bytes));
         m_parser->body_limit(0);
@@ -75,6 +89,7 @@ private:
 
     void OnRead(beast::error_code error, std::size_t)
     {
+        m_isAnswering = true;
         if (error == http::error::header_limit)
         {
             return Fail(431, "header_too_large",
@@ -102,6 +117,14 @@ private:
         m_keepsAlive = request.keep_alive() && !m_isDraining;
         m_isHead = request.method() == http::verb::head;
         m_version = request.version();
+        if (request.count(http::field::host) > 1 || (m_version >= kVersion11 && request.count(http::field::host) == 0))
+        {
+            return Fail(400, "bad_host", "a request names one host");
+        }
+        if (request.count(http::field::transfer_encoding) != 0)
+        {
+            return Fail(400, "bad_request", "no request has a body");
+        }
         if (!access.AllowsHost(request[http::field::host]))
         {
             return Fail(421, "wrong_host", "this server is not called that");
@@ -111,18 +134,18 @@ private:
         {
             return Fail(400, "bad_target", "the address makes no sense");
         }
-        query.identity = Identify(request);
-        if (query.path == "/ws")
-        {
-            return Upgrade(request, std::move(query.identity));
-        }
         if (request.method() != http::verb::get && !m_isHead)
         {
             HttpAnswer answer = MakeHttpError(405, "bad_method", "", "only GET and HEAD are served");
             answer.headers.emplace_back("Allow", "GET, HEAD");
             return Respond(std::move(answer));
         }
-        query.acceptsGzip = request[http::field::accept_encoding].find("gzip") != beast::string_view::npos;
+        query.identity = Identify(request);
+        if (query.path == "/ws")
+        {
+            return Upgrade(request, std::move(query.identity));
+        }
+        query.acceptsGzip = AcceptsGzip(request[http::field::accept_encoding]);
         query.ifNoneMatch = std::string(request[http::field::if_none_match]);
         beast::get_lowest_layer(m_stream).expires_after(GetLimits().handshake);
         m_context.api.Handle(query, [self = this->shared_from_this()](HttpAnswer answer)
@@ -160,10 +183,26 @@ private:
         {
             return Fail(403, "wrong_origin", "pages of this origin may not open a session");
         }
-        if (request.count(http::field::sec_websocket_protocol) != 0 &&
-            !http::token_list(request[http::field::sec_websocket_protocol]).exists(kSubprotocol))
+        if (request[http::field::sec_websocket_version] != "13")
+        {
+            HttpAnswer answer =
+                MakeHttpError(426, "wrong_version", "Sec-WebSocket-Version", "version 13 is spoken here");
+            answer.headers.emplace_back("Sec-WebSocket-Version", "13");
+            answer.headers.emplace_back("Upgrade", "websocket");
+            return Respond(std::move(answer));
+        }
+        if (request.count(http::field::sec_websocket_key) != 1 ||
+            !IsWebSocketKey(request[http::field::sec_websocket_key]))
+        {
+            return Fail(400, "bad_key", "Sec-WebSocket-Key has 16 bytes in base64");
+        }
+        if (!OffersSubprotocol(request))
         {
             return Fail(400, "wrong_subprotocol", "the subprotocol is " + std::string(kSubprotocol));
+        }
+        if (m_buffer.size() != 0)
+        {
+            return Fail(400, "too_early", "a client waits for the answer to its handshake");
         }
         const bool hasHeader = request.count(http::field::authorization) != 0;
         if (access.DemandsToken() && hasHeader && !identity)
@@ -240,13 +279,52 @@ private:
         {
             return Abort();
         }
-        if (m_keepsAlive)
+        if (m_keepsAlive && !m_isDraining)
         {
             return Read();
         }
-        // Says that nothing more comes, and lets the client read what has.
+        Part();
+    }
+
+    /// Says that nothing more comes, and lets the client read what has: a socket that is closed with something unread
+    /// in it takes the answer away from the client.
+    void Part()
+    {
+        constexpr std::chrono::seconds kPatience{1};
+        m_isAnswering = false;
+        beast::get_lowest_layer(m_stream).expires_after(kPatience);
+        if constexpr (std::is_same_v<Stream, TlsStream>)
+        {
+            m_stream.async_shutdown([self = this->shared_from_this()](beast::error_code) { self->DropRest(); });
+        }
+        else
+        {
+            DropRest();
+        }
+    }
+
+    void DropRest()
+    {
         beast::error_code ignored;
         beast::get_lowest_layer(m_stream).socket().shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
+        ReadRest();
+    }
+
+    /// Until the client closes too, or patience ends; so that endless senders do not stay, no more than a little.
+    void ReadRest()
+    {
+        beast::get_lowest_layer(m_stream).async_read_some(
+            asio::buffer(m_rest),
+            [self = this->shared_from_this()](beast::error_code error, std::size_t bytes)
+            {
+                constexpr std::size_t kMostRest = 1024 * 1024;
+                self->m_restBytes += bytes;
+                if (error || self->m_restBytes > kMostRest)
+                {
+                    return self->Abort();
+                }
+                self->ReadRest();
+            });
     }
 
     GatewayContext& m_context;
@@ -259,7 +337,10 @@ private:
     bool m_keepsAlive = false;
     bool m_isHead = false;
     bool m_isDraining = false;
-    unsigned m_version = 11;
+    bool m_isAnswering = false; ///< a request has come whose answer has not gone yet
+    unsigned m_version = kVersion11;
+    std::array<char, 4096> m_rest{}; ///< what comes when nothing is read any more
+    std::size_t m_restBytes = 0;
 };
 
 } // namespace ps_ns::gateway

@@ -1,4 +1,5 @@
 #include "http_api.h"
+#include "utf8.h"
 
 #include <boost/json.hpp>
 
@@ -20,7 +21,7 @@ int GetHexDigit(char c)
     return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
 }
 
-/// Nothing when an escape is broken, or stands for a control character.
+/// Nothing when an escape is broken, or stands for a control character, or what comes out is not UTF-8.
 std::optional<std::string> Decode(std::string_view text, bool plusIsBlank)
 {
     std::string decoded;
@@ -47,6 +48,10 @@ std::optional<std::string> Decode(std::string_view text, bool plusIsBlank)
             return std::nullopt;
         }
         decoded += c;
+    }
+    if (!IsUtf8(decoded))
+    {
+        return std::nullopt; // answers repeat it, and they are UTF-8
     }
     return decoded;
 }

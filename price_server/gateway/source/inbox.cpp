@@ -1,5 +1,7 @@
 #include "inbox.h"
 
+#include <utility>
+
 namespace ps_ns::gateway
 {
 
@@ -62,9 +64,15 @@ void Inbox::PushFields(unsigned long subscription, SharedFields fields)
     Change(
         [&]
         {
-            if (m_content.events.size() < kMostEvents)
+            const auto kept = m_content.overflow.find(subscription);
+            const bool isBehind = kept != m_content.overflow.end() && kept->second.fields != nullptr;
+            if (m_content.events.size() < kMostEvents && !isBehind)
             {
                 m_content.events.push_back({subscription, std::move(fields)});
+            }
+            else
+            {
+                m_content.overflow[subscription].fields = std::move(fields);
             }
         });
 }

@@ -21,14 +21,17 @@ using SharedFields = std::shared_ptr<const CustomFields>;
 
 /// What the executors bring for one session, until the I/O thread takes it.
 ///
-/// Bounded: when the session lags, or much waits already, only the latest book of each subscription is kept, and trades
-/// are counted as lost.
+/// Bounded: when the session lags, or much waits already, only the latest book of each subscription and its latest
+/// fields are kept, and trades are counted as lost.
 ///
 /// Threads: Push from any; Take from the I/O thread. `wake` is called from Push, without the lock, when something waits
 /// that did not before.
 class Inbox
 {
 public:
+    static constexpr unsigned long kWholeSession = 0; ///< no subscription has this id
+    static constexpr std::size_t kMostEvents = 1024;
+
     struct Event
     {
         unsigned long subscription;
@@ -40,6 +43,7 @@ public:
         SharedBook book;                ///< null: none
         std::uint64_t skippedBooks = 0; ///< beside the one that is kept
         std::uint64_t lostTrades = 0;
+        SharedFields fields; ///< null: none
     };
     struct Content
     {
@@ -55,6 +59,7 @@ public:
     void PushBook(unsigned long subscription, SharedBook book);
     void PushTrades(unsigned long subscription, SharedTrades trades);
     void PushFields(unsigned long subscription, SharedFields fields);
+    /// `subscription` may be kWholeSession: the text is wanted whatever has become of the subscription.
     void PushText(unsigned long subscription, std::string text);
     Content Take();
 
@@ -64,8 +69,6 @@ public:
     void Close();
 
 private:
-    static constexpr std::size_t kMostEvents = 1024;
-
     template <class Add>
     void Change(Add add);
 

@@ -2,6 +2,7 @@
 
 #include "composite_instrument/composite_subscription_info.h"
 #include "gateway/component_name.h"
+#include "utf8.h"
 
 #include <boost/json.hpp>
 
@@ -19,7 +20,8 @@ using ps_messages_ns::SubscriptionResult;
 namespace
 {
 
-constexpr std::size_t kMaxRequestId = 64;
+constexpr std::size_t kMaxRequestId = 64; // characters
+constexpr std::size_t kShown = 40;        // characters of what a client said that an error repeats
 
 /// Thrown and caught within ParseRequest only.
 struct Refusal
@@ -31,13 +33,18 @@ struct Refusal
 
 std::string Quote(std::string_view text)
 {
-    constexpr std::size_t kShown = 40;
-    return '"' + std::string(text.substr(0, kShown)) + (text.size() > kShown ? "…\"" : "\"");
+    const std::string_view shown = TakeCharacters(text, kShown);
+    return '"' + std::string(shown) + (shown.size() < text.size() ? "…\"" : "\"");
 }
 
 std::string Show(const json::value& value)
 {
-    return value.is_string() ? Quote(value.as_string()) : json::serialize(value).substr(0, 40);
+    return value.is_string() ? Quote(value.as_string()) : std::string(TakeCharacters(json::serialize(value), kShown));
+}
+
+bool IsTextOf(const json::value& value, std::size_t longest)
+{
+    return value.is_string() && !value.as_string().empty() && CountCharacters(value.as_string()) <= longest;
 }
 
 /// Reads the members of one object, and knows which have been asked for.
@@ -58,7 +65,7 @@ public:
         {
             throw Refusal{"bad_member", std::string(name), Quote(name) + " is missing"};
         }
-        if (!value->is_string() || value->as_string().empty() || value->as_string().size() > longest)
+        if (!IsTextOf(*value, longest))
         {
             throw Refusal{"bad_value", std::string(name),
                           Quote(name) + " is " + Show(*value) + ": a text of 1 to " + std::to_string(longest) +
@@ -151,7 +158,7 @@ public:
             const std::string_view name = member.key();
             if (name != "type" && std::find(names.begin(), names.end(), name) == names.end())
             {
-                throw Refusal{"bad_member", std::string(name),
+                throw Refusal{"bad_member", std::string(TakeCharacters(name, kMaxRequestId)),
                               "a request of type " + Quote(type) + " has no member " + Quote(name)};
             }
         }
@@ -205,9 +212,9 @@ Request ReadRequest(const json::object& object, std::optional<std::string>& requ
 {
     constexpr std::size_t kMaxToken = 4096;
     Members members(object);
-    if (const json::value* const id = members.Find("request"); id != nullptr && id->is_string())
+    if (const json::value* const id = members.Find("request"); id != nullptr && IsTextOf(*id, kMaxRequestId))
     {
-        request = std::string(id->as_string()).substr(0, kMaxRequestId);
+        request = std::string(id->as_string());
     }
     const std::string type = members.GetText("type", kMaxRequestId);
     if (type == "authenticate")
@@ -296,6 +303,7 @@ std::string FormatHello(std::uint64_t session, const GatewayOptions& options, bo
                         const Rights& rights)
 {
     const Limits& limits = options.limits;
+    const json::object none{{"markets", json::array()}, {"operations", false}};
     return json::serialize(json::object{{"type", "hello"},
                                         {"protocol", kProtocolVersion},
                                         {"server", "price_server"},
@@ -304,7 +312,7 @@ std::string FormatHello(std::uint64_t session, const GatewayOptions& options, bo
                                         {"session", session},
                                         {"time_ns", std::to_string(GetTime_ns())},
                                         {"authenticated", isAuthenticated},
-                                        {"rights", ToObject(rights)},
+                                        {"rights", isAuthenticated ? ToObject(rights) : none},
                                         {"limits",
                                          {{"message_bytes", limits.message_bytes},
                                           {"subscriptions", limits.subscriptions},

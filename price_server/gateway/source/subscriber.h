@@ -57,10 +57,10 @@ public:
     {
         m_inbox->PushFields(id, fields);
     }
-    void OnUnsubscribe(unsigned long id, const CompositeInstrumentDef&, Result result, CompositeComponentType::Type,
+    void OnUnsubscribe(unsigned long, const CompositeInstrumentDef&, Result result, CompositeComponentType::Type,
                        const CompositeSubscriptionState&) override
     {
-        m_inbox->PushText(id, FormatResult(GetRequest(), result));
+        m_inbox->PushText(Inbox::kWholeSession, FormatResult(GetRequest(), result));
     }
 
 private:

@@ -2,6 +2,7 @@
 
 #include "client_session.h"
 #include "gateway_core.h"
+#include "handshake.h"
 
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -23,8 +24,6 @@ namespace beast = boost::beast;
 namespace http = beast::http;
 namespace websocket = beast::websocket;
 
-using HttpRequest = http::request<http::empty_body>;
-
 /// What the gateway asks of a connection, whatever stream is below it.
 class IConnection
 {
@@ -45,22 +44,39 @@ public:
 template <class Stream>
 class WsConnection final : public IConnection, public std::enable_shared_from_this<WsConnection<Stream>>
 {
+    using Clock = std::chrono::steady_clock;
+
 public:
     WsConnection(GatewayCore& core, Stream&& stream)
         : m_core(core)
         , m_ws(std::move(stream))
         , m_tokenTimer(m_ws.get_executor())
         , m_closeTimer(m_ws.get_executor())
+        , m_lastHeard(Clock::now())
     {
+        ++m_core.Counts().connections;
     }
-    ~WsConnection() override { EndSession(); }
+    ~WsConnection() override
+    {
+        EndSession();
+        --m_core.Counts().connections;
+    }
 
     /// Accepts the handshake in `request`.
     void Run(const HttpRequest& request, const std::string& remote, std::optional<Identity> identity)
     {
         const Limits& limits = m_core.GetOptions().limits;
         beast::get_lowest_layer(m_ws).expires_never(); // the WebSocket layer has timeouts of its own
-        m_ws.set_option(websocket::stream_base::timeout{limits.handshake, limits.idle, true});
+        // Its idle time-out would cut the connection without a word; CheckProgress says 1001 first.
+        m_ws.set_option(websocket::stream_base::timeout{limits.handshake, websocket::stream_base::none(), false});
+        m_ws.control_callback(
+            [weak = this->weak_from_this()](websocket::frame_type, beast::string_view)
+            {
+                if (const auto self = weak.lock())
+                {
+                    self->m_lastHeard = Clock::now();
+                }
+            });
         const bool offersProtocol = request.count(http::field::sec_websocket_protocol) != 0;
         m_ws.set_option(websocket::stream_base::decorator(
             [offersProtocol](websocket::response_type& response)
@@ -87,16 +103,36 @@ public:
                                                                 }
                                                             });
                                                     });
+        m_core.Enter(m_session); // it takes one of the places from now on
         m_ws.async_accept(request, beast::bind_front_handler(&WsConnection::OnAccept, this->shared_from_this()));
     }
 
     void Drain() override { Close({1001, "the server stops"}); }
-    void CheckProgress(std::chrono::steady_clock::time_point now) override
+    void CheckProgress(Clock::time_point now) override
     {
-        if (m_session != nullptr && m_session->GetWriteAge(now) > m_core.GetOptions().limits.stall)
+        if (m_session == nullptr || !m_isOpen || m_isClosing)
+        {
+            return;
+        }
+        const Limits& limits = m_core.GetOptions().limits;
+        constexpr std::chrono::seconds kAsleep{1};
+        if (m_session->GetWriteAge(now) > kAsleep)
+        {
+            m_session->ForgetSent();
+        }
+        const Clock::duration silence = now - m_lastHeard;
+        if (m_session->GetWriteAge(now) > limits.stall)
         {
             ++m_core.Counts().tooSlow;
             Close({1013, "too slow: nothing was taken for too long"});
+        }
+        else if (silence > limits.idle)
+        {
+            Close({1001, "silent for too long"});
+        }
+        else if (silence > limits.GetPingAfter() && m_lastPing < m_lastHeard && !m_isPinging)
+        {
+            Ping(now);
         }
     }
     void Abort() override
@@ -108,12 +144,13 @@ public:
 private:
     void OnAccept(beast::error_code error)
     {
-        if (error)
+        if (error || m_session == nullptr || m_isClosing)
         {
+            EndSession(); // the server has stopped meanwhile, or the client has gone
             return;
         }
         m_isOpen = true;
-        m_core.Enter(m_session);
+        m_lastHeard = Clock::now();
         m_session->Start();
         if (!m_session->IsAuthenticated())
         {
@@ -140,10 +177,14 @@ private:
     {
         if (error)
         {
-            // Broken protocol and too long messages have been answered with their close frame already.
+            // Broken protocol and too long messages have been answered with their close frame already. A write that
+            // nobody takes any more must not keep the connection.
             EndSession();
+            m_closeTimer.cancel();
+            beast::get_lowest_layer(m_ws).close();
             return;
         }
+        m_lastHeard = Clock::now();
         if (!m_ws.got_text())
         {
             Close({1003, "messages are text"});
@@ -156,6 +197,13 @@ private:
         m_buffer.consume(m_buffer.size());
         AfterSession();
         Read(); // also while closing: the answer to the close comes this way
+    }
+
+    void Ping(Clock::time_point now)
+    {
+        m_lastPing = now;
+        m_isPinging = true;
+        m_ws.async_ping({}, [self = this->shared_from_this()](beast::error_code) { self->m_isPinging = false; });
     }
 
     void OnWake()
@@ -271,6 +319,9 @@ private:
     bool m_isOpen = false;
     bool m_isClosing = false;
     bool m_isWriting = false;
+    bool m_isPinging = false;
+    Clock::time_point m_lastHeard; ///< a message, or a control frame
+    Clock::time_point m_lastPing{};
     std::vector<SharedText> m_texts; ///< of the write under way
     std::vector<asio::const_buffer> m_buffers;
 };

@@ -51,6 +51,9 @@ struct Limits
     std::chrono::milliseconds handshake{5000}; ///< for TLS, for a request's header, for a token
     std::chrono::milliseconds stall{10'000};   ///< without progress of a write; then the session ends
     std::chrono::milliseconds idle{60'000};    ///< without a sign of life; then the session ends
+
+    /// Without a sign of life; then the session is asked for one.
+    std::chrono::milliseconds GetPingAfter() const noexcept { return idle / 4; }
 };
 
 /// How the gateway listens, and whom it lets in. A plain value.

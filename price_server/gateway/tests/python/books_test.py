@@ -1,0 +1,139 @@
+"""Books of recorded markets: what updates make of an image is what the server's images show."""
+
+import glob
+import json
+import sys
+import threading
+import time
+from decimal import Decimal
+
+from gateway_kit import Cases, Client, Server, http, parse_arguments
+from ws_client import Book
+
+cases = Cases("books")
+DEPTHS = (5, 20, 200)
+
+
+def recorded(folder):
+    return sorted(name for name in glob.glob(f"{folder}/three_segments/*.csv.zst")
+                  + glob.glob(f"{folder}/many_instruments/*.csv.zst") if "golden" not in name and "_bbo" not in name)
+
+
+def is_sorted(book):
+    bids = [Decimal(level[0]) for level in book["bids"]]
+    asks = [Decimal(level[0]) for level in book["asks"]]
+    return bids == sorted(set(bids), reverse=True) and asks == sorted(set(asks))
+
+
+def cut(book, depth):
+    return {side: book[side][:depth] for side in ("bids", "asks")}
+
+
+class Follower:
+    """Applies what one session brings, and keeps the books it has had, by instrument, depth, epoch and sequence."""
+
+    def __init__(self, port, instruments, asks_images, keep):
+        self.client = Client(port, timeout=10, protocol="price-server.v1")
+        self.hello = self.client.receive_type("hello")
+        self.asks_images = asks_images
+        self.keep = keep
+        self.books, self.names, self.history = {}, {}, {}
+        self.images = self.updates = self.compared = self.asked = 0
+        self.differences, self.broken, self.conflated = [], [], 0
+        for instrument in instruments:
+            for depth in DEPTHS if keep else DEPTHS[:2]:
+                request = f"{instrument}/{depth}"
+                self.names[(instrument, depth)] = request
+                self.client.send({"type": "subscribe", "request": request, "instrument": instrument, "depth": depth,
+                                  "kinds": ["book", "trades"]})
+                time.sleep(0.011)  # below the rate
+
+    def run(self, end):
+        next_ask, order = time.monotonic(), 0
+        keys = list(self.names)
+        while time.monotonic() < end:
+            if self.asks_images and time.monotonic() >= next_ask:
+                next_ask = time.monotonic() + 0.02
+                self.client.send({"type": "change", "request": f"i{order}", "image": True,
+                                  "subscription": self.names[keys[order % len(keys)]]})
+                order += 1
+                self.asked += 1
+            self.take(self.client.receive())
+
+    def take(self, message):
+        kind = message["type"]
+        if kind == "conflated":
+            self.conflated += message["count"]
+        if kind == "error":
+            self.broken.append(str(message))
+        if kind not in ("image", "update"):
+            return
+        key = (message["instrument"], message["depth"])
+        book = self.books.setdefault(key, Book())
+        if kind == "image":
+            self.images += 1
+            same = (book.epoch, book.sequence) == (message["epoch"], message["sequence"])
+            if same:
+                self.compared += 1
+                if book.as_image() != {side: message[side] for side in ("bids", "asks")}:
+                    self.differences.append(f"{key} at {message['sequence']}")
+            if not is_sorted(message):
+                self.broken.append(f"{key}: an image out of order")
+        else:
+            self.updates += 1
+        try:
+            book.apply(message)
+        except AssertionError as error:
+            self.broken.append(f"{key}: {error}")
+        if self.keep:
+            self.history[(*key, book.epoch, book.sequence)] = book.as_image()
+        elif kind == "image":
+            self.history[(*key, book.epoch, book.sequence)] = {side: message[side] for side in ("bids", "asks")}
+
+
+def main():
+    arguments = parse_arguments(("seconds", float, 8), ("speed", str, "20"))
+    files = recorded(arguments.data)
+    if not files:
+        print(f"there is no recorded data in {arguments.data!r}")
+        return 1
+    server = Server(arguments.server, arguments=["--replay", *files, "--loop", "--speed", arguments.speed])
+    try:
+        listed = json.loads(http(server.port, "GET", "/api/v1/instruments?limit=1000").body)["instruments"]
+        instruments = [entry["instrument"] for entry in listed]
+        followers = [Follower(server.port, instruments, asks_images=i == 1, keep=i == 0) for i in range(2)]
+        end = time.monotonic() + arguments.seconds
+        threads = [threading.Thread(target=follower.run, args=(end,)) for follower in followers]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+    finally:
+        cases.equal("the server", "ends well", server.stop(), 0)
+    applied, asked = followers
+    for name, follower in (("applying", applied), ("asking", asked)):
+        cases.equal("protocol", f"{name} session: rules that were broken", follower.broken[:5], [])
+        cases.equal("images against applied books", f"{name} session: differences", follower.differences[:5], [])
+        follower.client.close()
+    cases.check("images against applied books", f"{asked.compared} compared on one session", asked.compared > 50)
+    across = [key for key in asked.history if key in applied.history]
+    differences = [key for key in across if asked.history[key] != applied.history[key]]
+    cases.equal("images of one session against books of another", "differences", differences[:5], [])
+    cases.check("images of one session against books of another", f"{len(across)} compared", len(across) > 50)
+    between = differing = 0
+    for (instrument, depth, epoch, sequence), book in applied.history.items():
+        deeper = applied.history.get((instrument, DEPTHS[DEPTHS.index(depth) + 1], epoch, sequence)) \
+            if depth != DEPTHS[-1] else None
+        if deeper is not None:
+            between += 1
+            differing += cut(deeper, depth) != book
+    cases.equal("depths", "a book is the top of the deeper one: differences", differing, 0)
+    cases.check("depths", f"{between} compared", between > 50)
+    print(f"{len(instruments)} instruments at speed {arguments.speed}, depths {DEPTHS}, {arguments.seconds} s: "
+          f"{applied.images + asked.images} images, {applied.updates + asked.updates} updates applied, "
+          f"{asked.compared + len(across) + between} comparisons, {applied.conflated + asked.conflated} books conflated")
+    return cases.finish()
+
+
+if __name__ == "__main__":
+    sys.exit(main())
