@@ -206,6 +206,7 @@ void ClientSession::Handle(const SubscribeRequest& request)
     }
     Subscription subscription;
     subscription.def = MakeDefinition(*found.instrument);
+    subscription.entry = found.instrument->entry;
     subscription.scope = {ResolveDepth(subscription.def.marketId, request.depth), request.interval_ms,
                           request.kinds.trades, request.kinds.fields};
     if (HasStream(name, subscription.scope.depth, nullptr))
@@ -415,8 +416,23 @@ void ClientSession::SendBook(Subscription& subscription, SharedBook book)
     {
         book = book->Cut(static_cast<std::uint32_t>(subscription.scope.depth));
     }
+    if (subscription.sent != nullptr && subscription.sent->epoch != book->epoch)
+    {
+        TellRename(subscription, book->epoch);
+    }
     m_out.Push(subscription.stream->GetMessage(subscription.sent, book));
     subscription.sent = std::move(book);
+}
+
+/// Prices that begin anew may be those of a new symbol.
+void ClientSession::TellRename(Subscription& subscription, std::uint64_t epoch)
+{
+    const std::string symbol = m_core.GetSymbolNow(subscription.entry);
+    if (symbol != subscription.entry.symbol)
+    {
+        subscription.entry.symbol = symbol;
+        m_out.Push(FormatRenamed(subscription.stream->GetInstrument(), symbol, epoch));
+    }
 }
 
 void ClientSession::OnTrades(Subscription& subscription, const SharedTrades& trades)

@@ -8,6 +8,7 @@
 #include "inbox.h"
 #include "outbound_queue.h"
 #include "rate_limit.h"
+#include "simple_subscription/instrument_directory.h"
 #include "subscriber.h"
 
 #include <atomic>
@@ -99,6 +100,7 @@ private:
         unsigned long id = 0;
         std::string request;
         CompositeInstrumentDef def;
+        DirectoryEntry entry;            ///< what the client has last heard of its instrument
         CompositeSubscriptionInfo scope; ///< with a literal depth
         Kinds kinds;
         std::shared_ptr<BookStream> stream;
@@ -126,6 +128,7 @@ private:
 
     void OnBook(Subscription& subscription, SharedBook book);
     void SendBook(Subscription& subscription, SharedBook book);
+    void TellRename(Subscription& subscription, std::uint64_t epoch);
     void OnTrades(Subscription& subscription, const SharedTrades& trades);
     void OnFields(Subscription& subscription, const SharedFields& fields);
     void Wait(Subscription& subscription);

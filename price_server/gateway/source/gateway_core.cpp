@@ -35,8 +35,27 @@ GatewayCore::~GatewayCore() = default;
 const std::vector<ListedInstrument>& GatewayCore::GetInstruments()
 {
     constexpr std::chrono::seconds kOld{1};
+    return ReadInstruments(kOld);
+}
+
+std::string GatewayCore::GetSymbolNow(const DirectoryEntry& entry)
+{
+    // Young enough to know a rename that has just been made, and old enough to serve all sessions that meet it.
+    constexpr std::chrono::milliseconds kOld{20};
+    const std::vector<ListedInstrument>& instruments = ReadInstruments(kOld);
+    const auto found = std::find_if(instruments.begin(), instruments.end(),
+                                    [&](const ListedInstrument& instrument)
+                                    {
+                                        return instrument.entry.submarket.marketId == entry.submarket.marketId &&
+                                               instrument.entry.firstSymbol == entry.firstSymbol;
+                                    });
+    return found == instruments.end() ? entry.symbol : found->entry.symbol;
+}
+
+const std::vector<ListedInstrument>& GatewayCore::ReadInstruments(std::chrono::milliseconds oldest)
+{
     const auto now = std::chrono::steady_clock::now();
-    if (m_instruments.empty() || now - m_instrumentsRead >= kOld)
+    if (m_instruments.empty() || now - m_instrumentsRead >= oldest)
     {
         m_instrumentsRead = now;
         m_instruments = ListInstruments(m_backend.GetDirectoryEntries(), m_backend.GetMarkets());

@@ -64,6 +64,8 @@ public:
 
     /// The instruments as they were at most a second ago.
     const std::vector<ListedInstrument>& GetInstruments();
+    /// What an instrument is called now; it may have been renamed since `entry` was read.
+    std::string GetSymbolNow(const DirectoryEntry& entry);
     /// The names that a problem suggests are of markets that `rights` open.
     FoundInstrument FindInstrument(const std::string& name, const Rights& rights);
 
@@ -95,6 +97,7 @@ public:
     void Schedule(std::function<void()> pump);
 
 private:
+    const std::vector<ListedInstrument>& ReadInstruments(std::chrono::milliseconds oldest);
     void RunScheduled();
     void ForgetDeadStreams();
 

@@ -384,4 +384,10 @@ std::string FormatGap(const std::string& instrument, std::uint64_t lost)
         json::object{{"type", "gap"}, {"instrument", instrument}, {"kind", "trades"}, {"lost", lost}});
 }
 
+std::string FormatRenamed(const std::string& instrument, const std::string& symbol, std::uint64_t epoch)
+{
+    return json::serialize(
+        json::object{{"type", "renamed"}, {"instrument", instrument}, {"symbol", symbol}, {"epoch", epoch}});
+}
+
 } // namespace ps_ns::gateway

@@ -99,6 +99,7 @@ std::string FormatComponentResult(const std::string& request, ps_messages_ns::Su
                                   CompositeComponentType::Type component, const PriceFormat& format);
 std::string FormatConflated(const std::string& instrument, std::int32_t depth, std::uint64_t count);
 std::string FormatGap(const std::string& instrument, std::uint64_t lost);
+std::string FormatRenamed(const std::string& instrument, const std::string& symbol, std::uint64_t epoch);
 
 /// The clock on the wall, in nanoseconds since 1970 UTC.
 std::uint64_t GetTime_ns();
