@@ -237,7 +237,7 @@ std::variant<Options, OptionsAnswer> ParseOptions(int argc, const char* const* a
     CLI::App app(kDescription, "price_client");
     app.footer(kFooter);
     app.set_version_flag("--version", Version());
-    app.fallthrough(); // --url and its like may stand behind the command
+    app.fallthrough();            // --url and its like may stand behind the command
     app.require_subcommand(0, 1); // that there is one is checked below, with a better message
     AddAccessOptions(app, raw, options);
     AddCommands(app, options);
