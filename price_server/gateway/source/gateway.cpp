@@ -1,7 +1,7 @@
 #include "gateway/gateway.h"
 
+#include "connections.h"
 #include "gateway_context.h"
-#include "http_connection.h"
 #include "logging/logging.h"
 
 #include <boost/asio/io_context.hpp>
@@ -209,17 +209,11 @@ private:
         const std::string name = remote.address().to_string() + ":" + std::to_string(remote.port());
         if (m_tls)
         {
-            const auto connection = std::make_shared<HttpConnection<TlsStream>>(
-                m_context, TlsStream(beast::tcp_stream(std::move(socket)), *m_tls), name);
-            m_context.Add(connection);
-            connection->Run();
+            BeginTls(m_context, std::move(socket), *m_tls, name);
         }
         else
         {
-            const auto connection =
-                std::make_shared<HttpConnection<PlainStream>>(m_context, PlainStream(std::move(socket)), name);
-            m_context.Add(connection);
-            connection->Run();
+            BeginPlain(m_context, std::move(socket), name);
         }
     }
 

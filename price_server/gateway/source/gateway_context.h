@@ -2,8 +2,8 @@
 
 #include "gateway_core.h"
 #include "http_api.h"
+#include "i_connection.h"
 #include "static_files.h"
-#include "ws_connection.h"
 
 #include <memory>
 #include <utility>

@@ -3,6 +3,7 @@
 #include "client_session.h"
 #include "gateway_core.h"
 #include "handshake.h"
+#include "i_connection.h"
 
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -19,23 +20,8 @@
 namespace ps_ns::gateway
 {
 
-namespace asio = boost::asio;
-namespace beast = boost::beast;
 namespace http = beast::http;
 namespace websocket = beast::websocket;
-
-/// What the gateway asks of a connection, whatever stream is below it.
-class IConnection
-{
-public:
-    virtual ~IConnection() = default;
-    /// The server stops: say so to the client, and go.
-    virtual void Drain() = 0;
-    /// Now and then: sees whether the client takes what it is sent.
-    virtual void CheckProgress(std::chrono::steady_clock::time_point now) = 0;
-    /// Away with it, without another word.
-    virtual void Abort() = 0;
-};
 
 /// One WebSocket session over a plain or an encrypted stream.
 ///
