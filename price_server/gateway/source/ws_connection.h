@@ -251,7 +251,7 @@ private:
     }
 
     /// Says why, and goes for good when the client does not answer.
-    void Close(const SessionEnd& end)
+    void Close(SessionEnd end)
     {
         if (std::exchange(m_isClosing, true))
         {

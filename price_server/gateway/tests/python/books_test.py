@@ -111,15 +111,16 @@ def main():
     finally:
         cases.equal("the server", "ends well", server.stop(), 0)
     applied, asked = followers
+    least = 5 if arguments.sanitized else 50  # comparisons of each kind, or the test has seen nothing
     for name, follower in (("applying", applied), ("asking", asked)):
         cases.equal("protocol", f"{name} session: rules that were broken", follower.broken[:5], [])
         cases.equal("images against applied books", f"{name} session: differences", follower.differences[:5], [])
         follower.client.close()
-    cases.check("images against applied books", f"{asked.compared} compared on one session", asked.compared > 50)
+    cases.check("images against applied books", f"{asked.compared} compared on one session", asked.compared >= least)
     across = [key for key in asked.history if key in applied.history]
     differences = [key for key in across if asked.history[key] != applied.history[key]]
     cases.equal("images of one session against books of another", "differences", differences[:5], [])
-    cases.check("images of one session against books of another", f"{len(across)} compared", len(across) > 50)
+    cases.check("images of one session against books of another", f"{len(across)} compared", len(across) >= least)
     between = differing = 0
     for (instrument, depth, epoch, sequence), book in applied.history.items():
         deeper = applied.history.get((instrument, DEPTHS[DEPTHS.index(depth) + 1], epoch, sequence)) \
@@ -128,7 +129,7 @@ def main():
             between += 1
             differing += cut(deeper, depth) != book
     cases.equal("depths", "a book is the top of the deeper one: differences", differing, 0)
-    cases.check("depths", f"{between} compared", between > 50)
+    cases.check("depths", f"{between} compared", between >= least)
     print(f"{len(instruments)} instruments at speed {arguments.speed}, depths {DEPTHS}, {arguments.seconds} s: "
           f"{applied.images + asked.images} images, {applied.updates + asked.updates} updates applied, "
           f"{asked.compared + len(across) + between} comparisons, {applied.conflated + asked.conflated} books conflated")

@@ -216,6 +216,8 @@ def parse_arguments(*extra):
     parser = argparse.ArgumentParser()
     parser.add_argument("--server", required=True, help="the built program")
     parser.add_argument("--data", default="", help="folder of recorded data")
+    parser.add_argument("--sanitized", action="store_true",
+                        help="the program is built with a sanitizer: it is slow, and its memory says nothing")
     for name, kind, default in extra:
         parser.add_argument("--" + name, type=kind, default=default)
     return parser.parse_args()
