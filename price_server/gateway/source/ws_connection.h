@@ -130,12 +130,17 @@ public:
 private:
     void OnAccept(beast::error_code error)
     {
-        if (error || m_session == nullptr || m_isClosing)
+        if (error)
         {
-            EndSession(); // the server has stopped meanwhile, or the client has gone
+            EndSession(); // the client has gone
             return;
         }
         m_isOpen = true;
+        if (m_isClosing)
+        {
+            SendClose(); // the server has begun to stop meanwhile
+            return Read();
+        }
         m_lastHeard = Clock::now();
         m_session->Start();
         if (!m_session->IsAuthenticated())
@@ -250,7 +255,7 @@ private:
         AfterSession();
     }
 
-    /// Says why, and goes for good when the client does not answer.
+    /// Says why, once the handshake has been answered, and goes for good when the client does not answer.
     void Close(SessionEnd end)
     {
         if (std::exchange(m_isClosing, true))
@@ -258,11 +263,15 @@ private:
             return;
         }
         EndSession();
-        if (!m_isOpen)
+        m_end = std::move(end);
+        if (m_isOpen)
         {
-            beast::get_lowest_layer(m_ws).close();
-            return;
+            SendClose();
         }
+    }
+
+    void SendClose()
+    {
         constexpr std::chrono::seconds kPatience{3};
         m_closeTimer.expires_after(kPatience);
         m_closeTimer.async_wait(
@@ -275,8 +284,8 @@ private:
                 }
             });
         constexpr std::size_t kMostReason = 120; // a close frame has room for no more
-        websocket::close_reason reason(static_cast<websocket::close_code>(end.code));
-        reason.reason = end.reason.substr(0, kMostReason);
+        websocket::close_reason reason(static_cast<websocket::close_code>(m_end.code));
+        reason.reason = m_end.reason.substr(0, kMostReason);
         m_ws.async_close(reason, [self = this->shared_from_this()](beast::error_code) { self->m_closeTimer.cancel(); });
     }
 
@@ -302,7 +311,8 @@ private:
     asio::steady_timer m_closeTimer;
     beast::flat_buffer m_buffer;
     std::shared_ptr<ClientSession> m_session; ///< null once it has ended
-    bool m_isOpen = false;
+    SessionEnd m_end;                         ///< once m_isClosing
+    bool m_isOpen = false;                    ///< the handshake has been answered
     bool m_isClosing = false;
     bool m_isWriting = false;
     bool m_isPinging = false;
