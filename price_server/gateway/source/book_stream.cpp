@@ -175,7 +175,42 @@ json::object ToObject(const Map& map)
 
 } // namespace
 
-SharedText BookStream::GetMessage(const SharedBook& previous, const SharedBook& book)
+void BookRun::Begin(const SharedBook& book)
+{
+    books.clear();
+    isOneEpoch = true;
+    levels = 0;
+    Add(book);
+}
+
+void BookRun::Add(const SharedBook& book)
+{
+    isOneEpoch = isOneEpoch && (books.empty() || books.back()->epoch == book->epoch);
+    levels = std::max(levels, std::max(book->bids.count, book->asks.count));
+    books.push_back(book);
+}
+
+const Lines& BookStream::GetUpdates(const SharedBook& previous, const BookRun& run)
+{
+    if (m_runPrevious == previous && m_runFirst == run.books.front() && m_runLast == run.books.back())
+    {
+        return m_run;
+    }
+    m_run.text.clear();
+    m_run.count = run.books.size();
+    const MergedOrderBook* before = previous.get();
+    for (const SharedBook& book : run.books)
+    {
+        m_run.text.append(m_run.text.empty() ? "" : "\n").append(FormatUpdate(m_instrument, m_depth, *before, *book));
+        before = book.get();
+    }
+    m_runPrevious = previous;
+    m_runFirst = run.books.front();
+    m_runLast = run.books.back();
+    return m_run;
+}
+
+const SharedText& BookStream::GetMessage(const SharedBook& previous, const SharedBook& book)
 {
     if (m_book != book)
     {

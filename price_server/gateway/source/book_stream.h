@@ -17,6 +17,24 @@ namespace ps_ns::gateway
 using SharedText = std::shared_ptr<const std::string>;
 using SharedBook = std::shared_ptr<const MergedOrderBook>;
 
+/// Books that came one after another for the same subscriptions.
+struct BookRun
+{
+    std::vector<SharedBook> books; ///< at least one; each newer than the one before
+    bool isOneEpoch = true;
+    std::uint32_t levels = 0; ///< of the larger side of any of them
+
+    void Begin(const SharedBook& book);
+    void Add(const SharedBook& book);
+};
+
+/// Messages as lines, without an end of the last one.
+struct Lines
+{
+    std::string text;
+    std::uint64_t count = 0;
+};
+
 /// The books of one instrument at one depth as messages: each is written once, however many sessions get it. What has
 /// changed since a book is written once for all sessions that had that book before.
 ///
@@ -32,7 +50,12 @@ public:
 
     /// What takes a client from `previous` (null: it has none) to `book`: an update, or an image when there is none to
     /// go on from, or a new epoch begins.
-    SharedText GetMessage(const SharedBook& previous, const SharedBook& book);
+    /// It stays until the next call.
+    const SharedText& GetMessage(const SharedBook& previous, const SharedBook& book);
+
+    /// Updates that take a client from `previous` through all books of a run, which go on from it. They stay until the
+    /// next call.
+    const Lines& GetUpdates(const SharedBook& previous, const BookRun& run);
 
     const std::string& GetInstrument() const noexcept { return m_instrument; }
     std::int32_t GetDepth() const noexcept { return m_depth; }
@@ -45,6 +68,11 @@ private:
     SharedBook m_book;
     SharedText m_image;
     std::vector<std::pair<SharedBook, SharedText>> m_updates; ///< by the book before
+    /// The updates of the run that was asked for last.
+    SharedBook m_runPrevious;
+    SharedBook m_runFirst;
+    SharedBook m_runLast;
+    Lines m_run;
 };
 
 /// Writes messages of the protocol. docs/protocol.md says what is in them.

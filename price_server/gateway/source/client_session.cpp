@@ -35,13 +35,13 @@ std::optional<std::string> GetId(const Request& request)
 } // namespace
 
 ClientSession::ClientSession(GatewayCore& core, std::uint64_t number, std::string remote,
-                             std::optional<Identity> identity, std::function<void()> wake)
+                             std::optional<Identity> identity, std::function<void()> onOutput)
     : m_core(core)
     , m_number(number)
     , m_remote(std::move(remote))
     , m_since_ns(GetTime_ns())
     , m_identity(std::move(identity))
-    , m_inbox(std::make_shared<Inbox>(std::move(wake)))
+    , m_onOutput(std::move(onOutput))
     , m_out(core.GetOptions().limits.conflate_bytes, core.GetOptions().limits.close_bytes)
     , m_rate(core.GetOptions().limits.requests_per_second, Clock::now())
 {
@@ -64,9 +64,9 @@ void ClientSession::End()
     {
         return;
     }
-    m_inbox->Close();
     for (const auto& [id, subscription] : m_subscriptions)
     {
+        m_core.GetSlots().Remove(id);
         m_core.Unsubscribe(subscription.def, subscription.subscriber, id);
     }
     m_subscriptions.clear();
@@ -98,7 +98,7 @@ void ClientSession::OnMessage(std::string_view message)
             HandleLine(line);
         }
     }
-    Pump();
+    Settle();
 }
 
 void ClientSession::HandleLine(std::string_view line)
@@ -213,19 +213,21 @@ void ClientSession::Handle(const SubscribeRequest& request)
                       "this session has a subscription of " + name + " with depth " +
                           std::to_string(subscription.scope.depth) + " already");
     }
-    subscription.id = m_core.MakeSubscriptionId();
+    subscription.id = m_core.GetSlots().Add(*this);
     subscription.request = request.request;
     subscription.kinds = request.kinds;
     subscription.stream = m_core.GetStream(name, subscription.scope.depth);
-    subscription.subscriber =
-        std::make_shared<Subscriber>("gateway-" + std::to_string(m_number), request.request, m_inbox);
+    subscription.subscriber = std::make_shared<Subscriber>("gateway-" + std::to_string(m_number), request.request,
+                                                           m_core.GetMailbox(subscription.def), weak_from_this());
     if (!m_core.Subscribe(subscription.def, subscription.scope, subscription.subscriber, subscription.id))
     {
+        m_core.GetSlots().Remove(subscription.id);
         return Refuse(request.request, "not_ready", "", "the server is starting or stopping");
     }
     m_out.Push(FormatAccepted(request.request, name, subscription.scope.depth));
-    m_idByRequest[request.request] = subscription.id;
-    m_subscriptions.emplace(subscription.id, std::move(subscription));
+    const unsigned long id = subscription.id;
+    m_idByRequest[request.request] = id;
+    m_core.GetSlots().Set(id, m_subscriptions.emplace(id, std::move(subscription)).first->second);
 }
 
 void ClientSession::Handle(const ChangeRequest& request)
@@ -294,6 +296,7 @@ void ClientSession::Handle(const UnsubscribeRequest& request)
     subscription->subscriber->SetRequest(request.request);
     m_core.Unsubscribe(subscription->def, subscription->subscriber, subscription->id);
     const unsigned long id = subscription->id;
+    m_core.GetSlots().Remove(id);
     m_idByRequest.erase(request.subscription);
     m_subscriptions.erase(id);
     m_out.Push(FormatAccepted(request.request, "", 0));

@@ -1,15 +1,10 @@
 #pragma once
 
 #include "access.h"
-#include "book_stream.h"
-#include "composite_instrument/composite_instrument_def.h"
-#include "composite_instrument/composite_subscription_info.h"
 #include "gateway/protocol.h"
-#include "inbox.h"
 #include "outbound_queue.h"
 #include "rate_limit.h"
-#include "simple_subscription/instrument_directory.h"
-#include "subscriber.h"
+#include "session_subscription.h"
 
 #include <atomic>
 #include <chrono>
@@ -53,16 +48,17 @@ struct SessionView
 
 /// One client: what it has subscribed, and what it has still to be sent. Knows the protocol, not the sockets.
 ///
-/// Threads: the gateway's I/O thread; its inbox takes from the executors.
+/// Threads: the gateway's I/O thread.
 /// Ownership: shared by its connection; the gateway keeps a weak reference. End must be called before it dies.
 class ClientSession : public std::enable_shared_from_this<ClientSession>
 {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// `identity` empty: a token is still to come. `wake` has the I/O thread call Pump; from any thread.
+    /// `identity` empty: a token is still to come. `onOutput` is called at the end of a turn that may have brought
+    /// something to write.
     ClientSession(GatewayCore& core, std::uint64_t number, std::string remote, std::optional<Identity> identity,
-                  std::function<void()> wake);
+                  std::function<void()> onOutput);
     ~ClientSession();
     ClientSession(const ClientSession&) = delete;
     ClientSession& operator=(const ClientSession&) = delete;
@@ -71,8 +67,16 @@ public:
     void Start();
     /// One message of the client: one or more lines.
     void OnMessage(std::string_view message);
-    /// Takes what has come in and queues what is to be sent.
-    void Pump();
+    /// Something that is no book has come for one of its subscriptions; what was left out; books.
+    void Take(SessionSubscription& subscription, const Mailbox::What& what);
+    void Take(SessionSubscription& subscription, const Mailbox::Overflow& overflow);
+    void Take(SessionSubscription& subscription, const BookRun& run);
+    /// A message as it is.
+    void TakeText(std::string_view text);
+    /// True the first time since the last FinishTurn.
+    bool EnterTurn() noexcept { return !std::exchange(m_isInTurn, true); }
+    /// Everything that has come by now has been taken.
+    void FinishTurn();
     /// Drops all subscriptions; nothing more is queued. Idempotent.
     void End();
 
@@ -83,8 +87,10 @@ public:
     // --- Writing: the connection takes a batch, writes it, and says when it is done ---
 
     bool HasOutput() const noexcept { return !m_out.IsEmpty(); }
-    std::vector<SharedText> BeginWrite();
-    void FinishWrite(std::size_t bytes);
+    /// Lines for one message.
+    std::string BeginWrite();
+    /// The lines come back.
+    void FinishWrite(std::string lines);
     /// The client takes nothing just now: the books that it had, which nobody else needs any more, are let go where
     /// newer ones wait. It gets images when it wakes.
     void ForgetSent();
@@ -95,24 +101,7 @@ public:
     SessionView GetView() const;
 
 private:
-    struct Subscription
-    {
-        unsigned long id = 0;
-        std::string request;
-        CompositeInstrumentDef def;
-        DirectoryEntry entry;            ///< what the client has last heard of its instrument
-        CompositeSubscriptionInfo scope; ///< with a literal depth
-        Kinds kinds;
-        std::shared_ptr<BookStream> stream;
-        std::shared_ptr<Subscriber> subscriber;
-        SharedBook latest;          ///< whatever the client wants or has been sent
-        SharedBook sent;            ///< the client's state; null: it needs an image
-        SharedBook waiting;         ///< the latest of those that conflate
-        SharedFields waitingFields; ///< the latest of those that conflate
-        bool isWaiting = false;     ///< it is in m_waiting
-        std::uint64_t skipped = 0;  ///< books left out since the one that was sent last
-        std::uint64_t lostTrades = 0;
-    };
+    using Subscription = SessionSubscription;
 
     void HandleLine(std::string_view line);
     void Handle(const SubscribeRequest& request);
@@ -126,6 +115,7 @@ private:
     bool HasStream(const std::string& instrument, std::int32_t depth, const Subscription* except) const;
     std::int32_t ResolveDepth(short marketId, std::int32_t depth) const;
 
+    bool TakesAtOnce(const Subscription& subscription, const BookRun& run) const;
     void OnBook(Subscription& subscription, SharedBook book);
     void SendBook(Subscription& subscription, SharedBook book);
     void TellRename(Subscription& subscription, std::uint64_t epoch);
@@ -133,6 +123,7 @@ private:
     void OnFields(Subscription& subscription, const SharedFields& fields);
     void Wait(Subscription& subscription);
     void SendWaiting();
+    void Settle();
     void EndWith(std::uint16_t code, std::string reason);
 
     GatewayCore& m_core;
@@ -140,7 +131,7 @@ private:
     const std::string m_remote;
     const std::uint64_t m_since_ns;
     std::optional<Identity> m_identity;
-    const std::shared_ptr<Inbox> m_inbox;
+    const std::function<void()> m_onOutput;
     OutboundQueue m_out;
     RateLimit m_rate;
     std::unordered_map<unsigned long, Subscription> m_subscriptions;
@@ -148,6 +139,7 @@ private:
     std::deque<unsigned long> m_waiting; ///< subscriptions with something that waits, or gone; the oldest first
     std::optional<SessionEnd> m_end;
     bool m_hasEnded = false;
+    bool m_isInTurn = false;
     Clock::time_point m_writeBegan{};
     bool m_isWriting = false;
     std::uint64_t m_sentBytes = 0;

@@ -10,73 +10,100 @@ namespace ps_ns::gateway
 namespace
 {
 
-constexpr std::size_t kWriteBytes = 64 * 1024; // of one message to the client
 constexpr std::uint16_t kTryAgainLater = 1013;
 
 } // namespace
 
-void ClientSession::Pump()
+void ClientSession::Take(SessionSubscription& subscription, const Mailbox::What& what)
+{
+    if (const auto* const trades = std::get_if<SharedTrades>(&what))
+    {
+        OnTrades(subscription, *trades);
+    }
+    else if (const auto* const fields = std::get_if<SharedFields>(&what))
+    {
+        OnFields(subscription, *fields);
+    }
+    else if (const auto* const text = std::get_if<std::string>(&what))
+    {
+        m_out.Push(*text);
+    }
+}
+
+void ClientSession::Take(SessionSubscription& subscription, const Mailbox::Overflow& overflow)
+{
+    if (overflow.lostTrades != 0)
+    {
+        subscription.lostTrades += overflow.lostTrades;
+        m_lostTrades += overflow.lostTrades;
+        Wait(subscription);
+    }
+    if (overflow.book != nullptr)
+    {
+        const std::uint64_t skipped = subscription.kinds.book ? overflow.skippedBooks : 0;
+        subscription.skipped += skipped;
+        m_conflated += skipped;
+        OnBook(subscription, overflow.book);
+    }
+    if (overflow.fields != nullptr)
+    {
+        OnFields(subscription, overflow.fields);
+    }
+}
+
+/// Nothing special about any of them: what they change is the same for all clients that had the same book before.
+bool ClientSession::TakesAtOnce(const Subscription& subscription, const BookRun& run) const
+{
+    return subscription.kinds.book && subscription.sent != nullptr && subscription.waiting == nullptr &&
+           subscription.skipped == 0 && run.isOneEpoch && subscription.sent->epoch == run.books.front()->epoch &&
+           subscription.sent->sequence < run.books.front()->sequence &&
+           run.levels <= static_cast<std::uint32_t>(subscription.scope.depth);
+}
+
+void ClientSession::Take(SessionSubscription& subscription, const BookRun& run)
+{
+    if (TakesAtOnce(subscription, run))
+    {
+        const Lines& lines = subscription.stream->GetUpdates(subscription.sent, run);
+        if (m_out.StaysFluentWith(lines.text.size()))
+        {
+            m_out.Push(lines.text, lines.count);
+            subscription.sent = run.books.back();
+            subscription.latest = subscription.sent;
+            return;
+        }
+    }
+    for (const SharedBook& book : run.books)
+    {
+        OnBook(subscription, book);
+    }
+}
+
+void ClientSession::TakeText(std::string_view text)
+{
+    if (!m_hasEnded)
+    {
+        m_out.Push(text);
+    }
+}
+
+void ClientSession::FinishTurn()
+{
+    m_isInTurn = false;
+    Settle();
+    if (!m_hasEnded)
+    {
+        m_onOutput();
+    }
+}
+
+void ClientSession::Settle()
 {
     if (m_hasEnded)
     {
         return;
     }
-    Inbox::Content content = m_inbox->Take();
-    for (Inbox::Event& event : content.events)
-    {
-        const auto subscription = m_subscriptions.find(event.subscription);
-        if (auto* const text = std::get_if<std::string>(&event.what))
-        {
-            // Nothing more of a subscription follows the answer to its unsubscribe, but that this has failed.
-            if (subscription != m_subscriptions.end() || event.subscription == Inbox::kWholeSession)
-            {
-                m_out.Push(std::move(*text));
-            }
-        }
-        else if (subscription == m_subscriptions.end())
-        {
-            continue;
-        }
-        else if (auto* const book = std::get_if<SharedBook>(&event.what))
-        {
-            OnBook(subscription->second, std::move(*book));
-        }
-        else if (const auto* const trades = std::get_if<SharedTrades>(&event.what))
-        {
-            OnTrades(subscription->second, *trades);
-        }
-        else
-        {
-            OnFields(subscription->second, std::get<SharedFields>(event.what));
-        }
-    }
-    for (auto& [id, overflow] : content.overflow)
-    {
-        const auto subscription = m_subscriptions.find(id);
-        if (subscription == m_subscriptions.end())
-        {
-            continue;
-        }
-        if (overflow.lostTrades != 0)
-        {
-            subscription->second.lostTrades += overflow.lostTrades;
-            m_lostTrades += overflow.lostTrades;
-            Wait(subscription->second);
-        }
-        if (overflow.book != nullptr)
-        {
-            const std::uint64_t skipped = subscription->second.kinds.book ? overflow.skippedBooks : 0;
-            subscription->second.skipped += skipped;
-            m_conflated += skipped;
-            OnBook(subscription->second, std::move(overflow.book));
-        }
-        if (overflow.fields != nullptr)
-        {
-            OnFields(subscription->second, overflow.fields);
-        }
-    }
     SendWaiting();
-    m_inbox->SetConflating(m_out.MustConflate());
     if (m_out.IsOverfull())
     {
         EndWith(kTryAgainLater, "too slow: " + std::to_string(m_out.GetUnsent()) + " bytes are unsent");
@@ -106,7 +133,7 @@ void ClientSession::OnFields(Subscription& subscription, const SharedFields& fie
 {
     if (!m_out.MustConflate() && subscription.waitingFields == nullptr)
     {
-        m_out.Push(m_core.GetFieldsText(subscription.stream->GetInstrument(), fields));
+        m_out.Push(*m_core.GetFieldsText(subscription.stream->GetInstrument(), fields));
         return;
     }
     subscription.waitingFields = fields; // they are whole: the latest says it all
@@ -132,7 +159,7 @@ void ClientSession::SendBook(Subscription& subscription, SharedBook book)
     {
         TellRename(subscription, book->epoch);
     }
-    m_out.Push(subscription.stream->GetMessage(subscription.sent, book));
+    m_out.Push(*subscription.stream->GetMessage(subscription.sent, book));
     subscription.sent = std::move(book);
 }
 
@@ -153,7 +180,7 @@ void ClientSession::OnTrades(Subscription& subscription, const SharedTrades& tra
     const SharedText text = m_core.GetTradesText(subscription.stream->GetInstrument(), trades);
     if (subscription.lostTrades == 0 && m_out.HasRoomFor(text->size() + kReserve))
     {
-        m_out.Push(text);
+        m_out.Push(*text);
         return;
     }
     subscription.lostTrades += trades->size();
@@ -189,28 +216,28 @@ void ClientSession::SendWaiting()
         }
         if (const SharedFields fields = std::exchange(subscription.waitingFields, nullptr))
         {
-            m_out.Push(m_core.GetFieldsText(instrument, fields));
+            m_out.Push(*m_core.GetFieldsText(instrument, fields));
         }
     }
 }
 
 // --- Writing ---------------------------------------------------------------------------------------------------------
 
-std::vector<SharedText> ClientSession::BeginWrite()
+std::string ClientSession::BeginWrite()
 {
     m_isWriting = true;
     m_writeBegan = Clock::now();
-    std::vector<SharedText> texts = m_out.BeginWrite(kWriteBytes);
-    m_sentMessages += texts.size();
-    return texts;
+    OutboundQueue::Batch batch = m_out.BeginWrite();
+    m_sentMessages += batch.count;
+    return std::move(batch.lines);
 }
 
-void ClientSession::FinishWrite(std::size_t bytes)
+void ClientSession::FinishWrite(std::string lines)
 {
     m_isWriting = false;
-    m_sentBytes += bytes;
-    m_out.FinishWrite();
-    Pump();
+    m_sentBytes += lines.size();
+    m_out.FinishWrite(std::move(lines));
+    Settle();
 }
 
 void ClientSession::ForgetSent()

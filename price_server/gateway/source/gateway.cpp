@@ -72,6 +72,7 @@ public:
         Drain();
         m_io.stop();
         m_thread.join();
+        m_context.core.CloseMailboxes();
     }
 
     std::uint16_t GetPort() const noexcept { return m_port; }

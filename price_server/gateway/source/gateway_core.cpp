@@ -30,7 +30,10 @@ GatewayCore::GatewayCore(GatewayOptions options, IBackend& backend, std::functio
 {
 }
 
-GatewayCore::~GatewayCore() = default;
+GatewayCore::~GatewayCore()
+{
+    CloseMailboxes();
+}
 
 const std::vector<ListedInstrument>& GatewayCore::GetInstruments()
 {
@@ -185,29 +188,158 @@ std::vector<std::shared_ptr<ClientSession>> GatewayCore::GetSessions() const
     return sessions;
 }
 
-void GatewayCore::Schedule(std::function<void()> pump)
+// --- Mail ------------------------------------------------------------------------------------------------------------
+
+std::shared_ptr<Mailbox> GatewayCore::GetMailbox(const CompositeInstrumentDef& def)
+{
+    std::weak_ptr<Mailbox>& known = m_mailboxes[CompositeInstrumentID(def)];
+    std::shared_ptr<Mailbox> mailbox = known.lock();
+    if (mailbox == nullptr)
+    {
+        mailbox = std::make_shared<Mailbox>([this](std::shared_ptr<Mailbox> woken) { Wake(std::move(woken)); });
+        known = mailbox;
+        ForgetDeadMailboxes();
+    }
+    return mailbox;
+}
+
+void GatewayCore::ForgetDeadMailboxes()
+{
+    if (m_mailboxes.size() < m_nextMailboxCount)
+    {
+        return;
+    }
+    std::erase_if(m_mailboxes, [](const auto& entry) { return entry.second.expired(); });
+    m_nextMailboxCount = std::max(kFirstStreamCount, 2 * m_mailboxes.size());
+}
+
+void GatewayCore::CloseMailboxes()
+{
+    for (const auto& [identity, weak] : m_mailboxes)
+    {
+        if (const auto mailbox = weak.lock())
+        {
+            mailbox->Close();
+        }
+    }
+}
+
+/// From any thread. One post serves all that are woken until it runs.
+void GatewayCore::Wake(std::shared_ptr<Mailbox> mailbox)
 {
     {
         const std::lock_guard lock(m_mutex);
-        m_scheduled.push_back(std::move(pump));
-        if (m_scheduled.size() > 1)
+        m_woken.push_back(std::move(mailbox));
+        if (m_woken.size() > 1)
         {
             return;
         }
     }
-    m_post([this] { RunScheduled(); });
+    m_post([this] { TakeMail(); });
 }
 
-void GatewayCore::RunScheduled()
+/// One turn: all that has come, for all sessions; then each session writes once.
+void GatewayCore::TakeMail()
 {
-    std::vector<std::function<void()>> scheduled;
+    std::vector<std::shared_ptr<Mailbox>> woken;
     {
         const std::lock_guard lock(m_mutex);
-        scheduled.swap(m_scheduled);
+        woken.swap(m_woken);
     }
-    for (const auto& pump : scheduled)
+    for (const auto& mailbox : woken)
     {
-        pump();
+        mailbox->Take(m_content);
+        Distribute(m_content);
+    }
+    m_content.Clear();
+    m_run.books.clear();
+    for (const auto& session : m_turn)
+    {
+        session->FinishTurn();
+    }
+    m_turn.clear();
+}
+
+void GatewayCore::Distribute(const Mailbox::Content& content)
+{
+    const unsigned long* receiver = content.receivers.data();
+    for (auto event = content.events.begin(); event != content.events.end();)
+    {
+        if (const auto* const message = std::get_if<Mailbox::SessionText>(&event->what))
+        {
+            if (const auto session = message->session.lock())
+            {
+                session->TakeText(message->text);
+                AddToTurn(*session);
+            }
+        }
+        const std::span<const unsigned long> receivers(receiver, event->receivers);
+        if (std::holds_alternative<SharedBook>(event->what))
+        {
+            const auto end = FindRun(event, content.events.end(), receivers);
+            DistributeRun(receivers);
+            receiver += receivers.size() * static_cast<std::size_t>(end - event);
+            event = end;
+            continue;
+        }
+        for (const unsigned long id : receivers)
+        {
+            if (const SubscriptionSlots::Slot* const slot = m_slots.Find(id))
+            {
+                slot->session->Take(*slot->subscription, event->what);
+                AddToTurn(*slot->session);
+            }
+        }
+        receiver += receivers.size();
+        ++event;
+    }
+    for (const auto& [id, overflow] : content.overflow)
+    {
+        if (const SubscriptionSlots::Slot* const slot = m_slots.Find(id))
+        {
+            slot->session->Take(*slot->subscription, overflow);
+            AddToTurn(*slot->session);
+        }
+    }
+}
+
+/// Collects in m_run the books from `event` on that are for the same subscriptions; returns the event behind them.
+GatewayCore::EventIterator GatewayCore::FindRun(EventIterator event, EventIterator end,
+                                                std::span<const unsigned long> receivers)
+{
+    constexpr std::size_t kMost = 64;
+    m_run.Begin(std::get<SharedBook>(event->what));
+    const unsigned long* next = receivers.data() + receivers.size();
+    for (++event; event != end && m_run.books.size() < kMost; ++event, next += receivers.size())
+    {
+        const auto* const book = std::get_if<SharedBook>(&event->what);
+        if (book == nullptr || event->receivers != receivers.size() ||
+            !std::equal(receivers.begin(), receivers.end(), next))
+        {
+            break;
+        }
+        m_run.Add(*book);
+    }
+    return event;
+}
+
+void GatewayCore::DistributeRun(std::span<const unsigned long> receivers)
+{
+    for (const unsigned long id : receivers)
+    {
+        if (const SubscriptionSlots::Slot* const slot = m_slots.Find(id))
+        {
+            slot->session->Take(*slot->subscription, m_run);
+            AddToTurn(*slot->session);
+        }
+    }
+}
+
+void GatewayCore::AddToTurn(ClientSession& session)
+{
+    if (session.EnterTurn())
+    {
+        m_turn.push_back(session.shared_from_this());
     }
 }
 

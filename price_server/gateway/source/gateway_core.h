@@ -2,11 +2,13 @@
 
 #include "access.h"
 #include "book_stream.h"
+#include "composite_instrument/composite_instrument_id.h"
 #include "gateway/backend.h"
 #include "gateway/gateway_options.h"
 #include "gateway/instrument_list.h"
-#include "inbox.h"
+#include "mailbox.h"
 #include "subscriber.h"
+#include "subscription_slots.h"
 
 #include <atomic>
 #include <chrono>
@@ -15,6 +17,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -47,7 +50,7 @@ struct GatewayCounts
 
 /// What all sessions and requests of a gateway share.
 ///
-/// Threads: the gateway's I/O thread, but for Schedule, MakeSubscriptionId and the counts.
+/// Threads: the gateway's I/O thread, but for the counts.
 class GatewayCore
 {
 public:
@@ -71,7 +74,9 @@ public:
 
     // --- Subscriptions. False: the server takes no requests just now. ---
 
-    unsigned long MakeSubscriptionId() noexcept { return m_nextSubscriptionId.fetch_add(1); }
+    SubscriptionSlots& GetSlots() noexcept { return m_slots; }
+    /// Where the prices of an instrument arrive, for all who subscribe it.
+    std::shared_ptr<Mailbox> GetMailbox(const CompositeInstrumentDef& def);
     bool Subscribe(const CompositeInstrumentDef& def, const CompositeSubscriptionInfo& scope,
                    const std::shared_ptr<Subscriber>& subscriber, unsigned long id);
     bool ChangeScope(const CompositeInstrumentDef& def, const CompositeSubscriptionInfo& scope,
@@ -93,21 +98,26 @@ public:
     void Leave(std::uint64_t number);
     std::vector<std::shared_ptr<ClientSession>> GetSessions() const;
     void CountRefusedToken() noexcept { ++m_counts.refusedTokens; }
-    /// Has the I/O thread call `pump` soon: one post serves all that are scheduled until then. From any thread.
-    void Schedule(std::function<void()> pump);
+    /// Nothing is taken from the executors any more. Before what runs `post`'s tasks dies.
+    void CloseMailboxes();
 
 private:
     const std::vector<ListedInstrument>& ReadInstruments(std::chrono::milliseconds oldest);
-    void RunScheduled();
+    void Wake(std::shared_ptr<Mailbox> mailbox);
+    void TakeMail();
+    void Distribute(const Mailbox::Content& content);
+    using EventIterator = std::vector<Mailbox::Event>::const_iterator;
+    EventIterator FindRun(EventIterator event, EventIterator end, std::span<const unsigned long> receivers);
+    void DistributeRun(std::span<const unsigned long> receivers);
+    void AddToTurn(ClientSession& session);
     void ForgetDeadStreams();
+    void ForgetDeadMailboxes();
 
     const GatewayOptions m_options;
     IBackend& m_backend;
     const std::function<void(std::function<void()>)> m_post;
     const AccessControl m_access;
     GatewayCounts m_counts;
-    /// Direct and flexible clients of an instrument share one space of ids: the low ones are the server's own.
-    std::atomic<unsigned long> m_nextSubscriptionId{1UL << 32};
     std::uint64_t m_lastSession = 0;
 
     std::chrono::steady_clock::time_point m_instrumentsRead{};
@@ -129,8 +139,15 @@ private:
 
     std::unordered_map<std::uint64_t, std::weak_ptr<ClientSession>> m_sessions;
 
+    SubscriptionSlots m_slots;
+    std::unordered_map<CompositeInstrumentID, std::weak_ptr<Mailbox>, CompositeInstrumentID::Hasher> m_mailboxes;
+    std::size_t m_nextMailboxCount = kFirstStreamCount; ///< with so many, the dead ones go
+    Mailbox::Content m_content;                         ///< of the mailbox that is being emptied
+    BookRun m_run;                                      ///< that is being distributed
+    std::vector<std::shared_ptr<ClientSession>> m_turn; ///< for whom something has come in this turn
+
     std::mutex m_mutex;
-    std::vector<std::function<void()>> m_scheduled; ///< under m_mutex
+    std::vector<std::shared_ptr<Mailbox>> m_woken; ///< under m_mutex
 };
 
 } // namespace ps_ns::gateway

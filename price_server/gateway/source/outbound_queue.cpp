@@ -4,29 +4,51 @@
 
 namespace ps_ns::gateway
 {
-
-void OutboundQueue::Push(SharedText text)
+namespace
 {
-    m_queued += text->size();
-    m_texts.push_back(std::move(text));
+
+constexpr std::size_t kSpareBytes = 32 * 1024; // a session keeps no more memory than this for its next texts
+
+} // namespace
+
+void OutboundQueue::Push(std::string_view text, std::uint64_t lines)
+{
+    if (m_batches.empty() || m_batches.back().lines.size() + 1 + text.size() > m_write)
+    {
+        m_batches.push_back({std::exchange(m_spare, {}), 0});
+        m_batches.back().lines.clear();
+    }
+    Batch& batch = m_batches.back();
+    const std::size_t before = batch.lines.size();
+    if (std::exchange(batch.count, batch.count + lines) != 0)
+    {
+        batch.lines += '\n';
+    }
+    batch.lines += text;
+    m_queued += batch.lines.size() - before;
 }
 
-std::vector<SharedText> OutboundQueue::BeginWrite(std::size_t most_bytes)
+OutboundQueue::Batch OutboundQueue::BeginWrite()
 {
-    std::vector<SharedText> texts;
-    while (!m_texts.empty() && (texts.empty() || m_writing + m_texts.front()->size() <= most_bytes))
-    {
-        m_writing += m_texts.front()->size();
-        texts.push_back(std::move(m_texts.front()));
-        m_texts.pop_front();
-    }
+    Batch batch = std::move(m_batches.front());
+    m_batches.pop_front();
+    m_writing = batch.lines.size();
     m_queued -= m_writing;
-    return texts;
+    return batch;
+}
+
+void OutboundQueue::FinishWrite(std::string written) noexcept
+{
+    m_writing = 0;
+    if (written.capacity() <= kSpareBytes)
+    {
+        m_spare = std::move(written);
+    }
 }
 
 void OutboundQueue::Clear() noexcept
 {
-    m_texts.clear();
+    m_batches.clear();
     m_queued = 0;
 }
 

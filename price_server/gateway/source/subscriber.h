@@ -2,7 +2,7 @@
 
 #include "composite_instrument/i_flexible_price_observer.h"
 #include "gateway/protocol.h"
-#include "inbox.h"
+#include "mailbox.h"
 
 #include <memory>
 #include <mutex>
@@ -20,11 +20,13 @@ class Subscriber final : public IFlexiblePriceObserver
 {
 public:
     /// `name` appears in the manager's log; `request` is who hears of what the manager answers.
-    Subscriber(std::string name, std::string request, std::shared_ptr<Inbox> inbox)
+    Subscriber(std::string name, std::string request, std::shared_ptr<Mailbox> mailbox,
+               std::weak_ptr<ClientSession> session)
         : IFlexiblePriceObserver(std::move(name))
         , m_subscribeRequest(request)
         , m_lastRequest(std::move(request))
-        , m_inbox(std::move(inbox))
+        , m_mailbox(std::move(mailbox))
+        , m_session(std::move(session))
     {
     }
 
@@ -39,28 +41,28 @@ public:
                      const PriceFormat& format, CompositeComponentType::Type component,
                      const CompositeSubscriptionState&) override
     {
-        m_inbox->PushText(id, FormatComponentResult(m_subscribeRequest, result, component, format));
+        m_mailbox->PushText(id, FormatComponentResult(m_subscribeRequest, result, component, format));
     }
     void OnChangeScope(unsigned long id, const CompositeInstrumentDef&, Result result) override
     {
-        m_inbox->PushText(id, FormatResult(GetRequest(), result));
+        m_mailbox->PushText(id, FormatResult(GetRequest(), result));
     }
     void OnOrderBook(unsigned long id, const CompositeInstrumentDef&, const SharedBook& book) override
     {
-        m_inbox->PushBook(id, book);
+        m_mailbox->PushBook(id, book);
     }
     void OnTrades(unsigned long id, const CompositeInstrumentDef&, const SharedTrades& trades) override
     {
-        m_inbox->PushTrades(id, trades);
+        m_mailbox->PushTrades(id, trades);
     }
     void OnCustomFields(unsigned long id, const CompositeInstrumentDef&, const SharedFields& fields) override
     {
-        m_inbox->PushFields(id, fields);
+        m_mailbox->PushFields(id, fields);
     }
     void OnUnsubscribe(unsigned long, const CompositeInstrumentDef&, Result result, CompositeComponentType::Type,
                        const CompositeSubscriptionState&) override
     {
-        m_inbox->PushText(Inbox::kWholeSession, FormatResult(GetRequest(), result));
+        m_mailbox->PushText(m_session, FormatResult(GetRequest(), result));
     }
 
 private:
@@ -73,7 +75,8 @@ private:
     const std::string m_subscribeRequest;
     std::mutex m_mutex;
     std::string m_lastRequest; ///< under m_mutex
-    const std::shared_ptr<Inbox> m_inbox;
+    const std::shared_ptr<Mailbox> m_mailbox;
+    const std::weak_ptr<ClientSession> m_session;
 };
 
 } // namespace ps_ns::gateway

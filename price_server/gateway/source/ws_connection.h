@@ -78,16 +78,12 @@ public:
         m_ws.text(true);
         std::weak_ptr<WsConnection> weak = this->weak_from_this();
         m_session = std::make_shared<ClientSession>(m_core, m_core.MakeSessionNumber(), remote, std::move(identity),
-                                                    [&core = m_core, weak]
+                                                    [weak]
                                                     {
-                                                        core.Schedule(
-                                                            [weak]
-                                                            {
-                                                                if (const auto self = weak.lock())
-                                                                {
-                                                                    self->OnWake();
-                                                                }
-                                                            });
+                                                        if (const auto self = weak.lock())
+                                                        {
+                                                            self->OnOutput();
+                                                        }
                                                     });
         m_core.Enter(m_session); // it takes one of the places from now on
         m_ws.async_accept(request, beast::bind_front_handler(&WsConnection::OnAccept, this->shared_from_this()));
@@ -197,11 +193,10 @@ private:
         m_ws.async_ping({}, [self = this->shared_from_this()](beast::error_code) { self->m_isPinging = false; });
     }
 
-    void OnWake()
+    void OnOutput()
     {
-        if (m_session != nullptr && m_isOpen && !m_isClosing)
+        if (m_isOpen)
         {
-            m_session->Pump();
             AfterSession();
         }
     }
@@ -229,29 +224,20 @@ private:
             return;
         }
         m_isWriting = true;
-        m_texts = m_session->BeginWrite();
-        m_buffers.clear();
-        for (const SharedText& text : m_texts)
-        {
-            if (!m_buffers.empty())
-            {
-                m_buffers.emplace_back("\n", 1);
-            }
-            m_buffers.emplace_back(asio::buffer(*text));
-        }
-        m_ws.async_write(m_buffers, beast::bind_front_handler(&WsConnection::OnWrite, this->shared_from_this()));
+        m_lines = m_session->BeginWrite();
+        m_ws.async_write(asio::buffer(m_lines),
+                         beast::bind_front_handler(&WsConnection::OnWrite, this->shared_from_this()));
     }
 
-    void OnWrite(beast::error_code error, std::size_t bytes)
+    void OnWrite(beast::error_code error, std::size_t)
     {
         m_isWriting = false;
-        m_texts.clear();
         if (error || m_session == nullptr)
         {
             EndSession();
             return;
         }
-        m_session->FinishWrite(bytes);
+        m_session->FinishWrite(std::move(m_lines));
         AfterSession();
     }
 
@@ -318,8 +304,7 @@ private:
     bool m_isPinging = false;
     Clock::time_point m_lastHeard; ///< a message, or a control frame
     Clock::time_point m_lastPing{};
-    std::vector<SharedText> m_texts; ///< of the write under way
-    std::vector<asio::const_buffer> m_buffers;
+    std::string m_lines; ///< of the write under way
 };
 
 } // namespace ps_ns::gateway

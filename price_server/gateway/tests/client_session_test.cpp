@@ -6,7 +6,10 @@
 #include <boost/json.hpp>
 #include <gtest/gtest.h>
 
+#include <deque>
+#include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -51,17 +54,18 @@ GatewayOptions MakeOptions()
 }
 
 /// What a session has to send, as objects.
-Objects Drain(ClientSession& session)
+Objects Write(ClientSession& session)
 {
     Objects objects;
-    session.Pump();
     while (session.HasOutput())
     {
-        for (const SharedText& text : session.BeginWrite())
+        std::string batch = session.BeginWrite();
+        std::istringstream lines(batch);
+        for (std::string line; std::getline(lines, line);)
         {
-            objects.push_back(json::parse(*text).as_object());
+            objects.push_back(json::parse(line).as_object());
         }
-        session.FinishWrite(1);
+        session.FinishWrite(std::move(batch));
     }
     return objects;
 }
@@ -109,6 +113,21 @@ protected:
     }
 
     void Run() { backend.bench.Run(); }
+    /// What the I/O thread has been asked to do.
+    void RunIo()
+    {
+        while (!posted.empty())
+        {
+            const auto task = std::move(posted.front());
+            posted.pop_front();
+            task();
+        }
+    }
+    Objects Drain(ClientSession& of)
+    {
+        RunIo();
+        return Write(of);
+    }
     std::string Say(const std::string& text)
     {
         session->OnMessage(text);
@@ -159,7 +178,17 @@ protected:
             const std::string quantity = std::to_string(++quantities);
             backend.bench.mds->SendChange(symbol, {{BookSideType::Bid, "100", quantity.c_str()}});
             Run();
-            session->Pump();
+            RunIo();
+        }
+    }
+    /// All at once, as far as the I/O thread sees.
+    void SendChanges(const std::string& symbol, int count)
+    {
+        for (int i = 0; i < count; ++i)
+        {
+            const std::string quantity = std::to_string(++quantities);
+            backend.bench.mds->SendChange(symbol, {{BookSideType::Bid, "100", quantity.c_str()}});
+            Run();
         }
     }
     std::string Take() { return Summarize(Drain(*session)); }
@@ -180,9 +209,10 @@ protected:
     }
 
     int wakes = 0;
+    std::deque<std::function<void()>> posted;
     int quantities = 1;
     BenchBackend backend;
-    GatewayCore core{MakeOptions(), backend, [](std::function<void()> task) { task(); }};
+    GatewayCore core{MakeOptions(), backend, [this](std::function<void()> task) { posted.push_back(std::move(task)); }};
     std::shared_ptr<ClientSession> session = MakeSession();
 };
 
@@ -201,12 +231,14 @@ TEST_F(ClientSessionTest, AnswersASubscribeThenBringsAnImageThenUpdates)
     EXPECT_EQ(Take(), "update 2, update 3");
 }
 
-TEST_F(ClientSessionTest, IsWokenWhenSomethingComes)
+TEST_F(ClientSessionTest, SaysThatThereMayBeSomethingToWriteAtTheEndOfATurn)
 {
     Open("a", "BTC");
     const int before = wakes;
     SendImage("BTC", 4);
-    EXPECT_EQ(wakes, before + 1);
+    SendImage("BTC", 3);
+    RunIo();
+    EXPECT_EQ(wakes, before + 1) << "once for all that has come by then";
 }
 
 TEST_F(ClientSessionTest, TakesARequestIdOnlyOnceUntilItIsFree)
@@ -257,7 +289,7 @@ TEST_F(ClientSessionTest, SendsNothingOfASubscriptionAfterTheAnswerToItsUnsubscr
     Subscribe("a", "ONE:BTC");
     Run();
     backend.bench.mds->Answer("BTC");
-    SendImage("BTC", 3); // all of this waits in the inbox
+    SendImage("BTC", 3); // all of this waits in the mailbox
     session->OnMessage(R"({"type":"unsubscribe","request":"u","subscription":"a"})");
     EXPECT_EQ(Take(), "result 100");
     Run();
@@ -427,11 +459,11 @@ TEST_F(ClientSessionTest, IsNotToldOfBooksLeftOutWhenNoneWas)
     EXPECT_EQ(TakeWithoutPongs(), "update 2");
 }
 
-TEST_F(ClientSessionTest, CountsWhatItsInboxLeavesOut)
+TEST_F(ClientSessionTest, CountsWhatIsLeftOutOfBooksThatCameTogether)
 {
     Open("a", "BTC");
     Stall();
-    session->Pump(); // tells the inbox
+    RunIo();
     for (int i = 0; i < 10; ++i)
     {
         const std::string quantity = std::to_string(++quantities);
@@ -491,13 +523,13 @@ TEST_F(ClientSessionTest, IsToldOfTradesThatAreLost)
         ASSERT_LT(++sent, 1000U);
         backend.bench.mds->SendTrade("BTC", "100", "1");
         Run();
-        session->Pump();
+        RunIo();
     }
     for (int i = 0; i < 4; ++i)
     {
         backend.bench.mds->SendTrade("BTC", "100", "1");
         Run();
-        session->Pump();
+        RunIo();
     }
     EXPECT_FALSE(session->GetEnd()) << "trades alone do not end a session";
     Objects objects = Drain(*session);
@@ -519,7 +551,7 @@ TEST_F(ClientSessionTest, KeepsTheLatestFieldsWhenItIsSlow)
     {
         backend.bench.mds->SendCustomFields("BTC");
         Run();
-        session->Pump();
+        RunIo();
     }
     EXPECT_EQ(TakeWithoutPongs(), "fields");
 }
@@ -539,7 +571,7 @@ TEST_F(ClientSessionTest, EndsWhenItHasTooMuchUnsent)
 
 // --- What sessions share ---
 
-TEST_F(ClientSessionTest, SharesTheTextOfABookWithOtherSessions)
+TEST_F(ClientSessionTest, GetsTheSameTextsAsOtherSessionsWithTheSameBooks)
 {
     Open("a", "BTC");
     const auto other = MakeSession();
@@ -549,13 +581,91 @@ TEST_F(ClientSessionTest, SharesTheTextOfABookWithOtherSessions)
     Drain(*session);
     Drain(*other); // from now on both have the same book
     SendBooks("BTC", 1);
-    other->Pump();
-    const auto first = session->BeginWrite();
-    const auto second = other->BeginWrite();
-    ASSERT_FALSE(first.empty() || second.empty());
-    EXPECT_EQ(first.back(), second.back());
+    const std::string text = session->BeginWrite();
+    EXPECT_EQ(text, other->BeginWrite());
+    EXPECT_NE(text.find(R"("type":"update")"), std::string::npos);
     other->End();
     Run();
+}
+
+// --- Books that come faster than they are taken ---
+
+TEST_F(ClientSessionTest, GetsEachOfTheBooksThatCameTogether)
+{
+    Open("a", "BTC");
+    SendChanges("BTC", 5);
+    EXPECT_EQ(Take(), "update 2, update 3, update 4, update 5, update 6");
+}
+
+TEST_F(ClientSessionTest, GetsEachOfHundredsOfBooksThatCameTogether)
+{
+    GatewayCore wide{GatewayOptions{}, backend, [this](std::function<void()> task) { posted.push_back(task); }};
+    const auto other = std::make_shared<ClientSession>(wide, 1, "test", Identity{"anybody", {}}, [] {});
+    other->OnMessage(R"({"type":"subscribe","request":"x","instrument":"ONE:BTC"})");
+    Run();
+    SendImage("BTC", 3);
+    EXPECT_EQ(Summarize(Drain(*other)), "result 100, image 1");
+    SendChanges("BTC", 200);
+    const Objects objects = Drain(*other);
+    ASSERT_EQ(objects.size(), 200U);
+    for (std::size_t i = 0; i < objects.size(); ++i)
+    {
+        EXPECT_EQ(objects[i].at("previous").as_int64() + 1, objects[i].at("sequence").as_int64());
+        EXPECT_EQ(objects[i].at("sequence").as_int64(), static_cast<std::int64_t>(i) + 2);
+    }
+    other->End();
+    Run();
+}
+
+TEST_F(ClientSessionTest, GoesOnFromItsOwnBookWhateverOthersHave)
+{
+    Open("a", "BTC");
+    SendChanges("BTC", 2);
+    const auto other = MakeSession();
+    other->OnMessage(R"({"type":"subscribe","request":"x","instrument":"ONE:BTC"})");
+    Run();
+    SendChanges("BTC", 2); // the newcomer's first is an image
+    RunIo();
+    EXPECT_EQ(Summarize(Write(*session)), "update 2, update 3, update 4, update 5");
+    EXPECT_EQ(Summarize(Write(*other)), "result 100, result 0, image 3, update 4, update 5");
+    other->OnMessage(R"({"type":"change","request":"c","subscription":"x","image":true})");
+    SendChanges("BTC", 2);
+    RunIo();
+    EXPECT_EQ(Summarize(Write(*session)), "update 6, update 7");
+    EXPECT_EQ(Summarize(Write(*other)), "result 100, image 5, update 6, update 7");
+    other->End();
+    Run();
+}
+
+TEST_F(ClientSessionTest, ConflatesInTheMidstOfBooksThatCameTogether)
+{
+    Open("a", "BTC");
+    for (int i = 0; i < 3; ++i)
+    {
+        session->OnMessage(R"({"type":"ping","request":"0123456789012345678901234567890123456789"})");
+    }
+    SendChanges("BTC", 40); // far beyond the mark
+    const std::string seen = TakeWithoutPongs();
+    EXPECT_EQ(seen.rfind("update 2, update 3", 0), 0U) << seen;
+    EXPECT_NE(seen.find("conflated "), std::string::npos) << seen;
+    EXPECT_EQ(seen.substr(seen.size() - 9), "update 41") << seen;
+}
+
+TEST_F(ClientSessionTest, CutsBooksThatCameTogetherToADepthThatHasBecomeSmaller)
+{
+    Open("a", "BTC", R"(,"depth":3)", 3);
+    SendChanges("BTC", 2);
+    session->OnMessage(R"({"type":"change","request":"c","subscription":"a","depth":1})");
+    const Objects objects = Drain(*session);
+    EXPECT_EQ(Summarize(objects), "result 100, image 1, update 2, update 3");
+    for (const json::object& object : objects)
+    {
+        if (object.contains("depth") && object.contains("bids"))
+        {
+            EXPECT_EQ(object.at("depth").as_int64(), 1);
+            EXPECT_LE(object.at("bids").as_array().size(), 1U);
+        }
+    }
 }
 
 TEST_F(ClientSessionTest, LeavesNoStreamsBehindHoweverManyDepthsItTries)

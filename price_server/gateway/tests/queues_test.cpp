@@ -1,9 +1,13 @@
-#include "inbox.h"
+#include "mailbox.h"
 #include "outbound_queue.h"
 #include "rate_limit.h"
+#include "session_subscription.h"
+#include "subscription_slots.h"
 
 #include <gtest/gtest.h>
 
+#include <map>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,45 +35,59 @@ SharedTrades MakeTrades(std::size_t count)
 
 TEST(OutboundQueue, CountsWhatIsQueuedAndWhatIsBeingWritten)
 {
-    OutboundQueue queue(100, 1000);
+    OutboundQueue queue(100, 1000, 60);
     EXPECT_TRUE(queue.IsEmpty());
     queue.Push(std::string(60, 'a'));
-    queue.Push(std::string(60, 'b'));
-    EXPECT_EQ(queue.GetUnsent(), 120U);
-    EXPECT_EQ(queue.BeginWrite(60).size(), 1U);
-    EXPECT_EQ(queue.GetUnsent(), 120U) << "written is not sent";
-    queue.FinishWrite();
-    EXPECT_EQ(queue.GetUnsent(), 60U);
+    queue.Push(std::string(50, 'b'));
+    EXPECT_EQ(queue.GetUnsent(), 110U);
+    OutboundQueue::Batch batch = queue.BeginWrite();
+    EXPECT_EQ(batch.lines, std::string(60, 'a'));
+    EXPECT_EQ(batch.count, 1U);
+    EXPECT_EQ(queue.GetUnsent(), 110U) << "written is not sent";
+    queue.FinishWrite(std::move(batch.lines));
+    EXPECT_EQ(queue.GetUnsent(), 50U);
 }
 
-TEST(OutboundQueue, KeepsItsOrderAcrossWrites)
+TEST(OutboundQueue, WritesLinesInTheirOrderAsManyAtATimeAsFit)
 {
-    OutboundQueue queue(100, 1000);
+    OutboundQueue queue(100, 1000, 5);
     for (int i = 0; i < 7; ++i)
     {
         queue.Push(std::to_string(i));
     }
     std::string all;
+    std::uint64_t count = 0;
     while (!queue.IsEmpty())
     {
-        for (const SharedText& text : queue.BeginWrite(3))
-        {
-            all += *text;
-        }
-        all += '|';
-        queue.FinishWrite();
+        OutboundQueue::Batch batch = queue.BeginWrite();
+        all += batch.lines + '|';
+        count += batch.count;
+        queue.FinishWrite(std::move(batch.lines));
     }
-    EXPECT_EQ(all, "012|345|6|");
+    EXPECT_EQ(all, "0\n1\n2|3\n4\n5|6|");
+    EXPECT_EQ(count, 7U);
+    EXPECT_EQ(queue.GetUnsent(), 0U);
+}
+
+TEST(OutboundQueue, TakesSeveralLinesAtOnce)
+{
+    OutboundQueue queue(100, 1000);
+    queue.Push("a");
+    queue.Push("b\nc", 2);
+    const OutboundQueue::Batch batch = queue.BeginWrite();
+    EXPECT_EQ(batch.lines, "a\nb\nc");
+    EXPECT_EQ(batch.count, 3U);
 }
 
 TEST(OutboundQueue, WritesATextThatIsLongerThanAWriteAlone)
 {
-    OutboundQueue queue(100, 1000);
+    OutboundQueue queue(100, 1000, 10);
     queue.Push(std::string(500, 'a'));
-    queue.Push(std::string("b"));
-    EXPECT_EQ(queue.BeginWrite(10).size(), 1U);
-    queue.FinishWrite();
-    EXPECT_EQ(*queue.BeginWrite(10).front(), "b");
+    queue.Push("b");
+    OutboundQueue::Batch batch = queue.BeginWrite();
+    EXPECT_EQ(batch.lines.size(), 500U);
+    queue.FinishWrite(std::move(batch.lines));
+    EXPECT_EQ(queue.BeginWrite().lines, "b");
 }
 
 TEST(OutboundQueue, ConflatesAndEndsAboveItsMarksAndNotAtThem)
@@ -79,149 +97,169 @@ TEST(OutboundQueue, ConflatesAndEndsAboveItsMarksAndNotAtThem)
     EXPECT_FALSE(queue.MustConflate());
     EXPECT_TRUE(queue.HasRoomFor(100));
     EXPECT_FALSE(queue.HasRoomFor(101));
-    queue.Push(std::string("b"));
+    queue.Push("");
     EXPECT_TRUE(queue.MustConflate());
-    queue.Push(std::string(99, 'c'));
+    queue.Push(std::string(98, 'c'));
     EXPECT_FALSE(queue.IsOverfull());
-    queue.Push(std::string("d"));
+    queue.Push("");
     EXPECT_TRUE(queue.IsOverfull());
 }
 
 TEST(OutboundQueue, KeepsOnlyWhatIsBeingWrittenWhenItIsCleared)
 {
-    OutboundQueue queue(100, 200);
+    OutboundQueue queue(100, 200, 30);
     queue.Push(std::string(30, 'a'));
     queue.Push(std::string(30, 'b'));
-    const auto writing = queue.BeginWrite(30);
+    OutboundQueue::Batch batch = queue.BeginWrite();
     queue.Clear();
     EXPECT_TRUE(queue.IsEmpty());
     EXPECT_EQ(queue.GetUnsent(), 30U);
-    queue.FinishWrite();
+    queue.FinishWrite(std::move(batch.lines));
     EXPECT_EQ(queue.GetUnsent(), 0U);
 }
 
-TEST(OutboundQueue, SharesTextsWithOtherQueues)
+TEST(OutboundQueue, BeginsAfreshWithTheMemoryOfWhatWasWritten)
 {
-    const auto text = std::make_shared<const std::string>("shared");
-    OutboundQueue first(100, 200);
-    OutboundQueue second(100, 200);
-    first.Push(text);
-    second.Push(text);
-    EXPECT_EQ(first.BeginWrite(10).front(), second.BeginWrite(10).front());
+    OutboundQueue queue(100, 200);
+    queue.Push("old");
+    queue.FinishWrite(queue.BeginWrite().lines);
+    queue.Push("new");
+    EXPECT_EQ(queue.BeginWrite().lines, "new");
 }
 
-// --- Inbox ---
+// --- Mailbox ---
 
-class InboxTest : public ::testing::Test
+class MailboxTest : public ::testing::Test
 {
 protected:
+    Mailbox::Content Take()
+    {
+        Mailbox::Content content;
+        mailbox->Take(content);
+        return content;
+    }
+
     int wakes = 0;
-    Inbox inbox{[this] { ++wakes; }};
+    std::shared_ptr<Mailbox> mailbox =
+        std::make_shared<Mailbox>([this](const auto& woken) { wakes += woken == mailbox ? 1 : 1000; });
 };
 
-TEST_F(InboxTest, WakesOnceUntilItIsEmptied)
+TEST_F(MailboxTest, WakesOnceUntilItIsEmptied)
 {
-    inbox.PushBook(1, MakeBook(1));
-    inbox.PushText(1, "text");
-    inbox.PushTrades(1, MakeTrades(1));
+    mailbox->PushBook(1, MakeBook(1));
+    mailbox->PushText(1, "text");
+    mailbox->PushTrades(1, MakeTrades(1));
     EXPECT_EQ(wakes, 1);
-    EXPECT_EQ(inbox.Take().events.size(), 3U);
+    EXPECT_EQ(Take().events.size(), 3U);
     EXPECT_EQ(wakes, 1);
-    inbox.PushFields(1, std::make_shared<const CustomFields>());
+    mailbox->PushFields(1, std::make_shared<const CustomFields>());
     EXPECT_EQ(wakes, 2);
 }
 
-TEST_F(InboxTest, KeepsTheOrderOfAllKinds)
+TEST_F(MailboxTest, KeepsTheOrderOfAllKinds)
 {
-    inbox.PushText(1, "text");
-    inbox.PushBook(2, MakeBook(5));
-    inbox.PushTrades(1, MakeTrades(3));
-    inbox.PushBook(1, MakeBook(6));
-    const Inbox::Content content = inbox.Take();
-    ASSERT_EQ(content.events.size(), 4U);
+    mailbox->PushText(1, "text");
+    mailbox->PushBook(2, MakeBook(5));
+    mailbox->PushTrades(1, MakeTrades(3));
+    mailbox->PushBook(1, MakeBook(6));
+    mailbox->PushText(std::weak_ptr<ClientSession>(), "of the session");
+    const Mailbox::Content content = Take();
+    ASSERT_EQ(content.events.size(), 5U);
     EXPECT_EQ(std::get<std::string>(content.events[0].what), "text");
-    EXPECT_EQ(content.events[1].subscription, 2U);
+    EXPECT_EQ(std::get<SharedBook>(content.events[1].what)->sequence, 5U);
     EXPECT_EQ(std::get<SharedTrades>(content.events[2].what)->size(), 3U);
     EXPECT_EQ(std::get<SharedBook>(content.events[3].what)->sequence, 6U);
+    EXPECT_EQ(std::get<Mailbox::SessionText>(content.events[4].what).text, "of the session");
+    EXPECT_EQ(content.events[4].receivers, 0U);
+    EXPECT_EQ(content.receivers, (std::vector<unsigned long>{1, 2, 1, 1}));
     EXPECT_TRUE(content.overflow.empty());
-    EXPECT_TRUE(inbox.Take().events.empty());
+    EXPECT_TRUE(Take().events.empty());
 }
 
-TEST_F(InboxTest, KeepsTheLatestBookOfEachSubscriptionWhileItConflates)
+TEST_F(MailboxTest, KeepsOnceWhatManyAreToldOneAfterAnother)
 {
-    inbox.SetConflating(true);
-    for (std::uint64_t i = 1; i <= 5; ++i)
+    const SharedBook first = MakeBook(1);
+    const SharedBook second = MakeBook(2);
+    for (const unsigned long id : {7U, 8U, 9U})
     {
-        inbox.PushBook(1, MakeBook(i));
+        mailbox->PushBook(id, first);
     }
-    inbox.PushBook(2, MakeBook(9));
-    Inbox::Content content = inbox.Take();
-    EXPECT_TRUE(content.events.empty());
-    EXPECT_EQ(content.overflow[1].book->sequence, 5U);
-    EXPECT_EQ(content.overflow[1].skippedBooks, 4U);
-    EXPECT_EQ(content.overflow[2].skippedBooks, 0U);
+    mailbox->PushBook(7, second);
+    mailbox->PushBook(8, second);
+    mailbox->PushBook(7, first);
+    const Mailbox::Content content = Take();
+    ASSERT_EQ(content.events.size(), 3U);
+    EXPECT_EQ(content.events[0].receivers, 3U);
+    EXPECT_EQ(content.events[1].receivers, 2U);
+    EXPECT_EQ(content.events[2].receivers, 1U);
+    EXPECT_EQ(content.receivers, (std::vector<unsigned long>{7, 8, 9, 7, 8, 7}));
+    EXPECT_EQ(first.use_count(), 3) << "here, and once for each of two events";
 }
 
-TEST_F(InboxTest, DoesNotLetABookOvertakeTheOneThatIsKept)
+TEST_F(MailboxTest, IsBoundedAndCountsWhatItLeavesOut)
 {
-    inbox.SetConflating(true);
-    inbox.PushBook(1, MakeBook(1));
-    inbox.SetConflating(false);
-    inbox.PushBook(1, MakeBook(2));
-    inbox.PushBook(2, MakeBook(7));
-    Inbox::Content content = inbox.Take();
-    EXPECT_EQ(content.events.size(), 1U);
-    EXPECT_EQ(content.overflow[1].book->sequence, 2U);
-    EXPECT_EQ(content.overflow[1].skippedBooks, 1U);
-}
-
-TEST_F(InboxTest, IsBoundedAndCountsWhatItLeavesOut)
-{
-    for (std::size_t i = 0; i < Inbox::kMostEvents + 10; ++i)
+    for (std::size_t i = 0; i < Mailbox::kMostEvents + 10; ++i)
     {
-        inbox.PushBook(1, MakeBook(i + 1));
+        mailbox->PushBook(1, MakeBook(i + 1));
     }
     for (int i = 0; i < 5; ++i)
     {
-        inbox.PushTrades(1, MakeTrades(3));
+        mailbox->PushTrades(1, MakeTrades(3));
     }
     auto fields = std::make_shared<CustomFields>();
     fields->sequence = 8;
-    inbox.PushFields(1, std::make_shared<const CustomFields>());
-    inbox.PushFields(1, fields);
-    inbox.PushText(1, "never dropped");
-    Inbox::Content content = inbox.Take();
-    EXPECT_EQ(content.events.size(), Inbox::kMostEvents + 1);
-    EXPECT_EQ(content.overflow[1].book->sequence, Inbox::kMostEvents + 10);
+    mailbox->PushFields(1, std::make_shared<const CustomFields>());
+    mailbox->PushFields(1, fields);
+    mailbox->PushText(1, "never dropped");
+    Mailbox::Content content = Take();
+    EXPECT_EQ(content.events.size(), Mailbox::kMostEvents + 1);
+    EXPECT_EQ(content.receivers.size(), Mailbox::kMostEvents + 1);
+    EXPECT_EQ(content.overflow[1].book->sequence, Mailbox::kMostEvents + 10);
     EXPECT_EQ(content.overflow[1].skippedBooks, 9U);
     EXPECT_EQ(content.overflow[1].lostTrades, 15U);
     EXPECT_EQ(content.overflow[1].fields->sequence, 8U);
 }
 
-TEST_F(InboxTest, TakesNothingInOnceItIsClosed)
+TEST_F(MailboxTest, IsBoundedInItsReceiversToo)
 {
-    inbox.PushBook(1, MakeBook(1));
-    inbox.Close();
-    inbox.PushBook(1, MakeBook(2));
-    inbox.PushText(1, "text");
-    EXPECT_TRUE(inbox.Take().events.empty());
+    const SharedBook first = MakeBook(1);
+    for (unsigned long id = 0; id < Mailbox::kMostReceivers; ++id)
+    {
+        mailbox->PushBook(id, first);
+    }
+    mailbox->PushBook(1, MakeBook(2));
+    mailbox->PushBook(1, MakeBook(3));
+    Mailbox::Content content = Take();
+    EXPECT_EQ(content.events.size(), 1U);
+    EXPECT_EQ(content.receivers.size(), Mailbox::kMostReceivers);
+    EXPECT_EQ(content.overflow[1].book->sequence, 3U);
+    EXPECT_EQ(content.overflow[1].skippedBooks, 1U);
+}
+
+TEST_F(MailboxTest, TakesNothingInOnceItIsClosed)
+{
+    mailbox->PushBook(1, MakeBook(1));
+    mailbox->Close();
+    mailbox->PushBook(1, MakeBook(2));
+    mailbox->PushText(1, "text");
+    EXPECT_TRUE(Take().events.empty());
     EXPECT_EQ(wakes, 1);
 }
 
-TEST_F(InboxTest, LetsItsContentGoWhenItIsClosed)
+TEST_F(MailboxTest, LetsItsContentGoWhenItIsClosed)
 {
     const SharedBook book = MakeBook(1);
-    inbox.PushBook(1, book);
+    mailbox->PushBook(1, book);
     EXPECT_EQ(book.use_count(), 2);
-    inbox.Close();
+    mailbox->Close();
     EXPECT_EQ(book.use_count(), 1);
 }
 
-TEST(Inbox, LosesNothingBetweenThreads)
+TEST(Mailbox, LosesNothingBetweenThreads)
 {
     constexpr std::uint64_t kEach = 20'000;
     std::atomic<int> wakes{0};
-    Inbox inbox([&] { ++wakes; });
+    const auto mailbox = std::make_shared<Mailbox>([&](const auto&) { ++wakes; });
     std::vector<std::thread> producers;
     for (unsigned long id = 1; id <= 2; ++id)
     {
@@ -230,21 +268,24 @@ TEST(Inbox, LosesNothingBetweenThreads)
             {
                 for (std::uint64_t i = 1; i <= kEach; ++i)
                 {
-                    inbox.PushBook(id, MakeBook(i));
+                    mailbox->PushBook(id, MakeBook(i));
                 }
             });
     }
     std::map<unsigned long, std::uint64_t> seen;
     std::map<unsigned long, std::uint64_t> last;
+    Mailbox::Content content;
     const auto take = [&]
     {
-        Inbox::Content content = inbox.Take();
-        for (const Inbox::Event& event : content.events)
+        mailbox->Take(content);
+        ASSERT_EQ(content.events.size(), content.receivers.size());
+        for (std::size_t i = 0; i < content.events.size(); ++i)
         {
-            const std::uint64_t sequence = std::get<SharedBook>(event.what)->sequence;
-            EXPECT_GT(sequence, last[event.subscription]);
-            last[event.subscription] = sequence;
-            ++seen[event.subscription];
+            const unsigned long id = content.receivers[i];
+            const std::uint64_t sequence = std::get<SharedBook>(content.events[i].what)->sequence;
+            EXPECT_GT(sequence, last[id]);
+            last[id] = sequence;
+            ++seen[id];
         }
         for (const auto& [id, overflow] : content.overflow)
         {
@@ -264,6 +305,57 @@ TEST(Inbox, LosesNothingBetweenThreads)
     EXPECT_EQ(seen[1], kEach);
     EXPECT_EQ(seen[2], kEach);
     EXPECT_GE(wakes.load(), 1);
+}
+
+// --- SubscriptionSlots ---
+
+class SubscriptionSlotsTest : public ::testing::Test
+{
+protected:
+    /// Never looked at.
+    ClientSession& session = *reinterpret_cast<ClientSession*>(&memory);
+    SessionSubscription one;
+    SessionSubscription two;
+    SubscriptionSlots slots;
+
+private:
+    std::uint64_t memory = 0;
+};
+
+TEST_F(SubscriptionSlotsTest, FindWhatHasBeenSetUntilItIsRemoved)
+{
+    const unsigned long id = slots.Add(session);
+    EXPECT_EQ(slots.Find(id), nullptr) << "not subscribed yet";
+    slots.Set(id, one);
+    ASSERT_NE(slots.Find(id), nullptr);
+    EXPECT_EQ(slots.Find(id)->subscription, &one);
+    EXPECT_EQ(slots.Find(id)->session, &session);
+    slots.Remove(id);
+    EXPECT_EQ(slots.Find(id), nullptr);
+}
+
+TEST_F(SubscriptionSlotsTest, UseAPlaceAgainAndNeverAnId)
+{
+    const unsigned long first = slots.Add(session);
+    slots.Set(first, one);
+    slots.Remove(first);
+    const unsigned long second = slots.Add(session);
+    slots.Set(second, two);
+    EXPECT_NE(first, second);
+    EXPECT_EQ(slots.Find(first), nullptr);
+    EXPECT_EQ(slots.Find(second)->subscription, &two);
+    const unsigned long third = slots.Add(session);
+    EXPECT_EQ(slots.Find(second)->subscription, &two) << third;
+}
+
+TEST_F(SubscriptionSlotsTest, LeaveTheIdsBelowTheFirst32BitsToTheServer)
+{
+    for (int i = 0; i < 1000; ++i)
+    {
+        EXPECT_GE(slots.Add(session), 1UL << 32);
+    }
+    EXPECT_EQ(slots.Find(0), nullptr);
+    EXPECT_EQ(slots.Find(17), nullptr);
 }
 
 // --- RateLimit ---
