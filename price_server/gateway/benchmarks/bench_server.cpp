@@ -184,6 +184,8 @@ public:
     {
         return m_publisher->GetDirectory().GetEntries();
     }
+    std::uint64_t GetDirectoryVersion() const override { return m_publisher->GetDirectory().GetVersion(); }
+    std::vector<gateway::ProviderView> GetProviders() const override { return {}; }
     bool IsReady() const override { return true; }
 
     Publisher& GetPublisher() noexcept { return *m_publisher; }

@@ -156,15 +156,26 @@ ClientSession::Subscription* ClientSession::FindByRequest(const std::string& req
     return id == m_idByRequest.end() ? nullptr : &m_subscriptions.at(id->second);
 }
 
-bool ClientSession::HasStream(const std::string& instrument, std::int32_t depth, const Subscription* except) const
+const ClientSession::Subscription* ClientSession::FindStream(const std::string& instrument, std::int32_t depth,
+                                                             const Subscription* except) const
 {
-    return std::any_of(m_subscriptions.begin(), m_subscriptions.end(),
-                       [&](const auto& entry)
-                       {
-                           const Subscription& subscription = entry.second;
-                           return &subscription != except && subscription.scope.depth == depth &&
-                                  subscription.stream->GetInstrument() == instrument;
-                       });
+    const auto found = std::find_if(m_subscriptions.begin(), m_subscriptions.end(),
+                                    [&](const auto& entry)
+                                    {
+                                        const Subscription& subscription = entry.second;
+                                        return &subscription != except && subscription.scope.depth == depth &&
+                                               subscription.stream->GetInstrument() == instrument;
+                                    });
+    return found == m_subscriptions.end() ? nullptr : &found->second;
+}
+
+void ClientSession::RefuseDuplicate(const std::string& request, const Subscription& other)
+{
+    Handle(RequestError{request, "duplicate_subscription", "depth",
+                        "this session's subscription called \"" + other.request + "\" is of " +
+                            other.stream->GetInstrument() + " with depth " + std::to_string(other.scope.depth) +
+                            " already",
+                        other.request});
 }
 
 std::int32_t ClientSession::ResolveDepth(short marketId, std::int32_t depth) const
@@ -192,6 +203,11 @@ void ClientSession::Handle(const SubscribeRequest& request)
                       "a session has at most " + std::to_string(limits.subscriptions) + " subscriptions");
     }
     const FoundInstrument found = m_core.FindInstrument(request.instrument, m_identity->rights);
+    if (!found.instrument && !m_core.GetBackend().IsReady())
+    {
+        return Refuse(request.request, "not_ready", "instrument",
+                      found.problem + "; the server is starting or stopping");
+    }
     if (!found.instrument)
     {
         return Refuse(request.request, "unknown_instrument", "instrument", found.problem);
@@ -207,11 +223,9 @@ void ClientSession::Handle(const SubscribeRequest& request)
     subscription.entry = found.instrument->entry;
     subscription.scope = {ResolveDepth(subscription.def.marketId, request.depth), request.interval_ms,
                           request.kinds.trades, request.kinds.fields};
-    if (HasStream(name, subscription.scope.depth, nullptr))
+    if (const Subscription* const other = FindStream(name, subscription.scope.depth, nullptr))
     {
-        return Refuse(request.request, "duplicate_subscription", "depth",
-                      "this session has a subscription of " + name + " with depth " +
-                          std::to_string(subscription.scope.depth) + " already");
+        return RefuseDuplicate(request.request, *other);
     }
     subscription.id = m_core.GetSlots().Add(*this);
     subscription.request = request.request;
@@ -245,11 +259,9 @@ void ClientSession::Handle(const ChangeRequest& request)
     scope.trades = kinds.trades;
     scope.customFields = kinds.fields;
     const std::string& name = subscription->stream->GetInstrument();
-    if (HasStream(name, scope.depth, subscription))
+    if (const Subscription* const other = FindStream(name, scope.depth, subscription))
     {
-        return Refuse(request.request, "duplicate_subscription", "depth",
-                      "this session has a subscription of " + name + " with depth " + std::to_string(scope.depth) +
-                          " already");
+        return RefuseDuplicate(request.request, *other);
     }
     const bool needsImage =
         request.image || scope.depth != subscription->scope.depth || (kinds.book && !subscription->kinds.book);

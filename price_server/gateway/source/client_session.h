@@ -112,7 +112,8 @@ private:
     void Handle(const RequestError& error);
     void Refuse(const std::string& request, const char* code, const char* where, std::string message);
     Subscription* FindByRequest(const std::string& request);
-    bool HasStream(const std::string& instrument, std::int32_t depth, const Subscription* except) const;
+    const Subscription* FindStream(const std::string& instrument, std::int32_t depth, const Subscription* except) const;
+    void RefuseDuplicate(const std::string& request, const Subscription& other);
     std::int32_t ResolveDepth(short marketId, std::int32_t depth) const;
 
     bool TakesAtOnce(const Subscription& subscription, const BookRun& run) const;

@@ -20,6 +20,12 @@ LocalObserverFactory& GetFactory()
     return factory;
 }
 
+/// What an instrument is known by, whatever it has been renamed to.
+std::string GetFirstName(const DirectoryEntry& entry)
+{
+    return std::to_string(entry.submarket.marketId) + ":" + entry.firstSymbol;
+}
+
 } // namespace
 
 GatewayCore::GatewayCore(GatewayOptions options, IBackend& backend, std::function<void(std::function<void()>)> post)
@@ -46,27 +52,27 @@ std::string GatewayCore::GetSymbolNow(const DirectoryEntry& entry)
     // Young enough to know a rename that has just been made, and old enough to serve all sessions that meet it.
     constexpr std::chrono::milliseconds kOld{20};
     const std::vector<ListedInstrument>& instruments = ReadInstruments(kOld);
-    const auto found = std::find_if(instruments.begin(), instruments.end(),
-                                    [&](const ListedInstrument& instrument)
-                                    {
-                                        return instrument.entry.submarket.marketId == entry.submarket.marketId &&
-                                               instrument.entry.firstSymbol == entry.firstSymbol;
-                                    });
-    return found == instruments.end() ? entry.symbol : found->entry.symbol;
+    const auto found = m_instrumentByFirstSymbol.find(GetFirstName(entry));
+    return found == m_instrumentByFirstSymbol.end() ? entry.symbol : instruments[found->second].entry.symbol;
 }
 
 const std::vector<ListedInstrument>& GatewayCore::ReadInstruments(std::chrono::milliseconds oldest)
 {
+    const std::uint64_t version = m_backend.GetDirectoryVersion();
     const auto now = std::chrono::steady_clock::now();
-    if (m_instruments.empty() || now - m_instrumentsRead >= oldest)
+    if (m_instrumentsVersion == version || (m_instrumentsVersion && now - m_instrumentsRead < oldest))
     {
-        m_instrumentsRead = now;
-        m_instruments = ListInstruments(m_backend.GetDirectoryEntries(), m_backend.GetMarkets());
-        m_instrumentByName.clear();
-        for (std::size_t i = 0; i < m_instruments.size(); ++i)
-        {
-            m_instrumentByName.emplace(m_instruments[i].GetName(), i);
-        }
+        return m_instruments;
+    }
+    m_instrumentsVersion = version;
+    m_instrumentsRead = now;
+    m_instruments = ListInstruments(m_backend.GetDirectoryEntries(), m_backend.GetMarkets());
+    m_instrumentByName.clear();
+    m_instrumentByFirstSymbol.clear();
+    for (std::size_t i = 0; i < m_instruments.size(); ++i)
+    {
+        m_instrumentByName.emplace(m_instruments[i].GetName(), i);
+        m_instrumentByFirstSymbol.emplace(GetFirstName(m_instruments[i].entry), i);
     }
     return m_instruments;
 }

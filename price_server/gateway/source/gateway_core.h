@@ -65,7 +65,7 @@ public:
     IBackend& GetBackend() noexcept { return m_backend; }
     GatewayCounts& Counts() noexcept { return m_counts; }
 
-    /// The instruments as they were at most a second ago.
+    /// The instruments as they were at most a second ago, or as they are.
     const std::vector<ListedInstrument>& GetInstruments();
     /// What an instrument is called now; it may have been renamed since `entry` was read.
     std::string GetSymbolNow(const DirectoryEntry& entry);
@@ -121,8 +121,10 @@ private:
     std::uint64_t m_lastSession = 0;
 
     std::chrono::steady_clock::time_point m_instrumentsRead{};
+    std::optional<std::uint64_t> m_instrumentsVersion; ///< none: never read
     std::vector<ListedInstrument> m_instruments;
     std::unordered_map<std::string, std::size_t> m_instrumentByName;
+    std::unordered_map<std::string, std::size_t> m_instrumentByFirstSymbol; ///< behind its market's id
 
     static constexpr std::size_t kFirstStreamCount = 256;
     std::unordered_map<std::string, std::weak_ptr<BookStream>> m_streams;

@@ -212,6 +212,12 @@ HttpAnswer HttpApi::GetStatus() const
                                        {"default_depth", market.defaultDepth},
                                        {"max_depth", market.maxDepth}});
     }
+    json::array providers;
+    for (const ProviderView& provider : m_core.GetBackend().GetProviders())
+    {
+        providers.push_back(
+            json::object{{"name", provider.name}, {"state", provider.state}, {"instruments", provider.instruments}});
+    }
     const GatewayCounts& counts = m_core.Counts();
     return MakeJson(json::object{{"server", "price_server"},
                                  {"version", m_core.GetOptions().version},
@@ -222,6 +228,7 @@ HttpAnswer HttpApi::GetStatus() const
                                  {"sessions", counts.sessions.load()},
                                  {"sessions_ever", counts.sessionsEver.load()},
                                  {"instruments", m_core.GetInstruments().size()},
+                                 {"providers", std::move(providers)},
                                  {"markets", std::move(markets)},
                                  {"gauges", std::move(gauges)}});
 }
@@ -323,6 +330,11 @@ void HttpApi::Explain(const HttpQuery& query, const Respond& respond)
         return respond(MakeHttpError(400, "bad_value", "instrument", "MARKET:SYMBOL expected"));
     }
     const FoundInstrument found = m_core.FindInstrument(name, query.identity->rights);
+    if (!found.instrument && !m_core.GetBackend().IsReady())
+    {
+        return respond(
+            MakeHttpError(503, "not_ready", "instrument", found.problem + "; the server is starting or stopping"));
+    }
     if (!found.instrument)
     {
         return respond(MakeHttpError(404, "unknown_instrument", "instrument", found.problem));
@@ -362,15 +374,17 @@ HttpAnswer HttpApi::GetFile(const HttpQuery& query) const
         }
         return MakeHttpError(404, "not_found", query.path, "there is nothing here");
     }
-    HttpAnswer answer{200, file->type, "", {{"ETag", file->etag}, {"Vary", "Accept-Encoding"}}};
+    const bool isGzipped = query.acceptsGzip && !file->gzipped.empty();
+    const std::string& etag = isGzipped ? file->gzippedEtag : file->etag;
+    HttpAnswer answer{200, file->type, "", {{"ETag", etag}, {"Vary", "Accept-Encoding"}}};
     answer.headers.emplace_back("Cache-Control",
                                 file->isImmutable ? "public, max-age=31536000, immutable" : "no-cache");
-    if (query.ifNoneMatch == file->etag)
+    if (query.ifNoneMatch == etag)
     {
         answer.status = 304;
         return answer;
     }
-    if (query.acceptsGzip && !file->gzipped.empty())
+    if (isGzipped)
     {
         answer.headers.emplace_back("Content-Encoding", "gzip");
         answer.body = file->gzipped;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <limits>
 #include <map>
 #include <set>
 #include <utility>
@@ -16,6 +17,8 @@ namespace
 {
 
 constexpr std::size_t kNamesInMessages = 3;
+constexpr std::size_t kMostCompared = 4000;  // letter by letter; a wrong name must not cost the others' time
+constexpr std::size_t kMostSearched = 50000; // for the text as it is
 
 std::string Join(const std::vector<std::string>& names, const std::string& lastSeparator)
 {
@@ -35,11 +38,18 @@ std::string ToLower(std::string_view text)
     return lower;
 }
 
-/// 0: it contains the text; otherwise how many characters are different.
-std::size_t GetDistance(const std::string& name, const std::string& lowerText)
+/// 0: its name contains the text; otherwise how many characters of symbol or name are different, if that is wanted.
+std::size_t GetDistance(const ListedInstrument& instrument, const std::string& lowerText, bool compares)
 {
+    const std::string name = instrument.GetName();
+    if (ToLower(name).find(lowerText) != std::string::npos)
+    {
+        return 0;
+    }
     std::uint64_t work = 0;
-    return ToLower(name).find(lowerText) != std::string::npos ? 0 : detail::EditDistance(name, lowerText, work);
+    return compares ? std::min(detail::EditDistance(instrument.entry.symbol, lowerText, work),
+                               detail::EditDistance(name, lowerText, work))
+                    : std::numeric_limits<std::size_t>::max();
 }
 
 /// The names nearest to a text, nearest first, and none that is much further than the first; none when all are far.
@@ -47,10 +57,10 @@ std::vector<std::string> FindNear(const std::vector<ListedInstrument>& instrumen
 {
     const std::string lowerText = ToLower(text.substr(0, detail::kMaxComparedBytes));
     std::set<std::pair<std::size_t, std::string>> near;
-    for (const ListedInstrument& instrument : instruments)
+    for (std::size_t i = 0; i < std::min(instruments.size(), kMostSearched); ++i)
     {
-        const std::size_t distance =
-            std::min(GetDistance(instrument.entry.symbol, lowerText), GetDistance(instrument.GetName(), lowerText));
+        const ListedInstrument& instrument = instruments[i];
+        const std::size_t distance = GetDistance(instrument, lowerText, i < kMostCompared);
         if (distance <= std::max<std::size_t>(2, lowerText.size() / 3))
         {
             near.emplace(distance, instrument.GetName());

@@ -331,12 +331,16 @@ std::string FormatAuthenticated(const Rights& rights)
 
 std::string FormatError(const RequestError& error)
 {
-    return json::serialize(
-        json::object{{"type", "error"},
-                     {"request", error.request ? json::value(json::string(*error.request)) : json::value(nullptr)},
-                     {"code", error.code},
-                     {"where", error.where},
-                     {"message", error.message}});
+    json::object object{{"type", "error"},
+                        {"request", error.request ? json::value(json::string(*error.request)) : json::value(nullptr)},
+                        {"code", error.code},
+                        {"where", error.where},
+                        {"message", error.message}};
+    if (!error.subscription.empty())
+    {
+        object["subscription"] = error.subscription;
+    }
+    return json::serialize(object);
 }
 
 std::string FormatPong(const std::string& request)

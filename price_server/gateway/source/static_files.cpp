@@ -84,7 +84,9 @@ StaticFiles::StaticFiles(const std::string& folder)
         file.content = Read(entry.path());
         file.gzipped = Gzip(file.content);
         file.type = GetType(entry.path().extension().string());
-        file.etag = '"' + std::to_string(std::hash<std::string>()(file.content)) + '"';
+        const std::string hash = std::to_string(std::hash<std::string>()(file.content));
+        file.etag = '"' + hash + '"';
+        file.gzippedEtag = '"' + hash + "-gzip\"";
         const std::string path = "/" + fs::relative(entry.path(), folder).generic_string();
         file.isImmutable = path.starts_with("/assets/");
         m_files.emplace(path, std::move(file));

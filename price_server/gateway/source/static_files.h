@@ -11,9 +11,10 @@ namespace ps_ns::gateway
 struct StaticFile
 {
     std::string content;
-    std::string gzipped; ///< empty: it would not be smaller
-    std::string type;    ///< for Content-Type
-    std::string etag;
+    std::string gzipped;      ///< empty: it would not be smaller
+    std::string type;         ///< for Content-Type
+    std::string etag;         ///< of the content
+    std::string gzippedEtag;  ///< of what is gzipped: other bytes
     bool isImmutable = false; ///< its name has a hash of its content in it
 };
 

@@ -37,10 +37,13 @@ public:
     bool RunOnQueue(std::function<void(CompositeSubscriptionMgr&, SimpleSubscriptionMgr&)>) override { return false; }
     const MarketTable& GetMarkets() const override { return bench.simple->GetMarkets(); }
     std::vector<DirectoryEntry> GetDirectoryEntries() const override { return bench.mds->Directory().GetEntries(); }
-    bool IsReady() const override { return isOpen; }
+    std::uint64_t GetDirectoryVersion() const override { return bench.mds->Directory().GetVersion(); }
+    std::vector<ProviderView> GetProviders() const override { return {}; }
+    bool IsReady() const override { return isReady; }
 
     ManagerBench bench{ManagerBench::Options{.withZel = false}};
     bool isOpen = true;
+    bool isReady = true;
 };
 
 GatewayOptions MakeOptions()
@@ -270,6 +273,27 @@ TEST_F(ClientSessionTest, RefusesWhatThereIsNot)
     EXPECT_EQ(Subscribe("d", "ONE:SOL"), "error too_many_subscriptions");
     Unsubscribe("ETH");
     EXPECT_EQ(Subscribe("d", "ONE:SOL"), "result 100");
+}
+
+TEST_F(ClientSessionTest, SaysThatTheServerIsNotReadyWhileTheInstrumentMayStillBecomeKnown)
+{
+    backend.isReady = false;
+    EXPECT_EQ(Subscribe("a", "ONE:NEW"), "error not_ready");
+    EXPECT_EQ(Subscribe("a", "ONE:BTC"), "result 100") << "what is known already can be had";
+    ManagerBench::List(*backend.bench.mds, testing::MakeDef("NEW", 1));
+    backend.isReady = true;
+    EXPECT_EQ(Subscribe("b", "ONE:NOTHING"), "error unknown_instrument");
+}
+
+TEST_F(ClientSessionTest, NamesTheSubscriptionThatThereIsAlready)
+{
+    Subscribe("first", "ONE:BTC");
+    session->OnMessage(R"({"type":"subscribe","request":"second","instrument":"ONE:BTC"})");
+    const Objects objects = Drain(*session);
+    ASSERT_EQ(objects.size(), 1U);
+    EXPECT_EQ(objects[0].at("code"), "duplicate_subscription");
+    EXPECT_EQ(objects[0].at("subscription"), "first");
+    EXPECT_NE(objects[0].at("message").as_string().find("called \"first\""), std::string::npos);
 }
 
 TEST_F(ClientSessionTest, SaysThatTheServerIsNotReadyAndChangesNothing)

@@ -229,6 +229,20 @@ std::vector<DirectoryEntry> PriceServer::GetDirectoryEntries() const
     return m_mds->GetDirectory().GetEntries();
 }
 
+std::uint64_t PriceServer::GetDirectoryVersion() const
+{
+    return m_mds->GetDirectory().GetVersion();
+}
+
+std::vector<gateway::ProviderView> PriceServer::GetProviders() const
+{
+    const char* const state = m_mds->HasFailed()      ? "failed"
+                              : m_mds->HasEnded()     ? "ended"
+                              : IsDirectoryComplete() ? "serving"
+                                                      : "reading";
+    return {{"mds", state, m_mds->GetDirectory().GetSize()}};
+}
+
 std::string PriceServer::GetUrl() const
 {
     return m_gateway == nullptr ? "" : m_gateway->GetUrl();

@@ -20,6 +20,7 @@ void InstrumentDirectory::AddAll(const std::vector<DirectoryEntry>& entries)
         added = entry;
         added.firstSymbol = entry.firstSymbol.empty() ? entry.symbol : entry.firstSymbol;
     }
+    ++m_version;
 }
 
 bool InstrumentDirectory::Rename(short marketId, const std::string& oldSymbol, const std::string& newSymbol)
@@ -41,6 +42,7 @@ bool InstrumentDirectory::Rename(short marketId, const std::string& oldSymbol, c
     symbols.erase(found);
     entry.symbol = newSymbol;
     symbols[newSymbol] = std::move(entry);
+    ++m_version;
     return true;
 }
 

@@ -3,7 +3,10 @@
 #include "simple_subscription/instrument_directory.h"
 #include "simple_subscription/market_table.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <string>
 #include <vector>
 
 namespace ps_ns
@@ -14,6 +17,14 @@ class SimpleSubscriptionMgr;
 
 namespace ps_ns::gateway
 {
+
+/// How a source of prices is.
+struct ProviderView
+{
+    std::string name;  ///< "mds", "zel"
+    std::string state; ///< "reading" its directory, "serving", "ended", "failed"
+    std::size_t instruments = 0;
+};
 
 /// The server that a gateway stands in, as the gateway sees it.
 ///
@@ -33,6 +44,9 @@ public:
     virtual const MarketTable& GetMarkets() const = 0;
     /// The instruments that the providers know so far.
     virtual std::vector<DirectoryEntry> GetDirectoryEntries() const = 0;
+    /// Another one when those have changed; read before them.
+    virtual std::uint64_t GetDirectoryVersion() const = 0;
+    virtual std::vector<ProviderView> GetProviders() const = 0;
     /// True between the moment when all providers know their instruments and the beginning of the stop.
     virtual bool IsReady() const = 0;
 };

@@ -71,6 +71,7 @@ struct RequestError
     std::string code;
     std::string where; ///< the member; empty: the whole
     std::string message;
+    std::string subscription{}; ///< the one that is in the way; empty: none
 };
 
 using Request =

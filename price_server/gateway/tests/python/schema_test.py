@@ -111,6 +111,31 @@ def what_the_server_says(port, validator, said):
                 {"hello", "result", "error", "pong", "image", "update", "trades"} <= set(types), str(sorted(types)))
 
 
+def what_http_answers(port, validator):
+    group = "what HTTP answers"
+    client = Client(port)
+    client.receive()
+    client.send({"type": "subscribe", "request": "one", "instrument": INSTRUMENT, "kinds": ["book", "trades"]})
+    while client.receive()["type"] != "image":
+        pass
+    pages = {"status": ["/api/v1/status"], "sessions": ["/api/v1/sessions"],
+             "instruments": ["/api/v1/instruments", "/api/v1/instruments?search=gold&market=SIM&limit=2&offset=1"],
+             "subscriptions": ["/api/v1/subscriptions", "/api/v1/subscriptions?market=SIM&symbol=none"],
+             "explain": [f"/api/v1/explain?instrument={INSTRUMENT}"],
+             "error": ["/api/v1/nothing", "/api/v1/explain", "/api/v1/explain?instrument=SIM:NONE",
+                       "/api/v1/instruments?limit=x"]}
+    for name, paths in pages.items():
+        for path in paths:
+            answer = json.loads(http(port, "GET", path).body)
+            cases.equal(group, path, validator.errors(answer, validator.root["$defs"][name])[:2], [])
+            if name in ("sessions", "subscriptions") and "none" not in path:
+                cases.check(group, f"{path} lists something", len(answer[name]) > 0)
+    status = json.loads(http(port, "GET", "/api/v1/status").body)
+    cases.equal(group, "the simulation serves", status["providers"],
+                [{"name": "mds", "state": "serving", "instruments": status["providers"][0]["instruments"]}])
+    client.close()
+
+
 def what_the_document_shows(validator):
     group = "examples of the document"
     with open(os.path.join(DOCS, "protocol.md"), encoding="utf-8") as file:
@@ -131,14 +156,17 @@ def what_the_document_shows(validator):
                         str(validator.errors(message, validator.root["$defs"]["server"])[:2]))
 
 
+def load(name):
+    with open(os.path.join(DOCS, name), encoding="utf-8") as file:
+        return Validator(json.load(file))
+
+
 def main():
     arguments = parse_arguments()
-    with open(os.path.join(DOCS, "protocol.schema.json"), encoding="utf-8") as file:
-        schema = json.load(file)
-    validator = Validator(schema)
+    validator = load("protocol.schema.json")
     try:
         from jsonschema import Draft202012Validator
-        Draft202012Validator.check_schema(schema)
+        Draft202012Validator.check_schema(validator.root)
         cases.check("the schema", "is one, as the library says", True)
     except ImportError:
         pass  # the validator above stands alone
@@ -148,6 +176,7 @@ def main():
     try:
         what_clients_may_say(server.port, validator, said)
         what_the_server_says(server.port, validator, said)
+        what_http_answers(server.port, load("http.schema.json"))
     finally:
         cases.equal("the server", "ends well", server.stop(), 0)
     return cases.finish()

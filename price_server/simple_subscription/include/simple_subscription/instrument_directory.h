@@ -3,6 +3,8 @@
 #include "composite_instrument/price_format.h"
 #include "composite_instrument/submarket.h"
 
+#include <atomic>
+#include <cstdint>
 #include <cstddef>
 #include <mutex>
 #include <optional>
@@ -54,11 +56,15 @@ public:
     std::optional<DirectoryEntry> Find(short marketId, short submarketId, const std::string& symbol) const;
 
     std::size_t GetSize() const;
+    /// Grows with each change of the entries, after it: who has read the version and then the entries has not missed
+    /// what the version counts.
+    std::uint64_t GetVersion() const noexcept { return m_version.load(); }
 
     /// A copy of all entries, by market and symbol.
     std::vector<DirectoryEntry> GetEntries() const;
 
 private:
+    std::atomic<std::uint64_t> m_version{0};
     mutable std::mutex m_mutex;
     std::unordered_map<short, std::unordered_map<std::string, DirectoryEntry>> m_entries; ///< under m_mutex
     std::unordered_set<short> m_complete;                                                 ///< under m_mutex
