@@ -288,7 +288,6 @@ int MeasureStalled(const Settings& settings)
             }
             for (const std::size_t sleeper : sleepers)
             {
-                clients.SetStalled(sleeper, true);
                 closed += clients.WakeToEnd(sleeper) ? 1U : 0U;
             }
             std::cerr << (isStalled ? "with" : "without") << ": p99 " << p99[isStalled].back() << " us\n";

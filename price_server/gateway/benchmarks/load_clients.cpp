@@ -183,6 +183,12 @@ void LoadClients::SetStalled(std::size_t number, bool isStalled)
     event.data.u64 = number;
     if (connection.socket >= 0)
     {
+        // Otherwise the system takes megabytes for a client that does not read.
+        constexpr int kSmall = 64 * 1024;
+        if (isStalled)
+        {
+            ::setsockopt(connection.socket, SOL_SOCKET, SO_RCVBUF, &kSmall, sizeof kSmall);
+        }
         ::epoll_ctl(m_epoll, EPOLL_CTL_MOD, connection.socket, &event);
     }
 }
