@@ -1,14 +1,33 @@
 import { defineConfig } from "vitest/config";
 
-// One browser and one server serve all files, one after the other: frame rates would suffer from neighbours.
+const scenarios = {
+    environment: "node" as const,
+    testTimeout: 60_000,
+    hookTimeout: 60_000,
+    expect: { poll: { timeout: 20_000, interval: 40 } },
+};
+
+// Most of a scenario is waiting: three files at a time, each with a browser of its own.
 export default defineConfig({
     test: {
-        include: ["tests/browser/**/*.test.ts"],
-        environment: "node",
-        globalSetup: ["tests/browser/setup.ts"],
-        fileParallelism: false,
-        testTimeout: 60_000,
-        hookTimeout: 60_000,
-        expect: { poll: { timeout: 10_000 } },
+        maxWorkers: 3,
+        projects: [
+            {
+                test: {
+                    ...scenarios,
+                    name: "server",
+                    include: ["tests/browser/server/**/*.test.ts"],
+                    globalSetup: ["tests/browser/setup_server.ts"],
+                },
+            },
+            {
+                test: {
+                    ...scenarios,
+                    name: "faults",
+                    include: ["tests/browser/faults/**/*.test.ts"],
+                    globalSetup: ["tests/browser/setup_mock.ts"],
+                },
+            },
+        ],
     },
 });

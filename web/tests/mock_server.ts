@@ -6,6 +6,7 @@ import { extname, join, normalize } from "node:path";
 import { parseArgs } from "node:util";
 import { WebSocketServer } from "ws";
 import { answer } from "./mock/api.ts";
+import { policy, types } from "./mock/files.ts";
 import { makeInstruments, MovingBook } from "./mock/market.ts";
 import { Session } from "./mock/session.ts";
 
@@ -19,16 +20,6 @@ const { values: options } = parseArgs({
         dist: { type: "string", default: new URL("../dist", import.meta.url).pathname },
     },
 });
-
-const policy =
-    "default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; img-src 'self' data:; font-src 'self'; " +
-    "base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
-const types: Record<string, string> = {
-    ".html": "text/html; charset=utf-8",
-    ".js": "text/javascript; charset=utf-8",
-    ".css": "text/css; charset=utf-8",
-    ".svg": "image/svg+xml",
-};
 
 const rate = Number(options.rate);
 const token = options.token ?? null;
@@ -119,3 +110,5 @@ server.listen(Number(options.port), "127.0.0.1", () => {
     const address = server.address();
     console.log(`http://127.0.0.1:${typeof address === "object" && address !== null ? address.port : options.port}/`);
 });
+
+if (process.send !== undefined) process.once("disconnect", () => process.exit());

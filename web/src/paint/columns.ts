@@ -1,5 +1,5 @@
 import type { Level } from "../protocol/messages.ts";
-import { fractionDigits, isZero, wholeDigits } from "../book/decimal.ts";
+import { alignAtPoint, fractionDigits, isZero, padZeros, wholeDigits } from "../book/decimal.ts";
 
 export interface Column {
     /** Characters before the point. */
@@ -13,6 +13,15 @@ const narrowest = 4;
 
 export function widthOf(column: Column): number {
     return Math.max(narrowest, column.whole + (column.fraction > 0 ? column.fraction + 1 : 0));
+}
+
+export function priceText(text: string, column: Column): string {
+    return padZeros(text, column.fraction);
+}
+
+/** Nothing at all is shown as nothing: what is there stands out. Points stand below each other. */
+export function quantityText(text: string, column: Column): string {
+    return isZero(text) ? "" : alignAtPoint(text, column.fraction);
 }
 
 /**

@@ -1,68 +1,44 @@
 import type { Book } from "../book/book.ts";
-import { alignAtPoint, isZero, padZeros } from "../book/decimal.ts";
 import type { Level } from "../protocol/messages.ts";
-import { type Column, Columns, widthOf } from "./columns.ts";
+import { Columns, priceText, quantityText, widthOf } from "./columns.ts";
+import { LadderCanvas, type Line, type Widths } from "./ladder_canvas.ts";
+import { LadderTable } from "./ladder_table.ts";
 
-/** One side of a row: cells that are made once, and what they show. */
+/** One side of a row: the level that is drawn, and how long its bar is. */
 interface Half {
-    cells: Text[];
-    element: HTMLElement;
     barStep: number;
-    /** Undefined: anything may stand in the cells. */
+    /** Undefined: anything may stand there. */
     level: Level | null | undefined;
 }
 
-const cellNames = ["orders", "implied", "direct", "price"] as const;
 const barSteps = 24;
 
-function element(role: string, className: string, label = ""): HTMLElement {
-    const result = document.createElement("div");
-    result.className = className;
-    result.setAttribute("role", role);
-    if (label !== "") result.textContent = label;
-    return result;
-}
-
-/** Columns may be narrower than their names: what is seen is short, what is read out is not. */
-function makeTitle(name: string): HTMLElement {
-    const short: Record<string, string> = { implied: "impl", orders: "ord" };
-    const result = element("columnheader", `cell head ${name}`, short[name] ?? name);
-    result.setAttribute("aria-label", name);
-    return result;
-}
-
 /**
- * A ladder: rows of cells that stay where they are, and get another text where the book has another number. Best prices
- * meet in the middle of the first row; implied quantities stand outside, direct ones beside the price.
+ * A ladder: best prices meet in the middle of the first row; implied quantities stand outside, direct ones beside the
+ * price. What is seen is drawn, since thousands of changing texts a second are too much for a browser's layout; what is
+ * read out is a table beside it, which follows when it is told to (`describe`).
  */
 export class Ladder {
-    readonly root: HTMLElement;
-    /** Characters that a row needs, without the column of orders. */
-    characters = 0;
-    #body: HTMLElement;
+    readonly root = document.createElement("div");
+    /** The numbers need more room than they have. */
+    isCrowded = false;
+    /** The picture has lost its content (another size or theme): it is to be painted again. */
+    onLost: () => void = () => undefined;
+    #canvas: LadderCanvas;
+    #table: LadderTable;
     #bids: Half[] = [];
     #asks: Half[] = [];
     #columns = new Columns();
     #epoch = 0;
+    #drawsTitles = true;
+    #showsOrders = false;
 
     constructor(label: string, rows: number) {
-        this.root = element("table", "ladder");
-        this.rename(label);
-        const head = element("rowgroup", "ladder-head");
-        const titles = element("row", "ladder-row");
-        for (const [side, names] of [
-            ["bid-side", ["orders", "implied", "direct", "bid"]],
-            ["ask-side", ["ask", "direct", "implied", "orders"]],
-        ] as const) {
-            const half = element("presentation", `half ${side}`);
-            half.append(...names.map(makeTitle));
-            titles.append(half);
-        }
-        head.append(titles);
-        this.#body = element("rowgroup", "ladder-body");
-        this.root.append(head, this.#body);
+        this.root.className = "ladder";
+        this.#canvas = new LadderCanvas(() => this.repaint());
+        this.#table = new LadderTable(label);
+        this.root.append(this.#canvas.element, this.#table.root);
         this.setRows(rows);
-        this.#setWidths();
     }
 
     /** Digits behind the point that prices are written with. */
@@ -71,20 +47,34 @@ export class Ladder {
     }
 
     rename(label: string): void {
-        this.root.setAttribute("aria-label", `order book of ${label}`);
+        this.#table.rename(label);
+    }
+
+    showOrders(shown: boolean): void {
+        if (shown === this.#showsOrders) return;
+        this.#showsOrders = shown;
+        this.#table.showOrders(shown);
+        this.repaint();
     }
 
     setRows(rows: number): void {
-        while (this.#bids.length < rows) this.#addRow();
-        while (this.#bids.length > rows) {
-            this.#bids.pop();
-            this.#asks.pop();
-            this.#body.lastElementChild?.remove();
-        }
-        this.root.setAttribute("aria-rowcount", String(rows + 1));
+        if (rows === this.#bids.length) return;
+        const empty = (): Half => ({ barStep: 0, level: undefined });
+        this.#bids = Array.from({ length: rows }, empty);
+        this.#asks = Array.from({ length: rows }, empty);
+        this.#table.setRows(rows);
+        this.#canvas.setRows(rows + 1);
+        this.repaint();
+    }
+
+    /** All of it anew, with the next painting. */
+    repaint(): void {
+        this.#forget();
+        this.onLost();
     }
 
     paint(book: Book): void {
+        if (!this.#canvas.isReady) return;
         if (book.epoch !== this.#epoch) {
             // Prices begin anew: their digits may be fewer.
             this.#epoch = book.epoch;
@@ -94,81 +84,64 @@ export class Ladder {
         const rows = this.#bids.length;
         const grownBids = this.#columns.fit(book.bids, rows);
         const grownAsks = this.#columns.fit(book.asks, rows);
-        if (grownBids || grownAsks) {
-            this.#setWidths();
-            this.#forget();
+        if (grownBids || grownAsks) this.#forget();
+        if (this.#drawsTitles) {
+            this.#drawsTitles = false;
+            this.isCrowded = !this.#canvas.hasRoomFor(this.#widths());
+            this.#canvas.drawTitles(this.#widths());
         }
         const scale = barSteps / Math.max(largest(book.bids, rows), largest(book.asks, rows), Number.MIN_VALUE);
+        const lines: Line[] = [];
         for (let i = 0; i < rows; i += 1) {
-            this.#paintHalf(this.#bids[i]!, book.bids[i] ?? null, scale);
-            this.#paintHalf(this.#asks[i]!, book.asks[i] ?? null, scale);
+            this.#note(lines, this.#bids[i]!, book.bids[i] ?? null, scale, i, -1);
+            this.#note(lines, this.#asks[i]!, book.asks[i] ?? null, scale, i, 1);
         }
+        if (lines.length > 0) this.#canvas.draw(lines, this.#widths());
     }
 
-    #paintHalf(half: Half, level: Level | null, scale: number): void {
+    /** Brings what is read out up to date. */
+    describe(book: Book): void {
+        this.#table.fill(book, this.#columns);
+    }
+
+    close(): void {
+        this.#canvas.close();
+    }
+
+    /** Adds the line to what is to be drawn, if it differs. */
+    #note(lines: Line[], half: Half, level: Level | null, scale: number, row: number, side: -1 | 1): void {
         const step = level === null ? 0 : Math.ceil(total(level) * scale);
-        if (step !== half.barStep) {
-            half.barStep = step;
-            half.element.style.backgroundSize = `${(step * 100) / barSteps}% 100%`;
-        }
         // Levels are replaced, never changed: the same object is the same numbers.
-        if (level === half.level) return;
-        const old = half.level;
+        if (step === half.barStep && level === half.level) return;
+        half.barStep = step;
         half.level = level;
         const { price, direct, implied } = this.#columns;
-        if (level === null) {
-            for (const cell of half.cells) cell.data = "";
-            return;
-        }
-        if (old == null || old[0] !== level[0]) half.cells[3]!.data = fill(padZeros(level[0], price.fraction), price);
-        if (old == null || old[1] !== level[1]) half.cells[2]!.data = quantity(level[1], direct);
-        if (old == null || old[2] !== level[2]) half.cells[1]!.data = quantity(level[2], implied);
-        if (old == null || old[3] !== level[3]) half.cells[0]!.data = level[3] === null ? "" : String(level[3]);
-    }
-
-    #addRow(): void {
-        const row = element("row", "ladder-row");
-        const bid = this.#makeHalf("bid-side");
-        const ask = this.#makeHalf("ask-side");
-        row.append(bid.element, ask.element);
-        this.#body.append(row);
-        this.#bids.push(bid);
-        this.#asks.push(ask);
-    }
-
-    #makeHalf(side: string): Half {
-        const half = element("presentation", `half ${side}`);
-        const cells = cellNames.map((name) => {
-            const text = document.createTextNode("");
-            element("cell", `cell ${name}`).append(text);
-            return text;
+        lines.push({
+            row: row + 1,
+            side,
+            bar: step / barSteps,
+            price: level === null ? "" : priceText(level[0], price),
+            direct: level === null ? "" : quantityText(level[1], direct),
+            implied: level === null ? "" : quantityText(level[2], implied),
+            orders: level === null || level[3] === null || !this.#showsOrders ? "" : String(level[3]),
         });
-        const inOrder = side === "bid-side" ? cells : cells.toReversed();
-        half.append(...inOrder.map((text) => text.parentElement!));
-        return { cells, element: half, barStep: 0, level: undefined };
     }
 
     #forget(): void {
-        for (const half of [...this.#bids, ...this.#asks]) half.level = undefined;
+        this.#drawsTitles = true;
+        for (const half of this.#bids) half.level = undefined;
+        for (const half of this.#asks) half.level = undefined;
     }
 
-    #setWidths(): void {
-        for (const name of ["price", "direct", "implied", "orders"] as const) {
-            this.root.style.setProperty(`--${name}-width`, String(widthOf(this.#columns[name])));
-        }
-        const { price, direct, implied } = this.#columns;
-        this.characters = 2 * (widthOf(price) + widthOf(direct) + widthOf(implied));
+    #widths(): Widths {
+        const { price, direct, implied, orders } = this.#columns;
+        return {
+            price: widthOf(price),
+            direct: widthOf(direct),
+            implied: widthOf(implied),
+            orders: this.#showsOrders ? widthOf(orders) : 0,
+        };
     }
-}
-
-/** Nothing at all is shown as nothing: what is there stands out. */
-function quantity(text: string, column: Column): string {
-    return isZero(text) ? "" : fill(alignAtPoint(text, column.fraction), column);
-}
-
-/** Every number of a column is as wide as the column: none of them moves when its digits do. */
-function fill(text: string, column: Column): string {
-    return text.padStart(widthOf(column));
 }
 
 /** Only for the length of a bar, which is in pixels. */

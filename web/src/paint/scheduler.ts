@@ -10,19 +10,12 @@ export interface FrameSource {
     afterFrame(callback: () => void): void;
 }
 
-export const browserFrames: FrameSource = (() => {
-    const channel = typeof MessageChannel === "undefined" ? null : new MessageChannel();
-    const waiting: (() => void)[] = [];
-    if (channel !== null) channel.port1.onmessage = () => waiting.splice(0).forEach((callback) => callback());
-    return {
-        now: () => performance.now(),
-        requestFrame: (callback) => void requestAnimationFrame(() => callback(performance.now())),
-        afterFrame: (callback) => {
-            waiting.push(callback);
-            channel?.port2.postMessage(0);
-        },
-    };
-})();
+export const browserFrames: FrameSource = {
+    now: () => performance.now(),
+    requestFrame: (callback) => void requestAnimationFrame(() => callback(performance.now())),
+    // Layout and painting belong to the task that calls back for the frame: a task of its own comes after them.
+    afterFrame: (callback) => void setTimeout(callback),
+};
 
 const frameMs = 1000 / 60;
 
@@ -43,9 +36,9 @@ export class PaintScheduler {
 
     constructor(
         private readonly source: FrameSource,
-        private readonly budgetMs = 5,
-        private readonly largestShare = 16,
-        private readonly smallestShare = 10,
+        private readonly budgetMs = 6,
+        private readonly largestShare = 25,
+        private readonly smallestShare = 17,
     ) {
         this.#share = largestShare;
     }

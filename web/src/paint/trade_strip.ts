@@ -47,7 +47,7 @@ export class TradeStrip {
         const { price, direct } = this.#columns;
         const texts =
             trade === undefined
-                ? ["", "", "", ""]
+                ? [line === this.#lines[0] ? "no trades yet" : "", "", "", ""]
                 : [
                       timeOfDay(trade.exchange_time_ns),
                       padZeros(trade.price, price.fraction).padStart(widthOf(price)),

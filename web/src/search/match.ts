@@ -5,13 +5,17 @@ import type { Entry } from "./directory.ts";
  * word, then those with a part that does (`MAR27` in `GOLD-MAR27`), then the rest; each group in the directory's order.
  */
 export function search(entries: readonly Entry[], query: string): readonly Entry[] {
-    const words = query.toLowerCase().split(/\s+/).filter(Boolean);
+    const words = wordsOf(query);
     if (words.length === 0) return entries;
     const groups: Entry[][] = [[], [], [], []];
     for (const entry of entries) {
         if (words.every((word) => entry.text.includes(word))) groups[rank(entry, words[0]!)]!.push(entry);
     }
     return groups.flat();
+}
+
+export function wordsOf(query: string): string[] {
+    return query.toLowerCase().split(/\s+/).filter(Boolean);
 }
 
 function rank(entry: Entry, word: string): number {

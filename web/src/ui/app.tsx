@@ -23,6 +23,7 @@ export function App() {
         const apply = () => {
             root.dataset.theme = theme === "auto" ? (system.matches ? "dark" : "light") : theme;
             root.dataset.palette = palette;
+            services.recolour();
         };
         apply();
         system.addEventListener("change", apply);

@@ -27,7 +27,9 @@ function midRange(low: number | null, high: number | null): [number, number] {
 }
 
 /** As many digits as tell the lines of the grid apart. */
-function writeSplits(_plot: unknown, splits: number[]): string[] {
+function writeSplits(plot: uPlot, splits: number[]): string[] {
+    // Nothing is known yet: a scale would be made up.
+    if (plot.data[0].length === 0) return splits.map(() => "");
     const step = splits.length > 1 ? splits[1]! - splits[0]! : 1;
     const digits = Math.max(0, Math.min(10, Math.ceil(-Math.log10(step) - 1e-9)));
     return splits.map((split) => split.toFixed(digits));

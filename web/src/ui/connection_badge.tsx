@@ -47,7 +47,7 @@ interface FigureProps {
 function Figure({ name, title, value, width }: FigureProps) {
     return (
         <span class={`figure ${name.replace("/", "-")}`} title={title}>
-            {name} <b>{value.padStart(width)}</b>
+            <b>{value.padStart(width)}</b> {name}
         </span>
     );
 }

@@ -1,9 +1,9 @@
 import { useEffect, useMemo, useRef, useState } from "preact/hooks";
-import { ApiError } from "../api/http.ts";
-import { type Entry, loadDirectory } from "../search/directory.ts";
-import { search, visibleRows } from "../search/match.ts";
+import type { Entry } from "../search/directory.ts";
+import { visibleRows } from "../search/match.ts";
 import { useStore } from "../state/store.ts";
 import { useServices } from "./services.ts";
+import { useDirectory } from "./use_directory.ts";
 
 const rowHeight = 20;
 /** Beside the other attributes, since their types know comboboxes only with a list of the browser's own. */
@@ -12,33 +12,14 @@ const comboboxRole: object = { role: "combobox" };
 /** The search: a field, and all that matches below it. However many rows there are, only those in sight exist. */
 export function InstrumentList() {
     const services = useServices();
-    const tokenVersion = useStore(services.tokenVersion);
-    const { hello } = useStore(services.link);
     const { panels } = useStore(services.view);
-    const [entries, setEntries] = useState<readonly Entry[]>([]);
-    const [total, setTotal] = useState<number | null>(null);
     const [query, setQuery] = useState("");
     const [active, setActive] = useState(0);
     const [scrollTop, setScrollTop] = useState(0);
     const [height, setHeight] = useState(600);
     const list = useRef<HTMLDivElement>(null);
-    const found = useMemo(() => search(entries, query), [entries, query]);
+    const { found, count } = useDirectory(query);
     const shown = useMemo(() => new Set(panels.map((panel) => panel.instrument)), [panels]);
-
-    // Again with each session: a server that starts has no directory yet.
-    useEffect(() => {
-        if (hello === null) return;
-        let current = true;
-        loadDirectory((loaded, all) => {
-            if (!current) return;
-            setEntries(loaded);
-            setTotal(all);
-        }).catch((error: unknown) => {
-            if (!current || (error instanceof ApiError && error.status === 401)) return;
-            services.toasts.show(error instanceof Error ? error.message : String(error), "instruments");
-        });
-        return () => void (current = false);
-    }, [hello?.session, tokenVersion]);
 
     useEffect(() => {
         const observer = new ResizeObserver(([entry]) => setHeight(entry!.contentRect.height));
@@ -90,7 +71,7 @@ export function InstrumentList() {
                 onKeyDown={onKeyDown}
             />
             <p class="quiet found" role="status">
-                {countText(found.length, entries.length, total)}
+                {count}
             </p>
             <div
                 id="instrument-list"
@@ -128,10 +109,4 @@ export function InstrumentList() {
             </div>
         </aside>
     );
-}
-
-function countText(found: number, loaded: number, total: number | null): string {
-    if (total === null) return "loading…";
-    if (loaded < total) return `loading ${loaded} of ${total}`;
-    return `${found} of ${total} instruments`;
 }

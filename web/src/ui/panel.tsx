@@ -51,7 +51,7 @@ export function Panel({ panel, selected, onSelect }: PanelProps) {
     return (
         <section
             ref={section}
-            class={`panel${selected ? " selected" : ""}${waiting ? " waiting" : ""}${panel.orders ? " with-orders" : ""}`}
+            class={`panel${selected ? " selected" : ""}${waiting ? " waiting" : ""}${feed.isWide ? " wide" : ""}`}
             aria-label={panel.instrument}
             aria-busy={waiting}
             data-panel={panel.id}

@@ -1,7 +1,9 @@
 import { History } from "../book/history.ts";
 import { Ladder } from "../paint/ladder.ts";
 import type { PaintScheduler, Paintable } from "../paint/scheduler.ts";
+import { SlowQueue } from "../paint/slow_queue.ts";
 import { TradeStrip, writeLast } from "../paint/trade_strip.ts";
+import { browserClock } from "../protocol/clock.ts";
 import type { PriceClient } from "../protocol/price_client.ts";
 import type { Holder, Scope, Subscription } from "../protocol/subscription.ts";
 import type { PanelState } from "../state/view_state.ts";
@@ -10,6 +12,8 @@ import type { PanelState } from "../state/view_state.ts";
 const graceMs = 400;
 const mostRows = 200;
 const rowsBeforeImage = 20;
+/** Screen readers follow more slowly than eyes: one table at a time. */
+const descriptions = new SlowQueue<PanelFeed>(browserClock, (feed) => feed.describe());
 
 /**
  * What stands between a panel and its prices. It holds the panel's scope while the panel can be seen, takes notes of
@@ -21,11 +25,12 @@ export class PanelFeed implements Paintable {
     readonly last = document.createElement("span");
     readonly fields = document.createElement("div");
     history = new History();
+    isWide = false;
     #holder: Holder | null = null;
     #subscription: Subscription | null = null;
     #visible = false;
     #graceTimer: ReturnType<typeof setTimeout> | undefined;
-    #painted = { tape: -1, fields: -1, wide: false };
+    #painted = { tape: -1, fields: -1 };
 
     constructor(
         private readonly client: PriceClient,
@@ -34,6 +39,8 @@ export class PanelFeed implements Paintable {
         private readonly onState: () => void,
     ) {
         this.ladder = new Ladder(panel.instrument, rowsOf(panel, null));
+        this.ladder.showOrders(panel.orders);
+        this.ladder.onLost = () => scheduler.mark(this, performance.now());
         this.last.className = "last";
         this.fields.className = "fields";
         this.strip.root.setAttribute("aria-label", `last trades of ${panel.instrument}`);
@@ -63,6 +70,7 @@ export class PanelFeed implements Paintable {
             this.#painted.tape = this.#painted.fields = -1;
         }
         this.ladder.setRows(rowsOf(panel, this.subscription?.effectiveDepth ?? null));
+        this.ladder.showOrders(panel.orders);
         if (this.#holder !== null && scopeText(old) !== scopeText(panel)) this.client.rescope(this.#holder, scopeOf(panel));
         this.scheduler.mark(this, performance.now());
     }
@@ -71,6 +79,15 @@ export class PanelFeed implements Paintable {
         clearTimeout(this.#graceTimer);
         this.#visible = false;
         this.#release();
+        this.scheduler.forget(this);
+        descriptions.forget(this);
+        this.ladder.close();
+    }
+
+    /** Brings what is read out up to date with what is seen. */
+    describe(): void {
+        const book = this.subscription?.book;
+        if (book?.hasImage) this.ladder.describe(book);
     }
 
     paint(): void {
@@ -80,6 +97,7 @@ export class PanelFeed implements Paintable {
         if (book.hasImage) {
             if (typeof this.panel.depth !== "number") this.ladder.setRows(rowsOf(this.panel, subscription.effectiveDepth));
             this.ladder.paint(book);
+            descriptions.add(this);
             this.#widen();
         }
         if (data.tape.version !== this.#painted.tape) {
@@ -118,12 +136,11 @@ export class PanelFeed implements Paintable {
         this.scheduler.mark(this, arrivedMs);
     };
 
-    /** Numbers that need more room get it, once. */
+    /** Numbers that need more room get it, once: a panel does not become narrow again while others look at it. */
     #widen(): void {
-        const wide = this.ladder.characters + (this.panel.orders ? 6 : 0) > 40;
-        if (wide === this.#painted.wide) return;
-        this.#painted.wide = wide;
-        this.ladder.root.closest(".panel")?.classList.toggle("wide", wide);
+        if (this.isWide || !this.ladder.isCrowded) return;
+        this.isWide = true;
+        this.onState();
     }
 }
 

@@ -1,5 +1,6 @@
 import { createContext } from "preact";
 import { useContext } from "preact/hooks";
+import { forgetColours } from "../paint/colours.ts";
 import { browserFrames, PaintScheduler } from "../paint/scheduler.ts";
 import { browserClock } from "../protocol/clock.ts";
 import { Connection, type ConnectionState, type Socket } from "../protocol/connection.ts";
@@ -10,6 +11,7 @@ import { Store } from "../state/store.ts";
 import { Toasts } from "../state/toasts.ts";
 import { storedToken, storeToken } from "../state/token.ts";
 import { newPanel, type PanelState, type ViewState } from "../state/view_state.ts";
+import { Welcome } from "./first_visit.ts";
 import type { PanelFeed } from "./panel_feed.ts";
 
 export interface Link {
@@ -28,6 +30,7 @@ export class Services {
     readonly scheduler = new PaintScheduler(browserFrames);
     readonly connection: Connection;
     readonly client: PriceClient;
+    readonly welcome = new Welcome(this);
     /** The feeds of the panels on the page, by the panel's id. */
     readonly feeds = new Map<number, PanelFeed>();
     /** Said to screen readers, politely. */
@@ -46,6 +49,7 @@ export class Services {
                 open: (hello) => {
                     this.link.update({ hello, refused: false });
                     this.client.sessionBegan();
+                    void this.welcome.begin();
                 },
                 message: (message, arrivedMs) => this.client.receive(message, arrivedMs),
                 refused: () => {
@@ -68,7 +72,14 @@ export class Services {
         this.tokenVersion.set(this.tokenVersion.value + 1);
     }
 
+    /** Another theme: what is drawn rather than styled is drawn again. */
+    recolour(): void {
+        forgetColours();
+        for (const feed of this.feeds.values()) feed.ladder.repaint();
+    }
+
     addPanel(instrument: string): void {
+        this.welcome.end();
         const { panels, depth } = this.view.value;
         this.view.update({ view: "ladders", panels: [...panels, newPanel(instrument, depth)], selected: panels.length });
         this.announcement.set(`${instrument} added`);
@@ -80,6 +91,7 @@ export class Services {
     }
 
     closePanel(id: number): void {
+        this.welcome.end();
         const { panels, selected } = this.view.value;
         const index = panels.findIndex((panel) => panel.id === id);
         const rest = panels.filter((panel) => panel.id !== id);

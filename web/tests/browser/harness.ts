@@ -1,18 +1,20 @@
 import { type Browser, type BrowserContext, chromium, type Page, type WebSocketRoute } from "playwright-core";
 import { afterAll, afterEach, beforeAll, expect, inject } from "vitest";
+import { watchDrawing } from "./drawing.ts";
 import { flags } from "./flags.ts";
+import { chromiumPath } from "./needs.ts";
 
 export const base = inject("base");
 export const active = inject("active");
-export const artefacts = new URL("../../artefacts/", import.meta.url).pathname;
+/** An address that asks for nothing, so that nobody is taken for a newcomer. */
+export const emptyPage = "#list=1";
 
 let browser: Browser;
 const contexts: BrowserContext[] = [];
 const problems: string[] = [];
 
 beforeAll(async () => {
-    const executablePath = process.env.CHROMIUM ?? "/usr/bin/chromium";
-    browser = await chromium.launch({ executablePath, args: flags });
+    browser = await chromium.launch({ executablePath: chromiumPath, args: flags });
 });
 
 afterEach(async () => {
@@ -121,6 +123,7 @@ export async function openPage(options: OpenOptions = {}): Promise<Page> {
     });
     const { tap } = options;
     if (tap !== undefined) await page.routeWebSocket(/\/ws$/, (socket) => tap.handle(socket));
+    await page.addInitScript(watchDrawing);
     await options.prepare?.(page);
     await page.goto(base + (options.hash ?? ""));
     await page.waitForSelector(".top");
@@ -138,13 +141,30 @@ export async function openLadders(instruments: readonly string[], options: OpenO
     return page;
 }
 
-/** The rows of a ladder as they are read: bid side from the outside in, ask side from the inside out. */
+/** The rows of a ladder as they are read out: bid side from the outside in, ask side from the inside out. */
 export function ladderRows(page: Page, index = 0): Promise<string[][]> {
     return page
         .locator(".panel")
         .nth(index)
         .locator(".ladder-body .ladder-row")
         .evaluateAll((rows) => rows.map((row) => [...row.querySelectorAll(".cell")].map((cell) => cell.textContent?.trim() ?? "")));
+}
+
+/** The rows of a ladder as they are drawn: the texts of each, from left to right. The first row has the titles. */
+export function drawnRows(page: Page, index = 0): Promise<string[][]> {
+    return page
+        .locator(".panel")
+        .nth(index)
+        .locator("canvas")
+        .evaluate((canvas) => {
+            const rows = new Map<number, { text: string; x: number }[]>();
+            for (const { text, x, y } of globalThis.drawnTexts(canvas)) {
+                const row = Math.floor(y / 14);
+                rows.set(row, [...(rows.get(row) ?? []), { text, x }]);
+            }
+            const last = Math.max(0, ...rows.keys());
+            return Array.from({ length: last + 1 }, (_, row) => (rows.get(row) ?? []).sort((a, b) => a.x - b.x).map(({ text }) => text));
+        });
 }
 
 export function panelNames(page: Page): Promise<string[]> {

@@ -223,7 +223,7 @@ function readDepth(depth: unknown): number | null {
     return typeof depth === "number" && Number.isInteger(depth) && depth >= 1 && depth <= limits.depth ? depth : null;
 }
 
-function difference(before: readonly Level[], after: readonly Level[]): Level[] {
+export function difference(before: readonly Level[], after: readonly Level[]): Level[] {
     const old = new Map(before.map((level) => [level[0], level]));
     const changed: Level[] = [];
     for (const level of after) {

@@ -35,3 +35,17 @@ describe("decode", () => {
         expect(message).toMatchObject({ bids: [["0.10000000000000000001", "1.50", "0", null]] });
     });
 });
+
+describe("A message of many lines", () => {
+    const line = '{"type":"pong","request":"a","time_ns":"1"}';
+
+    test("loses only the line that is broken", () => {
+        const { messages, broken } = decode(`${line}\nnonsense\n${line}`);
+        expect([messages.length, broken]).toEqual([2, ["nonsense"]]);
+    });
+
+    test("names the line that is JSON and no object with a type", () => {
+        const { messages, broken } = decode(`${line}\n[1,2]\n${line}`);
+        expect([messages.length, broken]).toEqual([2, ["[1,2]"]]);
+    });
+});

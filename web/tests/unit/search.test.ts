@@ -1,5 +1,5 @@
 import { describe, expect, test } from "vitest";
-import { loadDirectory, makeEntry } from "../../src/search/directory.ts";
+import { askForMatches, largestDirectory, loadDirectory, makeEntry } from "../../src/search/directory.ts";
 import { search, visibleRows } from "../../src/search/match.ts";
 
 const entries = [
@@ -80,5 +80,35 @@ describe("loadDirectory", () => {
             },
         );
         expect(pages).toBe(2);
+    });
+
+    test("stops after the first page when there are more than a page holds", async () => {
+        let pages = 0;
+        const isWhole = await loadDirectory(
+            () => undefined,
+            () => {
+                pages += 1;
+                return Promise.resolve({ total: largestDirectory + 1, instruments: ["SIM:A"] });
+            },
+        );
+        expect([isWhole, pages]).toEqual([false, 1]);
+    });
+});
+
+describe("askForMatches", () => {
+    test("asks for the longest word, and looks for the others itself", async () => {
+        const asked: string[] = [];
+        const found = await askForMatches("usdm BTCusdt", undefined, (path) => {
+            asked.push(new URL(path, "http://host").searchParams.get("search")!);
+            return Promise.resolve({ total: 2, instruments: [{ market: "SPOT", symbol: "BTCUSDT" }, { market: "USDM", symbol: "BTCUSDT" }] });
+        });
+        expect(asked).toEqual(["btcusdt"]);
+        expect(found.entries.map(({ instrument }) => instrument)).toEqual(["USDM:BTCUSDT"]);
+        expect(found.isWhole).toBe(true);
+    });
+
+    test("says when there are more than it has got", async () => {
+        const found = await askForMatches("a", undefined, () => Promise.resolve({ total: 1001, instruments: ["SIM:A"] }));
+        expect(found.isWhole).toBe(false);
     });
 });

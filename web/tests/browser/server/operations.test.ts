@@ -1,5 +1,5 @@
 import { describe, expect, test } from "vitest";
-import { active, hashOf, openLadders, openPage } from "./harness.ts";
+import { active, hashOf, openLadders, openPage } from "../harness.ts";
 
 const [first] = active as [string];
 
@@ -35,18 +35,6 @@ describe("The operations view", () => {
         const number = /session (\d+)/.exec(about)![1]!;
         const numbers = await page.locator("section[aria-label='Sessions'] tbody tr td:first-child").allInnerTexts();
         expect(numbers).toContain(number);
-    });
-
-    test("says what it may not see", async () => {
-        const page = await openPage({
-            hash: "#view=operations",
-            expected: /403/,
-            prepare: (one) =>
-                one.route("**/api/v1/status", (route) =>
-                    route.fulfill({ status: 403, json: { error: { code: "forbidden", where: "/api/v1/status", message: "not with this token" } } }),
-                ),
-        });
-        await expect.poll(() => page.innerText('[role="alert"]')).toContain("not with this token");
     });
 
     test("is left behind with its requests", async () => {

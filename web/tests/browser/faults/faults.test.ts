@@ -1,5 +1,5 @@
 import { describe, expect, test } from "vitest";
-import { active, hashOf, type Json, ladderRows, openLadders, openPage, panelNames, Tap, toasts } from "./harness.ts";
+import { active, hashOf, type Json, ladderRows, openLadders, openPage, panelNames, Tap, toasts } from "../harness.ts";
 
 const [first] = active as [string];
 
@@ -69,14 +69,25 @@ describe("When something goes wrong, the page", () => {
         const tap = new Tap();
         const page = await openLadders([first], { tap });
         const request = tap.sentOf("subscribe")[0]!.request;
-        tap.say({ type: "result", request, code: 17, name: "DirectSubscriptionFailed", meaning: "it cannot be had" });
+        // Of a kind that does not pass by itself: the page does not try again before it is told to.
+        tap.say({ type: "error", request, code: "unknown_instrument", where: "instrument", message: "nobody knows it" });
         await page.waitForSelector(".failure");
         await page.click("text=Why?");
         await page.waitForSelector("dialog[open] .tree");
         expect(await page.innerText("dialog[open] h2")).toContain(first);
         await page.keyboard.press("Escape");
-        if (await page.locator(".failure").count()) await page.click("text=Try again");
+        await page.click("text=Try again");
         await expect.poll(() => tap.sentOf("subscribe").length).toBe(2);
+        await expect.poll(() => page.locator(".failure").count()).toBe(0);
+    });
+
+    test("tries again by itself when that may help", async () => {
+        const tap = new Tap();
+        const page = await openLadders([first], { tap });
+        const request = tap.sentOf("subscribe")[0]!.request;
+        tap.say({ type: "result", request, code: 17, name: "DirectSubscriptionFailed", meaning: "it cannot be had" });
+        await expect.poll(() => tap.sentOf("subscribe").length).toBe(2);
+        await expect.poll(() => page.locator('.panel[aria-busy="false"]').count()).toBe(1);
         await expect.poll(() => page.locator(".failure").count()).toBe(0);
     });
 
@@ -106,6 +117,26 @@ describe("When something goes wrong, the page", () => {
         tap.say({ type: "conflated", instrument: first, depth: 5, count: 1234 }, { type: "gap", instrument: first, kind: "trades", lost: 17 });
         await expect.poll(() => page.innerText(".figure.conflated")).toContain("1234");
         await expect.poll(() => page.innerText(".figure.gaps")).toContain("17");
+    });
+
+    test("says so when the server has sent what it must not", async () => {
+        const tap = new Tap();
+        const page = await openLadders([first], { tap });
+        tap.sockets[0]!.send(Buffer.from([1, 2, 3]));
+        await expect.poll(() => toasts(page)).toEqual([expect.stringContaining("binary data")]);
+        await expect.poll(() => page.innerText(".connection .state")).toBe("live");
+    });
+
+    test("says that it was too slow, and does not come back at once", async () => {
+        const tap = new Tap();
+        const page = await openLadders([first], { tap });
+        tap.refuse = true;
+        const begin = performance.now();
+        await tap.sockets[0]!.close({ code: 1013, reason: "" });
+        await expect.poll(() => page.getAttribute(".connection", "title")).toContain("too slow");
+        tap.refuse = false;
+        await expect.poll(() => page.innerText(".connection .state"), { timeout: 30_000 }).toBe("live");
+        expect(performance.now() - begin).toBeGreaterThan(2900);
     });
 
     test("comes back by itself with fresh images when the connection is lost", async () => {

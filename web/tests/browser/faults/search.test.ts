@@ -1,6 +1,6 @@
 import type { Page } from "playwright-core";
 import { describe, expect, test } from "vitest";
-import { active, openLadders, openPage, panelNames } from "./harness.ts";
+import { emptyPage, openPage } from "../harness.ts";
 
 const many = Array.from({ length: 10_000 }, (_, index) => ({ market: "SIM", symbol: `ROOT${index % 100}-M${String(index).padStart(5, "0")}` }));
 
@@ -15,48 +15,12 @@ async function serveMany(page: Page): Promise<void> {
 }
 
 async function openMany(): Promise<Page> {
-    const page = await openPage({ prepare: serveMany });
+    const page = await openPage({ hash: emptyPage, prepare: serveMany });
     await page.waitForFunction(() => document.querySelector(".found")?.textContent?.includes("10000 of 10000"));
     return page;
 }
 
-describe("The search", () => {
-    test("is reached with a slash from anywhere", async () => {
-        const page = await openLadders([active[0]!]);
-        await page.locator(".panel").focus();
-        await page.keyboard.press("/");
-        await expect.poll(() => page.evaluate(() => document.activeElement?.id)).toBe("search");
-        expect(await page.inputValue("#search")).toBe("");
-    });
-
-    test("takes the first match with Enter, and its prices come", async () => {
-        const page = await openPage();
-        const [market, symbol] = active[1]!.split(/:(.*)/s);
-        await page.waitForSelector(".row");
-        await page.fill("#search", `${symbol} ${market}`);
-        await page.keyboard.press("Enter");
-        await page.waitForSelector('.panel[aria-busy="false"]');
-        expect(await panelNames(page)).toEqual([active[1]]);
-    });
-
-    test("takes what is clicked, and marks what is shown", async () => {
-        const page = await openPage();
-        const row = page.locator(".row").nth(2);
-        await row.click();
-        await page.waitForSelector(".panel");
-        await expect.poll(() => row.getAttribute("class")).toContain("shown");
-        expect(await page.locator(".panel").count()).toBe(1);
-    });
-
-    test("goes through the matches with the arrow keys", async () => {
-        const page = await openMany();
-        await page.focus("#search");
-        for (const key of ["ArrowDown", "ArrowDown", "ArrowDown", "ArrowUp"]) await page.keyboard.press(key);
-        const selected = page.locator('[role="option"][aria-selected="true"]');
-        expect(await selected.getAttribute("aria-posinset")).toBe("3");
-        expect(await page.getAttribute("#search", "aria-activedescendant")).toBe(await selected.getAttribute("id"));
-    });
-
+describe("The search among many", () => {
     test("has a row only for what is in sight, of ten thousand", async () => {
         const page = await openMany();
         expect(await page.locator(".row").count()).toBeLessThan(80);
@@ -86,17 +50,20 @@ describe("The search", () => {
         const page = await openMany();
         const times = await page.evaluate(async () => {
             const input = document.querySelector<HTMLInputElement>("#search")!;
-            const result: number[] = [];
-            for (const text of ["r", "ro", "root4", "root42", "m00", "m0099", ""]) {
-                const begin = performance.now();
-                input.value = text;
-                input.dispatchEvent(new Event("input", { bubbles: true }));
-                await new Promise((resolve) => requestAnimationFrame(() => setTimeout(resolve)));
-                result.push(performance.now() - begin);
+            // Of several times the shortest: the others tell how busy the machine is.
+            const shortest = new Map<string, number>();
+            for (let round = 0; round < 8; round += 1) {
+                for (const text of ["r", "ro", "root4", "root42", "m00", "m0099", ""]) {
+                    const begin = performance.now();
+                    input.value = text;
+                    input.dispatchEvent(new Event("input", { bubbles: true }));
+                    await new Promise((resolve) => requestAnimationFrame(() => setTimeout(resolve)));
+                    shortest.set(text, Math.min(shortest.get(text) ?? Infinity, performance.now() - begin));
+                }
             }
-            return result.sort((a, b) => a - b);
+            return [...shortest.values()];
         });
-        expect(times[3]).toBeLessThan(100);
+        expect(Math.max(...times)).toBeLessThan(100);
     });
 
     test("says how many match, and forgets the query with Escape", async () => {
@@ -109,6 +76,7 @@ describe("The search", () => {
 
     test("says so when the server has no list", async () => {
         const page = await openPage({
+            hash: emptyPage,
             expected: /503/,
             prepare: (one) =>
                 one.route("**/api/v1/instruments*", (route) =>
@@ -116,5 +84,31 @@ describe("The search", () => {
                 ),
         });
         await expect.poll(() => page.innerText(".toasts")).toContain("still starting");
+    });
+
+    test("is the server's when there are more instruments than a page holds", async () => {
+        const asked: string[] = [];
+        const page = await openPage({
+            hash: emptyPage,
+            prepare: (one) =>
+                one.route("**/api/v1/instruments*", (route) => {
+                    const query = new URL(route.request().url()).searchParams;
+                    const text = query.get("search") ?? "";
+                    asked.push(text);
+                    const found = many.filter(({ symbol }) => symbol.toLowerCase().includes(text));
+                    const total = text === "" ? 62_345 : found.length;
+                    return route.fulfill({ json: { total, instruments: found.slice(0, Number(query.get("limit"))) } });
+                }),
+        });
+        await expect.poll(() => page.innerText(".found")).toBe("the first of 62345: type to search");
+        await page.locator("#search").pressSequentially("sim m00142");
+        await expect.poll(() => page.innerText(".found")).toBe("1 of 62345 instruments");
+        expect(await page.locator(".row .symbol").allInnerTexts()).toEqual([many[142]!.symbol]);
+        await page.fill("#search", "m");
+        await expect.poll(() => page.innerText(".found")).toBe("1000 of many: type more");
+        // One page at the beginning, and not one question for each key.
+        expect(asked.length).toBeLessThan(10);
+        await page.press("#search", "Escape");
+        await expect.poll(() => page.innerText(".found")).toBe("the first of 62345: type to search");
     });
 });
