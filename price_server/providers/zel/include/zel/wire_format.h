@@ -1,7 +1,7 @@
 #pragma once
 
 /// What travels between publishers and price servers, byte by byte. Hand-laid: fixed places, little-endian, no padding,
-/// nothing optional (docs/decisions/0012). The market of a message is in its address, not in its bytes.
+/// nothing optional (docs/decisions/0014). The market of a message is in its address, not in its bytes.
 ///
 /// Every message begins with the same 24 bytes:
 ///
