@@ -224,12 +224,12 @@ void NatsTransport::Connect(ITransportListener& listener)
 
 void NatsTransport::Stop()
 {
+    m_link->Close(); // first: the end of the connection is no news to the listener
     {
         const std::lock_guard lock(m_mutex);
         m_isStopping = true;
     }
     m_changed.notify_all();
-    m_link->Close();
     if (m_thread.joinable())
     {
         m_thread.join();

@@ -181,6 +181,15 @@ void ZelProvider::OnTransportState(bool isConnected)
     if (!isConnected)
     {
         LoseAll("the connection to the message broker is gone");
+        return;
+    }
+    {
+        const ScopedRoleLock lock(m_mutex, m_role);
+        for (const std::unique_ptr<ZelMarket>& market : m_markets)
+        {
+            market->wantsDirectory = true; // the publisher may have begun an epoch meanwhile
+            market->directoryAskedAt = {};
+        }
     }
     Wake();
 }

@@ -89,7 +89,10 @@ void ZelProvider::OnDirectory(ZelMarket& market, std::uint32_t part, std::uint64
     const bool isNews = epoch > market.epoch || (epoch == market.epoch && revision > market.revision);
     if (!isNews)
     {
-        market.wantsDirectory = market.wantsDirectory && epoch != market.epoch;
+        if (IsHeard(market, epoch))
+        {
+            market.wantsDirectory = false;
+        }
         return;
     }
     std::optional<WireDirectory> directory = ReadDirectory(payload);

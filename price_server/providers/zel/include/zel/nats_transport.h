@@ -25,7 +25,7 @@ struct NatsOptions
     std::chrono::milliseconds connectTimeout{500}; ///< for one attempt at one broker
     std::chrono::milliseconds writeTimeout{500};   ///< a broker that takes nothing for so long is gone
     std::chrono::milliseconds shortestPause{20};   ///< between attempts; doubles up to the longest
-    std::chrono::milliseconds longestPause{250};
+    std::chrono::milliseconds longestPause{100};
     int mostPendingMessages = 1'000'000; ///< of one channel; more are dropped, and the listener is told
     int mostPendingBytes = 256 << 20;
 };
