@@ -71,7 +71,7 @@ bool PublisherRun::ServeUntil(Clock::time_point until)
 
 bool PublisherRun::WaitForBroker()
 {
-    while (!m_publisher.IsConnected() || m_publisher.GetEpoch() == 0)
+    while (!m_publisher.IsConnected() || m_publisher.GetEpoch() == 0 || (mayBegin && !mayBegin()))
     {
         if (!ServeUntil(Clock::now() + kLook))
         {

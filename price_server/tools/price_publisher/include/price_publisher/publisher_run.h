@@ -32,6 +32,10 @@ public:
 
     ZelPublisherCounts GetCounts() const { return m_publisher.GetCounts(); }
 
+    /// Asked every few milliseconds before the first message, which waits for true; empty: it does not wait. The
+    /// instruments are listed meanwhile. Set before Run.
+    std::function<bool()> mayBegin;
+
 private:
     /// Does what is due until then; false: the end has come.
     bool ServeUntil(Clock::time_point until);
