@@ -140,8 +140,8 @@ struct NatsTransport::Link
         {
             const std::span<const char> data(natsMsg_GetData(message),
                                              static_cast<std::size_t>(natsMsg_GetDataLength(message)));
-            link->Tell([&](ITransportListener& listener)
-                       { listener.OnTransportMessage(subject.address, std::as_bytes(data)); });
+            link->Tell([&](ITransportListener& user)
+                       { user.OnTransportMessage(subject.address, std::as_bytes(data)); });
         }
         natsMsg_Destroy(message);
     }
@@ -149,14 +149,14 @@ struct NatsTransport::Link
     {
         auto* const link = static_cast<Link*>(closure);
         link->isUp.store(false);
-        link->Tell([](ITransportListener& listener) { listener.OnTransportState(false); });
+        link->Tell([](ITransportListener& user) { user.OnTransportState(false); });
     }
     static void OnReconnected(natsConnection*, void* closure)
     {
         auto* const link = static_cast<Link*>(closure);
         link->connections.fetch_add(1);
         link->isUp.store(true);
-        link->Tell([](ITransportListener& listener) { listener.OnTransportState(true); });
+        link->Tell([](ITransportListener& user) { user.OnTransportState(true); });
     }
     static void OnClosed(natsConnection*, void* closure) { static_cast<Link*>(closure)->isClosed.store(true); }
     /// May come while the library holds its locks: counts, and touches nothing else.

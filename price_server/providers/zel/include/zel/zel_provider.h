@@ -169,7 +169,7 @@ private:
     void Await(ZelInstrument& instrument) PS_REQUIRES(m_role);
     void Lose(ZelMarket& market, const char* why) PS_REQUIRES(m_role);
     void LoseAll(const char* why);
-    void NoteRefused(const TransportAddress& from);
+    void NoteRefused(const TransportAddress& from) PS_REQUIRES(m_role);
 
     void Run();
     void CheckSilence(TimePoint now) PS_REQUIRES(m_role);
