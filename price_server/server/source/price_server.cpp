@@ -11,6 +11,7 @@
 #include "server/queue_probe.h"
 #include "server/rename_relay.h"
 #include "server/server_metrics.h"
+#include "server/zel_wiring.h"
 
 #include <algorithm>
 #include <chrono>
@@ -21,6 +22,21 @@
 
 namespace ps_ns
 {
+namespace
+{
+
+constexpr short kAnySubmarket = -1;
+
+/// True when every market that the directory can know has been read.
+bool IsWhole(const InstrumentDirectory& directory, const MarketTable& markets)
+{
+    const auto& all = markets.GetAll();
+    return std::all_of(all.begin(), all.end(),
+                       [&](const Market& market)
+                       { return !directory.CanKnow(market.id) || directory.IsComplete(market.id); });
+}
+
+} // namespace
 
 PriceServer::PriceServer(ServerConfig config, PriceServerOptions options)
     : m_config(std::move(config))
@@ -49,9 +65,9 @@ void PriceServer::Start()
 
 void PriceServer::StartAll()
 {
-    if (m_config.zel || !m_config.mds)
+    if (!m_config.zel && !m_config.mds)
     {
-        throw std::runtime_error("<Providers> asks for <Zel>, which this version of the server does not have");
+        throw std::runtime_error("there is no provider: there would be no prices");
     }
     m_logging = std::make_unique<LoggingSetup>(m_config.logging, m_options.logSink);
     m_executors = std::make_shared<ThreadPool>(m_config.executorThreads);
@@ -81,10 +97,36 @@ void PriceServer::MakeQueue()
 void PriceServer::MakeProviders()
 {
     m_priceGate = std::make_shared<PriceGate>();
-    // The feed, which renames, starts after the relay has been made, and ends before it is gone.
-    m_mds = MakeMdsProvider(*m_config.mds, m_markets, m_options.alignsStarts, m_priceGate,
-                            [this](const auto& renames, const auto& make) { m_renameRelay->Run(renames, make); });
-    m_simple->AddProvider(m_mds);
+    // The feeds, which rename, start after the relay has been made, and end before it is gone.
+    if (m_config.mds)
+    {
+        m_mds = MakeMdsProvider(*m_config.mds, m_markets, m_options.alignsStarts, m_priceGate,
+                                [this](const auto& renames, const auto& make) { m_renameRelay->Run(renames, make); });
+        m_simple->AddProvider(m_mds);
+    }
+    if (m_config.zel)
+    {
+        m_zel = MakeZelProvider(*m_config.zel, m_markets,
+                                [this](const auto& renames, const auto& make) { RenameOfZel(renames, make); });
+        m_simple->AddProvider(m_zel);
+    }
+}
+
+/// A symbol that the in-process provider has is served by that one: the other's rename of it concerns nobody.
+void PriceServer::RenameOfZel(const std::vector<SymbolRename>& renames, const std::function<void()>& make)
+{
+    std::vector<SymbolRename> served;
+    std::copy_if(renames.begin(), renames.end(), std::back_inserter(served),
+                 [&](const SymbolRename& rename) {
+                     return m_mds == nullptr ||
+                            !m_mds->GetDirectory().Find(rename.marketId, kAnySubmarket, rename.oldSymbol);
+                 });
+    if (served.empty())
+    {
+        make();
+        return;
+    }
+    m_renameRelay->Run(served, make);
 }
 
 void PriceServer::StartManager()
@@ -105,7 +147,14 @@ void PriceServer::StartProviders()
     {
         m_priceGate->Open();
     }
-    m_mds->Start();
+    if (m_mds != nullptr)
+    {
+        m_mds->Start();
+    }
+    if (m_zel != nullptr)
+    {
+        m_zel->Start();
+    }
 }
 
 void PriceServer::StartProbe()
@@ -124,8 +173,8 @@ void PriceServer::StartGateway()
     options.takesAnyPort = m_options.takesAnyPort;
     if (m_config.metrics.enabled)
     {
-        options.metrics = {MakeServerMetrics(
-            {*m_queue, *m_probe, *m_manager, *m_mds, m_markets, *m_logging, [this] { return IsReady(); }})};
+        options.metrics = {MakeServerMetrics({*m_queue, *m_probe, *m_manager, m_mds.get(), m_zel.get(), m_markets,
+                                              *m_logging, [this] { return IsReady(); }})};
         options.metrics.push_back(MakeProcessMetrics());
     }
     gateway::IBackend& backend = *this;
@@ -151,6 +200,10 @@ void PriceServer::Stop()
         m_priceGate->Abandon(); // a feed that waits for its clients would not hear that it is to stop
         m_mds->Stop();
     }
+    if (m_zel != nullptr)
+    {
+        m_zel->Stop();
+    }
     if (m_queue != nullptr)
     {
         RunQueueDry();
@@ -163,6 +216,7 @@ void PriceServer::Stop()
     m_pendingCheck.reset();
     m_manager.reset();
     m_mds.reset();
+    m_zel.reset();
     m_simple.reset();
     m_reader.reset();
     m_queue.reset();
@@ -217,16 +271,33 @@ void PriceServer::StopExecutors()
 
 bool PriceServer::IsDirectoryComplete() const
 {
+    if (m_mds != nullptr)
+    {
+        return IsWhole(m_mds->GetDirectory(), m_markets); // prices are there, whatever becomes of the broker
+    }
     const auto& markets = m_markets.GetAll();
-    const InstrumentDirectory& directory = m_mds->GetDirectory();
-    return std::all_of(markets.begin(), markets.end(),
-                       [&](const Market& market)
-                       { return !directory.CanKnow(market.id) || directory.IsComplete(market.id); });
+    return std::any_of(markets.begin(), markets.end(),
+                       [&](const Market& market) { return m_zel->GetDirectory().IsComplete(market.id); });
 }
 
 std::vector<DirectoryEntry> PriceServer::GetDirectoryEntries() const
 {
-    return m_mds->GetDirectory().GetEntries();
+    std::vector<DirectoryEntry> entries;
+    if (m_mds != nullptr)
+    {
+        entries = m_mds->GetDirectory().GetEntries();
+    }
+    if (m_zel != nullptr)
+    {
+        for (DirectoryEntry& entry : m_zel->GetDirectory().GetEntries())
+        {
+            if (m_mds == nullptr || !m_mds->GetDirectory().Find(entry.submarket.marketId, kAnySubmarket, entry.symbol))
+            {
+                entries.push_back(std::move(entry));
+            }
+        }
+    }
+    return entries;
 }
 
 std::uint64_t PriceServer::GetDirectoryVersion() const
@@ -275,12 +346,12 @@ void PriceServer::ReleasePrices()
 
 bool PriceServer::HasEnded() const
 {
-    return m_mds->HasEnded();
+    return m_mds != nullptr && m_zel == nullptr && m_mds->HasEnded();
 }
 
 bool PriceServer::HasFailed() const
 {
-    return m_mds->HasFailed();
+    return m_mds != nullptr && m_mds->HasFailed();
 }
 
 void PriceServer::DrainExecutors()

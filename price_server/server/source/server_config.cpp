@@ -43,6 +43,24 @@ constexpr std::string_view kBuiltInText = R"(<?xml version="1.0" encoding="UTF-8
 </PriceServer>
 )";
 
+/// Empty when each part between commas is "nats://" or "tls://" and something behind it.
+std::string FindBrokerUrlProblem(const std::string& url)
+{
+    for (std::size_t begin = 0; begin <= url.size();)
+    {
+        const std::size_t comma = std::min(url.find(',', begin), url.size());
+        std::string_view part = std::string_view(url).substr(begin, comma - begin);
+        part.remove_prefix(std::min(part.find_first_not_of(' '), part.size()));
+        const bool isKnown = part.starts_with("nats://") || part.starts_with("tls://");
+        if (!isKnown || part.ends_with("://"))
+        {
+            return "the broker's address " + Quoted(std::string(part)) + " is not like nats://host:4222";
+        }
+        begin = comma + 1;
+    }
+    return "";
+}
+
 /// Turns a document into settings and finds what the schema cannot say. Total: works on documents that the schema has
 /// refused too, leaving out what cannot be read, so that all problems come in one answer.
 class Reader
@@ -75,6 +93,7 @@ private:
     void ReadMarket(const XmlElement& element);
     void ReadProviders(std::size_t providers);
     void ReadMds(std::size_t mds);
+    void ReadZel(const XmlElement& element);
     ReplaySettings ReadReplay(std::size_t replay);
     void CheckReplayFile(const XmlElement& element, const std::string& path);
     SimulationSettings ReadSimulation(const XmlElement& element) const;
@@ -219,7 +238,28 @@ void Reader::ReadProviders(std::size_t providers)
     }
     if (zel)
     {
-        Read(At(*zel), "url", m_config.zel.emplace().url);
+        ReadZel(At(*zel));
+    }
+}
+
+void Reader::ReadZel(const XmlElement& element)
+{
+    ZelSettings& settings = m_config.zel.emplace();
+    Read(element, "url", settings.url);
+    Read(element, "user", settings.user);
+    Read(element, "connectTimeout_ms", settings.connectTimeout_ms);
+    settings.passwordFile = ResolvePath(Text(element, "passwordFile"));
+    if (const std::string problem = FindBrokerUrlProblem(settings.url); !problem.empty())
+    {
+        Report(element.line, problem);
+    }
+    if (settings.user.empty() != settings.passwordFile.empty())
+    {
+        Report(element.line, "<Zel> needs \"user\" and \"passwordFile\" together");
+    }
+    if (!settings.passwordFile.empty() && ::access(settings.passwordFile.c_str(), R_OK) != 0)
+    {
+        Report(element.line, "the password file " + Quoted(settings.passwordFile) + " cannot be read");
     }
 }
 

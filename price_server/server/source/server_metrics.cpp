@@ -6,10 +6,12 @@
 #include "server/logging_setup.h"
 #include "server/queue_probe.h"
 #include "simple_subscription/market_table.h"
+#include "zel/zel_provider.h"
 
 #include <prometheus/collectable.h>
 #include <prometheus/histogram.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <utility>
@@ -32,7 +34,20 @@ double ToSeconds(std::uint64_t time_ns)
     return static_cast<double>(time_ns) / 1e9;
 }
 
-/// What the one provider is doing.
+/// What the network provider is doing.
+const char* GetFeedState(const ZelProvider& zel, const MarketTable& markets)
+{
+    const auto& all = markets.GetAll();
+    const bool hasBegun = std::any_of(all.begin(), all.end(),
+                                      [&](const Market& market) { return zel.GetDirectory().IsComplete(market.id); });
+    if (!hasBegun)
+    {
+        return "starting";
+    }
+    return zel.IsConnected() && zel.GetCounts().marketsLost < all.size() ? "running" : "lost";
+}
+
+/// What the in-process provider is doing.
 const char* GetFeedState(const MdsProvider& mds, bool isDirectoryComplete)
 {
     if (mds.HasEnded())
@@ -58,7 +73,7 @@ public:
                                            m_sources.isReady() ? 1 : 0));
         AddQueue(families);
         AddCallbacks(families);
-        AddProvider(families);
+        AddProviders(families);
         families.push_back(MakeCounterFamily("price_server_log_dropped_records_total",
                                              "Log records lost because the queue of the log was full.",
                                              static_cast<double>(m_sources.logging.GetDroppedCount())));
@@ -110,34 +125,79 @@ private:
         families.push_back(std::move(longest));
     }
 
-    void AddProvider(std::vector<MetricFamily>& families) const
+    void AddProviders(std::vector<MetricFamily>& families) const
     {
         MetricFamily directory{"price_server_provider_directory_complete",
                                "1 when the provider knows all instruments of the market.",
                                MetricType::Gauge,
                                {}};
-        bool isComplete = true;
-        for (const Market& market : m_sources.markets.GetAll())
-        {
-            const InstrumentDirectory& known = m_sources.mds.GetDirectory();
-            if (known.CanKnow(market.id))
-            {
-                isComplete = isComplete && known.IsComplete(market.id);
-                directory.metric.push_back(MakeGaugeValue(known.IsComplete(market.id) ? 1 : 0,
-                                                          {{"provider", "mds"}, {"market", market.name}}));
-            }
-        }
         MetricFamily state{"price_server_provider_state",
                            "1 for the state that the provider's feed is in, 0 for the others.",
                            MetricType::Gauge,
                            {}};
-        const std::string current = GetFeedState(m_sources.mds, isComplete);
-        for (const char* const name : {"starting", "running", "ended", "failed"})
+        if (m_sources.mds != nullptr)
         {
-            state.metric.push_back(MakeGaugeValue(current == name ? 1 : 0, {{"provider", "mds"}, {"state", name}}));
+            const bool isComplete = AddDirectory(directory, "mds", m_sources.mds->GetDirectory());
+            AddState(state, "mds", GetFeedState(*m_sources.mds, isComplete),
+                     {"starting", "running", "ended", "failed"});
+        }
+        if (m_sources.zel != nullptr)
+        {
+            AddDirectory(directory, "zel", m_sources.zel->GetDirectory());
+            AddState(state, "zel", GetFeedState(*m_sources.zel, m_sources.markets), {"starting", "running", "lost"});
         }
         families.push_back(std::move(directory));
         families.push_back(std::move(state));
+        if (m_sources.zel != nullptr)
+        {
+            AddBroker(families, m_sources.zel->GetCounts());
+        }
+    }
+
+    /// True when all of them are complete.
+    bool AddDirectory(MetricFamily& family, const char* provider, const InstrumentDirectory& known) const
+    {
+        bool isComplete = true;
+        for (const Market& market : m_sources.markets.GetAll())
+        {
+            if (known.CanKnow(market.id))
+            {
+                isComplete = isComplete && known.IsComplete(market.id);
+                family.metric.push_back(MakeGaugeValue(known.IsComplete(market.id) ? 1 : 0,
+                                                       {{"provider", provider}, {"market", market.name}}));
+            }
+        }
+        return isComplete;
+    }
+
+    static void AddState(MetricFamily& family, const char* provider, const std::string& current,
+                         std::initializer_list<const char*> names)
+    {
+        for (const char* const name : names)
+        {
+            family.metric.push_back(MakeGaugeValue(current == name ? 1 : 0, {{"provider", provider}, {"state", name}}));
+        }
+    }
+
+    void AddBroker(std::vector<MetricFamily>& families, const ZelCounts& counts) const
+    {
+        const auto gauge = [&](const char* name, const char* help, auto value)
+        { families.push_back(MakeGaugeFamily(name, help, static_cast<double>(value))); };
+        const auto counter = [&](const char* name, const char* help, std::uint64_t value)
+        { families.push_back(MakeCounterFamily(name, help, static_cast<double>(value))); };
+        gauge("price_server_broker_connected", "1 while there is a connection to the message broker.",
+              m_sources.zel->IsConnected() ? 1 : 0);
+        gauge("price_server_broker_markets_lost", "Markets whose publisher is not heard.", counts.marketsLost);
+        gauge("price_server_broker_instruments_followed", "Instruments that are kept up to date.", counts.followed);
+        gauge("price_server_broker_instruments_stale", "Of those: whose image has not come.",
+              counts.followed - counts.live);
+        counter("price_server_broker_messages_total", "Price messages taken.", counts.messages);
+        counter("price_server_broker_refused_messages_total", "Messages that could not be read.", counts.refused);
+        counter("price_server_broker_gaps_total", "Times that an instrument's sequence was broken.", counts.gaps);
+        counter("price_server_broker_losses_total", "Times that a market's feed was lost.", counts.losses);
+        counter("price_server_broker_images_total", "Images taken.", counts.images);
+        counter("price_server_broker_image_requests_total", "Images asked for.", counts.imagesAsked);
+        counter("price_server_broker_renames_total", "Renames made.", counts.renames);
     }
 
     const ServerMetricsSources m_sources;

@@ -20,7 +20,8 @@ constexpr std::size_t kOutputCapacity = 1 << 20; // bytes
 constexpr milliseconds kRedraw{100};
 constexpr milliseconds kLook{10}; // how often an end is looked for
 constexpr milliseconds kAnswerPatience{5000};
-constexpr milliseconds kOutputPatience{500}; // for a reader that does not read, when the program is to stop
+constexpr milliseconds kBrokerPatience{1000}; // before its absence is talked of
+constexpr milliseconds kOutputPatience{500};  // for a reader that does not read, when the program is to stop
 
 /// A replay that does not follow the clock can wait for whoever reads; everything else goes on without him.
 OutputWriter::WhenFull ChooseWhenFull(const ServerConfig& config)
@@ -116,8 +117,15 @@ int Session::Run()
 /// False: a signal came first.
 bool Session::WaitForDirectory()
 {
+    const auto begin = Clock::now();
+    bool hasSpoken = !m_effective.config.zel || m_effective.config.mds;
     while (!m_server.IsDirectoryComplete())
     {
+        if (!hasSpoken && Clock::now() - begin > kBrokerPatience)
+        {
+            hasSpoken = true;
+            std::fprintf(stderr, "price_server: waiting for instruments from the message broker. Ctrl+C ends.\n");
+        }
         if (m_signals.WaitFor(milliseconds(1)))
         {
             return false;

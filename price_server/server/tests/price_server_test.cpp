@@ -214,10 +214,51 @@ TEST(PriceServer, NamesTheFileThatItCannotPlayAndLeavesNothingRunning)
     EXPECT_FALSE(server.TryRequest([](CompositeSubscriptionMgr&) {}));
 }
 
-TEST(PriceServer, RefusesToStartWithAProviderThatItDoesNotHave)
+/// Nobody listens on port 1.
+constexpr const char* kNoBroker = "nats://127.0.0.1:1";
+
+TEST(PriceServer, ServesItsOwnPricesWhileThereIsNoBroker)
+{
+    const auto counts = std::make_shared<CallbackCounts>();
+    ServerConfig config = MakeQuietConfig(1000);
+    config.zel.emplace().url = kNoBroker;
+    PriceServer server(config);
+    server.Start();
+    ASSERT_TRUE(WaitFor([&] { return server.IsDirectoryComplete(); }));
+    const std::vector<CompositeInstrumentDef> defs = GetDefinitions(server);
+    ASSERT_FALSE(defs.empty());
+    server.TryRequest([&](CompositeSubscriptionMgr& manager)
+                      { manager.Subscribe(defs[0], MakeScope(5), MakeCountingObserver(counts), 1); });
+    EXPECT_TRUE(WaitFor([&] { return counts->books.load() > 10; }));
+    EXPECT_FALSE(server.HasEnded());
+}
+
+TEST(PriceServer, RunsWithoutPricesUntilThereIsABroker)
+{
+    const auto counts = std::make_shared<CallbackCounts>();
+    ServerConfig config = MakeQuietConfig(1000);
+    config.mds.reset();
+    config.zel.emplace().url = kNoBroker;
+    PriceServer server(config);
+    server.Start();
+    EXPECT_FALSE(server.IsDirectoryComplete());
+    EXPECT_TRUE(server.GetDirectoryEntries().empty());
+    EXPECT_FALSE(server.HasEnded());
+    CompositeInstrumentDef def;
+    def.marketId = 1;
+    def.instrument = {"ANY", "SIM"};
+    def.components = {true, false, false};
+    EXPECT_TRUE(server.TryRequest([&](CompositeSubscriptionMgr& manager)
+                                  { manager.Subscribe(def, MakeScope(5), MakeCountingObserver(counts), 1); }));
+    server.Stop();
+    EXPECT_EQ(counts->books.load(), 0U);
+}
+
+TEST(PriceServer, RefusesToStartWithoutAPasswordThatItNeeds)
 {
     ServerConfig config = MakeQuietConfig(1000);
-    config.zel.emplace();
+    config.zel.emplace().user = "server";
+    config.zel->passwordFile = "/no/such/file";
     PriceServer server(config);
     EXPECT_THROW(server.Start(), std::runtime_error);
 }

@@ -76,6 +76,8 @@ TEST_F(ServerConfigTest, HasTheDocumentedDefaults)
     EXPECT_EQ(config.mds->simulation->updatesPerSecond, 200U);
     EXPECT_FALSE(config.mds->replay.has_value());
     EXPECT_EQ(config.zel->url, "nats://127.0.0.1:4222");
+    EXPECT_EQ(config.zel->user, "");
+    EXPECT_EQ(config.zel->connectTimeout_ms, 500U);
     EXPECT_EQ(config.gateway->address, "127.0.0.1");
     EXPECT_EQ(config.gateway->port, 8080);
 }
@@ -91,12 +93,13 @@ TEST_F(ServerConfigTest, LeavesOutTheSectionsThatAreNotThere)
 
 TEST_F(ServerConfigTest, ReadsEveryAttribute)
 {
-    const ServerConfig config = Load(
-        Server("<Logging level='20' format='json' file='/var/log/server.log' queue='99'/><Metrics enabled='no'/>"
-               "<Threads executors='7'/><Markets><Market id='32767' name='A&amp;B' defaultDepth='3' maxDepth='4' "
-               "emptySuppressInterval_ms='5'/></Markets><Providers><Mds><Simulation seed='18446744073709551615' "
-               "updatesPerSecond='9'/></Mds><Zel url='nats://broker:1'/></Providers><Gateway address='::1' port='0' "
-               "drain_ms='2500'/>"));
+    const ServerConfig config =
+        Load(Server("<Logging level='20' format='json' file='/var/log/server.log' queue='99'/><Metrics enabled='no'/>"
+                    "<Threads executors='7'/><Markets><Market id='32767' name='A&amp;B' defaultDepth='3' maxDepth='4' "
+                    "emptySuppressInterval_ms='5'/></Markets><Providers><Mds><Simulation seed='18446744073709551615' "
+                    "updatesPerSecond='9'/></Mds><Zel url='nats://broker:1' user='u' passwordFile='server.xml' "
+                    "connectTimeout_ms='77'/></Providers><Gateway address='::1' port='0' "
+                    "drain_ms='2500'/>"));
     EXPECT_EQ(config.gateway.value().drain_ms, 2500U);
     EXPECT_EQ(config.logging.level, 20);
     EXPECT_EQ(config.logging.format, zel::logging::Format::JsonLines);
@@ -113,8 +116,26 @@ TEST_F(ServerConfigTest, ReadsEveryAttribute)
     EXPECT_EQ(config.mds->simulation->seed, 18'446'744'073'709'551'615U);
     EXPECT_EQ(config.mds->simulation->updatesPerSecond, 9U);
     EXPECT_EQ(config.zel->url, "nats://broker:1");
+    EXPECT_EQ(config.zel->user, "u");
+    EXPECT_TRUE(config.zel->passwordFile.ends_with("/server.xml"));
+    EXPECT_EQ(config.zel->connectTimeout_ms, 77U);
     EXPECT_EQ(config.gateway->address, "::1");
     EXPECT_EQ(config.gateway->port, 0);
+}
+
+TEST_F(ServerConfigTest, ChecksTheBrokersAddressAndItsPassword)
+{
+    const auto check = [&](const std::string& attributes)
+    { return Check(Server(kMarkets + "<Providers><Zel " + attributes + "/></Providers>")); };
+    EXPECT_THAT(check("url='nats://a:1, tls://b:2'"), IsEmpty());
+    for (const char* const url : {"broker:4222", "nats://", "nats://a:1,", "http://a"})
+    {
+        const auto problems = check(std::string("url='") + url + "'");
+        ASSERT_EQ(problems.size(), 1U) << url;
+        EXPECT_THAT(problems[0], ::testing::HasSubstr("is not like nats://host:4222"));
+    }
+    EXPECT_THAT(check("user='u'").at(0), ::testing::HasSubstr("needs \"user\" and \"passwordFile\" together"));
+    EXPECT_THAT(check("user='u' passwordFile='none'").at(0), ::testing::HasSubstr("cannot be read"));
 }
 
 TEST_F(ServerConfigTest, KeepsTheTreeThatTheManagerReads)

@@ -106,9 +106,26 @@ void InstrumentFeed::Join(std::shared_ptr<IComponentListener> listener, bool wan
     m_slots.push_back({std::move(listener), wantsTrades});
     IComponentListener& joined = *m_slots.back().listener;
     CallListener([&] { joined.OnSubscribed(ps_messages_ns::SubscriptionResult::Success, m_format); });
-    if (m_hasImage)
+    if (m_isStale)
+    {
+        CallListener([&] { joined.OnStale(true); });
+    }
+    else if (m_hasImage)
     {
         SendImage(joined, pools);
+    }
+}
+
+void InstrumentFeed::SetStale(bool isStale)
+{
+    const ScopedRoleLock lock(m_mutex, m_role);
+    if (std::exchange(m_isStale, isStale) == isStale)
+    {
+        return;
+    }
+    for (const Slot& slot : m_slots)
+    {
+        CallListener([&] { slot.listener->OnStale(isStale); });
     }
 }
 
@@ -149,6 +166,12 @@ void InstrumentFeed::Leave(const IComponentListener* listener)
         left.push_back(std::move(*found));
         m_slots.erase(found);
     }
+}
+
+bool InstrumentFeed::HasListeners() const
+{
+    const ScopedRoleLock lock(m_mutex, m_role);
+    return !m_slots.empty();
 }
 
 void InstrumentFeed::DropAll()

@@ -181,6 +181,12 @@ public:
         Note("trades");
     }
     void OnCustomFields(std::shared_ptr<const CustomFields>) override {}
+    void OnStale(bool isStale) override
+    {
+        const std::lock_guard lock(m_mutex);
+        m_isStale = isStale;
+        Note(isStale ? "stale" : "fresh");
+    }
     void OnUnsubscribed(bool ok) override
     {
         const std::lock_guard lock(m_mutex);
@@ -209,6 +215,11 @@ public:
     {
         const std::lock_guard lock(m_mutex);
         return m_orderFaults;
+    }
+    bool IsStale() const
+    {
+        const std::lock_guard lock(m_mutex);
+        return m_isStale;
     }
     std::uint64_t GetEpoch() const { return m_epoch; }
     std::uint64_t GetSequence() const { return m_sequence; }
@@ -249,6 +260,7 @@ private:
     unsigned m_orderFaults = 0;
     std::size_t m_bookCount = 0;
     bool m_hasBook = false;
+    bool m_isStale = false;
     bool m_keepsUpdates = false;
     bool m_keepsCalls = true;
 };

@@ -24,6 +24,8 @@ class PendingCheck;
 class PriceGate;
 class QueueProbe;
 class RenameRelay;
+class ZelProvider;
+struct SymbolRename;
 
 /// What the one who runs a server decides beside its configuration.
 struct PriceServerOptions
@@ -75,16 +77,17 @@ public:
 
     // The rest is for the owner, between Start and Stop.
 
-    /// All providers know their instruments.
+    /// The in-process provider knows all its instruments; without it: those of one market have come by way of the
+    /// broker. A market that nobody publishes holds up nobody.
     bool IsDirectoryComplete() const;
     /// Their instruments so far.
     std::vector<DirectoryEntry> GetDirectoryEntries() const override;
     /// Where the page is; empty: there is no gateway.
     std::string GetUrl() const;
     void ReleasePrices();
-    /// No more prices will come: the recording is over, or the feed has failed.
+    /// No more prices will come: the recording is over, or the feed has failed. Never with a broker.
     bool HasEnded() const;
-    /// They have ended because the feed has failed, or its data was damaged.
+    /// The in-process feed has ended because it has failed, or its data was damaged.
     bool HasFailed() const;
     /// Returns when everything that the providers have delivered so far has reached the observers.
     void DrainExecutors();
@@ -101,6 +104,7 @@ private:
     void StartAll();
     void MakeQueue();
     void MakeProviders();
+    void RenameOfZel(const std::vector<SymbolRename>& renames, const std::function<void()>& make);
     void StartManager();
     void StartProviders();
     void StartProbe();
@@ -121,7 +125,8 @@ private:
     std::shared_ptr<ThreadPool> m_executors;
     std::shared_ptr<AsyncDispatcher> m_timers;
     std::shared_ptr<PriceGate> m_priceGate;
-    std::shared_ptr<MdsProvider> m_mds; ///< until its provider has been stopped
+    std::shared_ptr<MdsProvider> m_mds; ///< null when there is none, and once stopped; as the next one
+    std::shared_ptr<ZelProvider> m_zel;
     std::unique_ptr<Queue> m_queue;
     std::unique_ptr<SimpleSubscriptionMgr> m_simple;
     std::unique_ptr<CompositeSubscriptionMgr> m_manager;

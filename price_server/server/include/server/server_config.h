@@ -87,7 +87,10 @@ struct MdsSettings
 /// Section Providers/Zel: the network provider.
 struct ZelSettings
 {
-    std::string url = "nats://127.0.0.1:4222"; ///< of the message broker
+    std::string url = "nats://127.0.0.1:4222"; ///< of the message broker; several with commas between them
+    std::string user;                          ///< empty: none, or the address says it
+    std::string passwordFile;                  ///< its first line is the password
+    unsigned connectTimeout_ms = 500;          ///< for one attempt at one broker
 };
 
 /// A token of section Gateway: who shows it may come in.

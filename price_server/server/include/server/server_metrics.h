@@ -18,6 +18,7 @@ class LoggingSetup;
 class MarketTable;
 class MdsProvider;
 class QueueProbe;
+class ZelProvider;
 
 /// The parts of a server that its metrics are read from.
 struct ServerMetricsSources
@@ -25,7 +26,8 @@ struct ServerMetricsSources
     const DataQueue<DataMsgTask>& queue;
     const QueueProbe& probe;
     const CompositeSubscriptionMgr& manager;
-    const MdsProvider& mds;
+    const MdsProvider* mds; ///< null: there is none; as the next one
+    const ZelProvider* zel;
     const MarketTable& markets;
     const LoggingSetup& logging;
     std::function<bool()> isReady;

@@ -19,7 +19,7 @@ namespace ps_ns
 /// Threads: the provider calls from one of its threads at a time for one listener, or from within Subscribe,
 /// ChangeScope or Unsubscribe. Implementations hand on and return: they neither block nor call the provider.
 ///
-/// Order: OnSubscribed once; then an image, updates, trades and fields in any mixture; OnUnsubscribed once, as the last
+/// Order: OnSubscribed once; then an image, updates, trades, fields and staleness in any mixture; OnUnsubscribed once, as the last
 /// call, after Unsubscribe.
 class IComponentListener
 {
@@ -31,6 +31,9 @@ public:
     virtual void OnBook(std::shared_ptr<const BookUpdate> update) = 0;
     virtual void OnTrades(std::shared_ptr<const std::vector<Trade>> trades) = 0;
     virtual void OnCustomFields(std::shared_ptr<const CustomFields> fields) = 0;
+    /// True: the provider has lost its feed, or part of it, and what has been delivered may be out of date. False: it
+    /// has it again; the image that makes the book good comes next. For providers that can lose a feed.
+    virtual void OnStale(bool isStale) { static_cast<void>(isStale); }
     /// The answer to Unsubscribe; false: the provider could not, and data may go on.
     virtual void OnUnsubscribed(bool ok) = 0;
 };

@@ -33,16 +33,21 @@ public:
     /// somebody listens. Feed thread only.
     void Publish(MarketMessage& message, UpdatePools& pools);
 
+    /// Whether the book may be out of date; the listeners are told of changes, and fresh is told right before the image
+    /// that makes it so. While it is stale, who joins gets no image. Feed thread only.
+    void SetStale(bool isStale);
+
     /// The present book. Feed thread only.
     const LevelBook& GetBook() const noexcept PS_NO_THREAD_ANALYSIS { return m_book; }
 
-    /// Tells the listener OnSubscribed, then the present book if there is one; updates follow.
+    /// Tells the listener OnSubscribed, then the present book if there is one, or that it is stale; updates follow.
     void Join(std::shared_ptr<IComponentListener> listener, bool wantsTrades, UpdatePools& pools);
     void SetWantsTrades(const IComponentListener* listener, bool wantsTrades);
     /// No call to the listener runs, or comes, once this has returned.
     void Leave(const IComponentListener* listener);
     /// Everybody leaves.
     void DropAll();
+    bool HasListeners() const;
 
 private:
     struct Slot
@@ -62,6 +67,7 @@ private:
     /// Written by the feed thread under the lock: that thread reads without it, all others with it.
     LevelBook m_book PS_GUARDED_BY(m_role);
     bool m_hasImage PS_GUARDED_BY(m_role) = false;
+    bool m_isStale PS_GUARDED_BY(m_role) = false;
     std::uint64_t m_epoch PS_GUARDED_BY(m_role) = 0;
     std::uint64_t m_sequence PS_GUARDED_BY(m_role) = 0;
     std::uint64_t m_exchangeTime_ns PS_GUARDED_BY(m_role) = 0; ///< of the last book message, as the next two

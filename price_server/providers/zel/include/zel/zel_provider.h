@@ -1,0 +1,207 @@
+#pragma once
+
+#include "base/thread_annotations.h"
+#include "mds/market_source.h"
+#include "mds/symbol_rename.h"
+#include "mds/update_pools.h"
+#include "simple_subscription/i_price_provider.h"
+#include "zel/i_provider_transport.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+namespace ps_ns
+{
+
+class ZelMarket;
+struct ZelInstrument;
+
+/// A market that the provider may get prices of.
+struct ZelMarketName
+{
+    short id = -1;
+    std::string name; ///< what its publisher calls it
+};
+
+struct ZelOptions
+{
+    static constexpr std::size_t kUsualUpdatesInFlight = 16'384;
+
+    using Clock = std::chrono::steady_clock;
+
+    std::vector<ZelMarketName> markets;
+    /// Of the broker's mapping, those that this server serves; empty: all instruments, from a broker that maps none.
+    std::vector<unsigned> shards;
+    /// Updates that somebody still holds; at the limit messages wait with the transport.
+    std::size_t updatesInFlight = kUsualUpdatesInFlight;
+    std::chrono::milliseconds longestSilence{700};  ///< of a publisher, before its market counts as lost
+    std::chrono::milliseconds askAgain{200};        ///< when an image or a directory has not come
+    std::chrono::milliseconds longestArrears{1000}; ///< behind what a heartbeat tells, before an image is asked for
+
+    /// As MdsOptions::renameStep; called on the provider's own thread. Empty: renames are made at once.
+    std::function<void(const std::vector<SymbolRename>& renames, const std::function<void()>& make)> renameStep;
+
+    bool isHandDriven = false; ///< no thread: whoever owns the provider calls Tick
+    std::function<Clock::time_point()> now = [] { return Clock::now(); };
+};
+
+/// What a feed has done since the start. Numbers only grow, but for `followed`, `live` and `marketsLost`.
+struct ZelCounts
+{
+    std::uint64_t messages = 0; ///< price messages of followed instruments
+    std::uint64_t refused = 0;  ///< messages that could not be read
+    std::uint64_t gaps = 0;     ///< instruments' sequences that were broken
+    std::uint64_t losses = 0;   ///< times that a market's feed was lost
+    std::uint64_t imagesAsked = 0;
+    std::uint64_t images = 0; ///< taken in
+    std::uint64_t renames = 0;
+    std::uint64_t followed = 0;    ///< instruments that are kept up to date now
+    std::uint64_t live = 0;        ///< of those: with a book that is known to be good
+    std::uint64_t marketsLost = 0; ///< markets whose feed is lost now, or has never been there
+};
+
+/// The network price provider: directories, images, updates and trades from publishers by way of a message broker.
+///
+/// An instrument is kept up to date from the first subscribe on:
+///
+/// | state | messages of it | left by |
+/// |---|---|---|
+/// | idle | passed over | a subscribe: awaiting |
+/// | awaiting | passed over, but for an image; it is asked for again until it comes | an image: live; nobody listens and the feed is lost: idle |
+/// | live | applied in their order | a gap in the sequence, arrears, a new epoch, a lost feed: awaiting |
+///
+/// An image replaces the book, and never adds to it. From the moment that an instrument leaves "live" its listeners are
+/// told that it is stale, and they are told that it is fresh right before the image (IComponentListener::OnStale). A
+/// feed is lost when the connection to the broker is, or when its publisher has been silent for longestSilence.
+///
+/// Directory: comes from the publishers, market by market. Until a market's has come, subscribes of it are held and
+/// answered Pending; those of symbols that are then not in it hear DirectSubscriptionFailed. Renames are told by the
+/// publisher, or found by comparing directories after an outage. An instrument that a later directory does not have
+/// stays listed, and gets no prices.
+///
+/// Threads: Start, Stop and the destructor are the owner's. Subscribe, ChangeScope, Unsubscribe and the queries may be
+/// called from any thread. Listeners are called on the transport's threads and from within Subscribe and Unsubscribe.
+/// One thread of its own asks for images, notices silence and makes renames. Locks are taken in the order provider,
+/// instrument, pool or directory.
+///
+/// Scopes: as MdsProvider.
+class ZelProvider final : public IPriceProvider, private ITransportListener
+{
+public:
+    /// `transport` is not connected yet, and is used by nobody else.
+    ZelProvider(std::unique_ptr<IProviderTransport> transport, ZelOptions options);
+    /// Stops.
+    ~ZelProvider() override;
+    ZelProvider(const ZelProvider&) = delete;
+    ZelProvider& operator=(const ZelProvider&) = delete;
+
+    ProviderType::Value GetType() const override { return ProviderType::Zel; }
+    const InstrumentDirectory& GetDirectory() const override { return m_directory; }
+    /// A broker that is not there is waited for; throws only when the broker's address is none.
+    void Start() override;
+    void Stop() override;
+    int Subscribe(const ComponentRequest& request, const std::shared_ptr<IComponentListener>& listener) override;
+    void ChangeScope(const std::shared_ptr<IComponentListener>& listener,
+                     const CompositeSubscriptionInfo& scope) override;
+    /// Answers true, also after Stop.
+    void Unsubscribe(const std::shared_ptr<IComponentListener>& listener) override;
+
+    /// Does what is due: asks, notices silence, makes renames. For the owner of a hand-driven provider.
+    void Tick();
+
+    ZelCounts GetCounts() const;
+    bool IsConnected() const { return m_transport->IsConnected(); }
+    /// For people: the broker, and what is wrong with it.
+    std::string Describe() const { return m_transport->Describe(); }
+    /// Updates that somebody holds now.
+    std::size_t GetInFlight() const { return m_pools.budget->GetInFlight(); }
+
+private:
+    using TimePoint = ZelOptions::Clock::time_point;
+
+    struct Subscription
+    {
+        std::shared_ptr<IComponentListener> listener;
+        ZelInstrument* instrument = nullptr; ///< null: waits for the directory, or its name has gone to another
+        ZelMarket* awaitedIn = nullptr;      ///< waits for this market's directory
+        std::string symbol;
+        bool wantsTrades = false;
+    };
+    /// A request that is ready to be sent.
+    struct Question;
+
+    void OnTransportMessage(const TransportAddress& from, std::span<const std::byte> payload) override;
+    void OnTransportState(bool isConnected) override;
+    void OnTransportLoss() override;
+
+    ZelMarket* FindMarket(std::string_view name) const;
+    ZelMarket* FindMarket(short id) const;
+    void OnPrices(ZelMarket& market, std::span<const std::byte> payload);
+    void OnBook(ZelInstrument& instrument, std::uint64_t sequence, std::span<const std::byte> payload)
+        PS_REQUIRES(m_role);
+    void OnTrades(ZelInstrument& instrument, std::uint64_t sequence, std::span<const std::byte> payload)
+        PS_REQUIRES(m_role);
+    void OnControl(ZelMarket& market, std::span<const std::byte> payload);
+    void OnHeartbeat(ZelMarket& market, std::uint64_t epoch, std::uint64_t revision, std::span<const std::byte> payload)
+        PS_REQUIRES(m_role);
+    void OnDirectory(ZelMarket& market, std::uint32_t part, std::uint64_t epoch, std::uint64_t revision,
+                     std::span<const std::byte> payload) PS_REQUIRES(m_role);
+    void OnRename(ZelMarket& market, std::uint64_t epoch, std::uint64_t revision, std::span<const std::byte> payload)
+        PS_REQUIRES(m_role);
+    void AdoptDirectory(ZelMarket& market) PS_REQUIRES(m_role);
+    void AnswerWaiting(ZelMarket& market) PS_REQUIRES(m_role);
+    bool IsHeard(ZelMarket& market, std::uint64_t epoch) PS_REQUIRES(m_role);
+
+    void Follow(ZelInstrument& instrument) PS_REQUIRES(m_role);
+    void Await(ZelInstrument& instrument) PS_REQUIRES(m_role);
+    void Lose(ZelMarket& market, const char* why) PS_REQUIRES(m_role);
+    void LoseAll(const char* why);
+    void NoteRefused(const TransportAddress& from) PS_REQUIRES(m_role);
+
+    void Run();
+    void CheckSilence(TimePoint now) PS_REQUIRES(m_role);
+    void CheckArrears(TimePoint now) PS_REQUIRES(m_role);
+    std::vector<Question> CollectQuestions(TimePoint now) PS_REQUIRES(m_role);
+    void MakeRenames();
+    void Rename(const std::vector<SymbolRename>& renames);
+    void NameTheNameless(ZelMarket& market) PS_REQUIRES(m_role);
+    void Detach(ZelInstrument& instrument) PS_REQUIRES(m_role);
+    void Wake();
+
+    const ZelOptions m_options;
+    const std::unique_ptr<IProviderTransport> m_transport;
+    InstrumentDirectory m_directory;
+    UpdatePools m_pools;
+    std::vector<std::unique_ptr<ZelMarket>> m_markets;    ///< constant; what is inside: under m_mutex
+    std::unordered_map<std::string, ZelMarket*> m_byName; ///< constant
+
+    mutable std::mutex m_mutex;
+    mutable Role m_role; ///< of m_mutex
+    std::unordered_map<const IComponentListener*, Subscription> m_subscriptions PS_GUARDED_BY(m_role);
+    std::vector<ZelInstrument*> m_awaiting PS_GUARDED_BY(m_role);           ///< some may have left that state
+    std::vector<std::vector<SymbolRename>> m_renames PS_GUARDED_BY(m_role); ///< steps still to be made
+    MarketMessage m_message PS_GUARDED_BY(m_role);                          ///< filled again and again
+    ZelCounts m_counts PS_GUARDED_BY(m_role);
+    bool m_isClosed PS_GUARDED_BY(m_role) = false;
+
+    std::mutex m_wakeMutex;
+    std::condition_variable m_wake;
+    bool m_isWoken = false;    ///< under m_wakeMutex
+    bool m_isStopping = false; ///< under m_wakeMutex
+    std::thread m_thread;      ///< the owner's
+};
+
+} // namespace ps_ns

@@ -1,0 +1,157 @@
+#pragma once
+
+#include "mds/level_book.h"
+#include "mds/market_source.h"
+#include "mds/symbol_rename.h"
+#include "mds/text_hash.h"
+#include "zel/i_provider_transport.h"
+#include "zel/wire_format.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace ps_ns
+{
+
+struct ZelPublisherOptions
+{
+    using Clock = std::chrono::steady_clock;
+
+    std::chrono::milliseconds heartbeat{200}; ///< providers take a market for lost after 700 ms of silence
+    std::function<Clock::time_point()> now = [] { return Clock::now(); };
+    std::function<std::uint64_t()> wallTime_ns = [] // since 1970 UTC: where epochs come from
+    {
+        return static_cast<std::uint64_t>(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch())
+                .count());
+    };
+};
+
+/// What a publisher has done since the start.
+struct ZelPublisherCounts
+{
+    std::uint64_t messages = 0; ///< updates and trades that went to the broker
+    std::uint64_t bytes = 0;    ///< of all that went to the broker
+    std::uint64_t images = 0;   ///< that were asked for
+    std::uint64_t requests = 0; ///< that came in
+    std::uint64_t unsent = 0;   ///< updates and trades while there was no connection: images make up for them
+    std::uint64_t epochs = 0;   ///< connections
+};
+
+/// Publishes markets by way of a message broker: their directories, every change, and images for who asks. Keeps the
+/// book of each instrument, so that an image is at hand whenever somebody wants one.
+///
+/// Epochs: each time that there is a new connection, a new epoch begins with the directories; whoever follows asks for
+/// images then. Within an epoch each instrument's updates and trades are numbered without a gap; an image that was
+/// asked for bears the number of the last of them.
+///
+/// Several publishers may serve different markets by way of one broker. Of two that serve the same market, providers
+/// follow the one whose epoch is newer.
+///
+/// Threads: one thread calls everything but Wait's waker and GetCounts; the transport's threads only leave requests.
+///
+/// Ownership: the transport is not owned, and is stopped before this goes.
+class ZelPublisher final : private ITransportListener
+{
+public:
+    ZelPublisher(IProviderTransport& transport, ZelPublisherOptions options = {});
+    ZelPublisher(const ZelPublisher&) = delete;
+    ZelPublisher& operator=(const ZelPublisher&) = delete;
+
+    /// Takes in all instruments, by number, and connects. Once.
+    void Start(const std::vector<SourceInstrument>& instruments);
+
+    /// Applies a message to its instrument's book, and sends it when there is a connection. The first message of an
+    /// instrument in a new epoch of the source must be an image, as IMarketSource has it.
+    void Publish(const MarketMessage& message);
+
+    /// Renames at one moment. Unknown old symbols are passed over; market -1: on every market that has the symbol.
+    /// Returns the renames that were made.
+    std::vector<SymbolRename> Rename(std::span<const SymbolRename> renames);
+
+    /// Begins an epoch when there is a new connection, answers requests, and sends heartbeats when they are due. To be
+    /// called at least every few milliseconds; returns how many requests were answered.
+    std::size_t Tick();
+
+    /// Waits until then, or until a request or a change of the connection is there.
+    void WaitForWork(ZelPublisherOptions::Clock::time_point until);
+
+    /// The present book of an instrument, and the number of its last message.
+    const LevelBook& GetBook(InstrumentIndex instrument) const { return m_instruments.at(instrument).book; }
+    std::uint64_t GetSequence(InstrumentIndex instrument) const { return m_instruments.at(instrument).sequence; }
+    const std::string& GetSymbol(InstrumentIndex instrument) const { return m_instruments.at(instrument).symbol; }
+    std::uint64_t GetEpoch() const noexcept { return m_epoch; }
+    bool IsConnected() const { return m_transport.IsConnected(); }
+    /// From any thread.
+    ZelPublisherCounts GetCounts() const;
+
+private:
+    struct Instrument
+    {
+        std::size_t market = 0;
+        std::uint32_t index = 0; ///< within the market
+        std::string firstSymbol;
+        std::string symbol;
+        PriceFormat format;
+        LevelBook book;
+        std::uint64_t sequence = 0;
+        std::uint64_t exchangeTime_ns = 0; ///< of the last book message, as the next two
+        std::uint64_t receiveTime_ns = 0;
+        std::uint64_t venueSequence = 0;
+        bool hasBook = false;
+        bool hasMoved = false; ///< since the last heartbeat
+    };
+    struct Market
+    {
+        std::string name;
+        short id = -1;
+        std::uint64_t revision = 1;
+        std::vector<InstrumentIndex> instruments;
+        TextMap<InstrumentIndex> bySymbol;
+        std::vector<InstrumentIndex> moved; ///< since the last heartbeat
+    };
+    /// What the transport's threads have left.
+    struct Inbox
+    {
+        std::vector<std::pair<std::string, std::vector<std::byte>>> requests; ///< market, bytes
+        bool hasNewState = false;
+    };
+
+    void OnTransportMessage(const TransportAddress& from, std::span<const std::byte> payload) override;
+    void OnTransportState(bool isConnected) override;
+
+    void BeginEpoch();
+    void Answer(Market& market, WireBytes request);
+    void SendDirectory(Market& market);
+    void SendImage(Instrument& instrument);
+    void SendHeartbeat(Market& market);
+    bool Send(const TransportAddress& to);
+    bool SendPrices(const Instrument& instrument);
+    void NoteMoved(InstrumentIndex number);
+
+    IProviderTransport& m_transport;
+    const ZelPublisherOptions m_options;
+    std::vector<Instrument> m_instruments;
+    std::vector<Market> m_markets;
+    std::map<std::string, std::size_t, std::less<>> m_marketByName;
+    std::uint64_t m_epoch = 0;
+    ZelPublisherOptions::Clock::time_point m_nextHeartbeat{};
+    MarketMessage m_image; ///< filled again and again, as the next one
+    WireBuffer m_buffer;
+
+    mutable std::mutex m_mutex;
+    std::condition_variable m_hasWork;
+    Inbox m_inbox;               ///< under m_mutex
+    ZelPublisherCounts m_counts; ///< under m_mutex
+};
+
+} // namespace ps_ns

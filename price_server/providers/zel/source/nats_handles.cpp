@@ -1,0 +1,69 @@
+#include "nats_handles.h"
+
+#include <thread>
+
+namespace ps_ns
+{
+
+NatsGraveyard::~NatsGraveyard()
+{
+    WaitAndReap();
+}
+
+void NatsGraveyard::Bury(natsSubscription* subscription)
+{
+    natsSubscription_Unsubscribe(subscription);
+    m_graves.push_back({subscription, Clock::now()});
+}
+
+void NatsGraveyard::Reap(Clock::time_point now)
+{
+    std::erase_if(m_graves,
+                  [&](const Grave& grave)
+                  {
+                      const bool hasRested = now - grave.since >= m_rest;
+                      if (hasRested)
+                      {
+                          natsSubscription_Destroy(grave.subscription);
+                      }
+                      return hasRested;
+                  });
+}
+
+void NatsGraveyard::WaitAndReap()
+{
+    if (!m_graves.empty())
+    {
+        std::this_thread::sleep_until(m_graves.back().since + m_rest);
+        Reap(Clock::now());
+    }
+}
+
+std::string HideSecrets(const std::string& url)
+{
+    const std::size_t scheme = url.find("://");
+    const std::size_t begin = scheme == std::string::npos ? 0 : scheme + 3;
+    const std::size_t at = url.rfind('@');
+    return at == std::string::npos || at < begin ? url : url.substr(0, begin) + url.substr(at + 1);
+}
+
+std::vector<std::string> SplitServers(const std::string& url)
+{
+    constexpr const char* kBlanks = " \t\r\n";
+    std::vector<std::string> servers;
+    for (std::size_t begin = 0; begin <= url.size();)
+    {
+        const std::size_t comma = std::min(url.find(',', begin), url.size());
+        std::string server = url.substr(begin, comma - begin);
+        server.erase(0, std::min(server.find_first_not_of(kBlanks), server.size()));
+        server.erase(server.find_last_not_of(kBlanks) + 1);
+        if (!server.empty())
+        {
+            servers.push_back(std::move(server));
+        }
+        begin = comma + 1;
+    }
+    return servers;
+}
+
+} // namespace ps_ns

@@ -1,0 +1,441 @@
+#include "zel/zel_provider.h"
+
+#include "mds/seeded_random.h"
+#include "zel_bench.h"
+
+namespace ps_ns
+{
+namespace
+{
+
+using namespace testing_ns;
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+
+TEST(ZelProvider, DeliversAnImageAndThenUpdates)
+{
+    ZelBench bench;
+    bench.Start();
+    bench.Publish(0, true, {Bid("10", "1"), Ask("11", "2")});
+    const auto listener = bench.Subscribe("A");
+    bench.Settle();
+    EXPECT_THAT(listener->GetCalls(), ElementsAre("subscribed 0", "stale", "fresh", "image"));
+    EXPECT_EQ(listener->PrintBook(), "10x1 | 11x2");
+
+    bench.Publish(0, false, {Bid("10", "0"), Bid("9", "3")});
+    bench.Settle();
+    EXPECT_EQ(listener->PrintBook(), "9x3 | 11x2");
+    EXPECT_EQ(listener->GetOrderFaults(), 0U);
+    EXPECT_EQ(bench.provider->GetCounts().gaps, 0U);
+    EXPECT_EQ(bench.provider->GetCounts().live, 1U);
+}
+
+TEST(ZelProvider, GivesASecondListenerThePresentBookAtOnce)
+{
+    ZelBench bench;
+    bench.Start();
+    bench.Publish(0, true, {Bid("10", "1")});
+    const auto first = bench.Subscribe("A");
+    bench.Settle();
+    const auto second = bench.Subscribe("A");
+    EXPECT_THAT(second->GetCalls(), ElementsAre("subscribed 0", "image"));
+    EXPECT_EQ(bench.provider->GetCounts().imagesAsked, 1U);
+}
+
+TEST(ZelProvider, KeepsPricesTimesAndNumbersExact)
+{
+    ZelBench bench;
+    bench.Start();
+    const auto listener = bench.Subscribe("B");
+    listener->KeepUpdates();
+    MarketMessage message = BookMessage(1, true, {{P("-0.0000000001"), Q("0.00000001"), 7, BookSideType::Bid}}, 1, 5);
+    message.exchangeTime_ns = 6;
+    message.venueSequence = 50'093'244'445;
+    bench.publisher->Publish(message);
+    bench.Pass(300ms);
+    const auto updates = listener->TakeUpdates();
+    ASSERT_EQ(updates.size(), 1U);
+    EXPECT_EQ(updates[0]->changes, message.changes);
+    EXPECT_EQ(updates[0]->receiveTime_ns, 5U);
+    EXPECT_EQ(updates[0]->exchangeTime_ns, 6U);
+    EXPECT_EQ(updates[0]->venueSequence, 50'093'244'445U);
+}
+
+TEST(ZelProvider, AsksForAnImageThatReplacesTheBookWhenAMessageIsLost)
+{
+    ZelBench bench;
+    bench.Start();
+    bench.Publish(0, true, {Bid("10", "1"), Bid("9", "1")});
+    const auto listener = bench.Subscribe("A");
+    bench.Settle();
+    bench.broker.passes = [](const CarriedMessage& message) { return message.channel != TransportChannel::Prices; };
+    bench.Publish(0, false, {Bid("9", "0")});
+    bench.Settle();
+    EXPECT_EQ(listener->PrintBook(), "10x1 9x1 |") << "nothing shows the loss yet";
+    bench.broker.passes = nullptr;
+    bench.Publish(0, false, {Bid("8", "1")});
+    bench.Settle();
+    EXPECT_EQ(listener->PrintBook(), "10x1 8x1 |") << "no ghost of the lost removal";
+    EXPECT_THAT(listener->GetCalls(),
+                ElementsAre("subscribed 0", "stale", "fresh", "image", "stale", "fresh", "image"));
+    EXPECT_EQ(listener->GetOrderFaults(), 0U);
+    EXPECT_EQ(bench.provider->GetCounts().gaps, 1U);
+}
+
+TEST(ZelProvider, NoticesThatTheLastMessageOfAQuietInstrumentWasLost)
+{
+    ZelBench bench;
+    bench.Start();
+    bench.Publish(0, true, {Bid("10", "1")});
+    const auto listener = bench.Subscribe("A");
+    bench.Pass(400ms);
+    bench.broker.passes = [](const CarriedMessage& message) { return message.channel != TransportChannel::Prices; };
+    bench.Publish(0, false, {Bid("10", "0")});
+    bench.Settle();
+    bench.broker.passes = nullptr;
+    bench.Pass(1000ms);
+    EXPECT_EQ(listener->PrintBook(), "10x1 |");
+    bench.Pass(500ms);
+    EXPECT_EQ(listener->PrintBook(), "|");
+    EXPECT_EQ(bench.provider->GetCounts().gaps, 1U);
+}
+
+TEST(ZelProvider, AsksAgainWhenTheImageOrTheRequestIsLost)
+{
+    for (const TransportChannel lost : {TransportChannel::Requests, TransportChannel::Prices})
+    {
+        ZelBench bench;
+        bench.Start();
+        bench.Publish(0, true, {Bid("10", "1")});
+        bench.Settle();
+        int losses = 3;
+        bench.broker.passes = [&](const CarriedMessage& message)
+        { return message.channel != lost || message.market != "M" || losses-- <= 0; };
+        const auto listener = bench.Subscribe("A");
+        bench.Pass(400ms);
+        EXPECT_THAT(listener->GetCalls(), ElementsAre("subscribed 0", "stale"));
+        bench.Pass(600ms);
+        EXPECT_EQ(listener->PrintBook(), "10x1 |");
+        EXPECT_EQ(bench.provider->GetCounts().imagesAsked, 4U);
+    }
+}
+
+TEST(ZelProvider, IsStaleAtOnceWithoutTheConnectionAndFreshAfterTheImage)
+{
+    ZelBench bench;
+    bench.Start();
+    bench.Publish(0, true, {Bid("10", "1"), Ask("12", "1")});
+    const auto listener = bench.Subscribe("A");
+    bench.Settle();
+    bench.broker.SetUp(false);
+    EXPECT_TRUE(listener->IsStale());
+    EXPECT_EQ(bench.provider->GetCounts().live, 0U);
+    bench.Publish(0, false, {Bid("10", "0"), Bid("11", "1")}); // goes nowhere
+    bench.Pass(5s);
+    EXPECT_EQ(listener->PrintBook(), "10x1 | 12x1");
+
+    bench.broker.SetUp(true);
+    bench.Settle();
+    EXPECT_FALSE(listener->IsStale());
+    EXPECT_EQ(listener->PrintBook(), "11x1 | 12x1");
+    EXPECT_EQ(listener->GetOrderFaults(), 0U);
+    EXPECT_EQ(bench.publisher->GetCounts().unsent, 1U);
+    EXPECT_EQ(bench.publisher->GetCounts().epochs, 2U);
+}
+
+TEST(ZelProvider, IsStaleWithinASecondWhenThePublisherFallsSilent)
+{
+    ZelBench bench;
+    bench.Start();
+    bench.Publish(0, true, {Bid("10", "1")});
+    const auto listener = bench.Subscribe("A");
+    bench.Pass(500ms);
+    EXPECT_FALSE(listener->IsStale());
+    bench.broker.passes = [](const CarriedMessage& message) { return message.channel == TransportChannel::Requests; };
+    bench.Pass(500ms);
+    EXPECT_FALSE(listener->IsStale());
+    bench.Pass(500ms);
+    EXPECT_TRUE(listener->IsStale());
+    EXPECT_EQ(bench.provider->GetCounts().marketsLost, 2U) << "and the one that never was there";
+
+    bench.broker.passes = nullptr;
+    bench.Publish(0, false, {Bid("9", "1")});
+    bench.Pass(300ms);
+    EXPECT_FALSE(listener->IsStale());
+    EXPECT_EQ(listener->PrintBook(), "10x1 9x1 |");
+}
+
+TEST(ZelProvider, AsksForImagesOfANewEpochThoughItsOwnConnectionHeld)
+{
+    ZelBench bench;
+    bench.Start();
+    bench.Publish(0, true, {Bid("10", "1")});
+    const auto listener = bench.Subscribe("A");
+    bench.Settle();
+    const std::uint64_t epoch = listener->GetEpoch();
+    bench.publisherTransport->SetCut(true);
+    bench.Publish(0, false, {Bid("10", "0"), Bid("8", "1")});
+    bench.publisherTransport->SetCut(false);
+    bench.Settle();
+    EXPECT_EQ(listener->PrintBook(), "8x1 |");
+    EXPECT_GT(listener->GetEpoch(), epoch);
+    EXPECT_EQ(listener->GetOrderFaults(), 0U);
+}
+
+TEST(ZelProvider, PassesOverMessagesOfAnOldEpoch)
+{
+    ZelBench bench;
+    bench.Start();
+    bench.Publish(0, true, {Bid("10", "1")});
+    const auto listener = bench.Subscribe("A");
+    bench.Settle();
+    bench.Publish(0, false, {Bid("10", "7")});
+    const auto late = bench.broker.waiting.back();
+    bench.broker.waiting.clear();
+    bench.publisherTransport->SetCut(true);
+    bench.publisherTransport->SetCut(false);
+    bench.Settle();
+    bench.Publish(0, false, {Bid("10", "2")});
+    bench.broker.waiting.push_back(late);
+    bench.Settle();
+    EXPECT_EQ(listener->PrintBook(), "10x2 |");
+    EXPECT_EQ(bench.provider->GetCounts().gaps, 0U);
+}
+
+TEST(ZelProvider, FollowsTheNewerOfTwoPublishersOfAMarket)
+{
+    ZelBench bench;
+    bench.Start();
+    bench.Publish(0, true, {Bid("10", "1")});
+    const auto listener = bench.Subscribe("A");
+    bench.Settle();
+
+    const auto transport = bench.broker.MakeTransport();
+    ZelPublisherOptions options;
+    options.now = [&] { return bench.now; };
+    options.wallTime_ns = [&] { return bench.wallTime_ns += 1000; };
+    ZelPublisher second(*transport, options);
+    second.Start({Listed("X"), Listed("A")}); // numbers its instruments otherwise
+    second.Publish(BookMessage(1, true, {Bid("20", "1")}));
+    second.Tick();
+    bench.Settle();
+    second.Tick();
+    bench.Publish(0, false, {Bid("11", "1")});
+    bench.Settle();
+    EXPECT_EQ(listener->PrintBook(), "20x1 |");
+    transport->Stop();
+}
+
+TEST(ZelProvider, DoesNotPassOnTradesToWhoDoesNotWantThem)
+{
+    ZelBench bench;
+    bench.Start();
+    bench.Publish(0, true, {Bid("10", "1")});
+    const auto with = bench.Subscribe("A");
+    const auto without = bench.Subscribe("A", SubscribeStatus::Subscribed, 1, false);
+    bench.Settle();
+    bench.PublishTrade(0, 1);
+    bench.Settle();
+    bench.provider->ChangeScope(without, Request(1, "A", true).scope);
+    bench.PublishTrade(0, 2);
+    bench.Settle();
+    EXPECT_EQ(with->GetTrades().size(), 2U);
+    ASSERT_EQ(without->GetTrades().size(), 1U);
+    EXPECT_EQ(without->GetTrades()[0].venueId, 2U);
+}
+
+TEST(ZelProvider, NoticesALostTrade)
+{
+    ZelBench bench;
+    bench.Start();
+    bench.Publish(0, true, {Bid("10", "1")});
+    const auto listener = bench.Subscribe("A");
+    bench.Settle();
+    bench.PublishTrade(0, 1);
+    bench.broker.waiting.clear();
+    bench.PublishTrade(0, 2);
+    bench.Settle();
+    EXPECT_EQ(listener->GetTrades().size(), 1U);
+    EXPECT_EQ(bench.provider->GetCounts().gaps, 1U);
+    EXPECT_FALSE(listener->IsStale());
+}
+
+TEST(ZelProvider, TreatsDroppedMessagesAsALostFeed)
+{
+    ZelBench bench;
+    bench.Start();
+    bench.Publish(0, true, {Bid("10", "1")});
+    const auto listener = bench.Subscribe("A");
+    bench.Settle();
+    bench.Publish(0, false, {Bid("9", "1")});
+    bench.broker.waiting.clear();
+    bench.providerTransport->ReportLoss();
+    EXPECT_TRUE(listener->IsStale());
+    bench.Pass(300ms);
+    EXPECT_EQ(listener->PrintBook(), "10x1 9x1 |");
+}
+
+TEST(ZelProvider, GivesNobodyAnImageWhileItIsStale)
+{
+    ZelBench bench;
+    bench.Start();
+    bench.Publish(0, true, {Bid("10", "1")});
+    const auto first = bench.Subscribe("A");
+    bench.Settle();
+    bench.broker.SetUp(false);
+    const auto second = bench.Subscribe("A");
+    EXPECT_THAT(second->GetCalls(), ElementsAre("subscribed 0", "stale"));
+    bench.broker.SetUp(true);
+    bench.Settle();
+    EXPECT_THAT(second->GetCalls(), ElementsAre("subscribed 0", "stale", "fresh", "image"));
+}
+
+TEST(ZelProvider, ForgetsWhatNobodyListensToWhenTheFeedIsLost)
+{
+    ZelBench bench;
+    bench.Start();
+    bench.Publish(0, true, {Bid("10", "1")});
+    const auto listener = bench.Subscribe("A");
+    bench.Settle();
+    bench.provider->Unsubscribe(listener);
+    EXPECT_EQ(listener->GetCalls().back(), "unsubscribed");
+    EXPECT_EQ(bench.provider->GetCounts().followed, 1U) << "who comes next need not wait";
+    bench.broker.SetUp(false);
+    EXPECT_EQ(bench.provider->GetCounts().followed, 0U);
+    bench.broker.SetUp(true);
+    bench.Settle();
+    EXPECT_EQ(bench.provider->GetCounts().imagesAsked, 1U);
+    const auto again = bench.Subscribe("A");
+    bench.Settle();
+    EXPECT_EQ(again->PrintBook(), "10x1 |");
+}
+
+TEST(ZelProvider, CountsAndSkipsWhatItCannotRead)
+{
+    ZelBench bench;
+    bench.Start();
+    bench.Publish(0, true, {Bid("10", "1")});
+    const auto listener = bench.Subscribe("A");
+    bench.Settle();
+    SeededRandom random(4);
+    for (int round = 0; round < 20'000; ++round)
+    {
+        CarriedMessage message;
+        message.channel = random.Once(2) ? TransportChannel::Prices : TransportChannel::Control;
+        message.market = "M";
+        message.payload.resize(static_cast<std::size_t>(random.Below(120)));
+        for (std::byte& byte : message.payload)
+        {
+            byte = static_cast<std::byte>(random.Next());
+        }
+        if (!message.payload.empty())
+        {
+            message.payload[0] = std::byte{1};
+        }
+        bench.broker.waiting.push_back(std::move(message));
+        bench.broker.Deliver();
+    }
+    EXPECT_GT(bench.provider->GetCounts().refused, 10'000U);
+    EXPECT_EQ(listener->GetOrderFaults(), 0U);
+}
+
+TEST(ZelProvider, IgnoresMarketsThatTheServerDoesNotHave)
+{
+    ZelBench bench;
+    bench.Start();
+    bench.broker.waiting.push_back({TransportChannel::Control, "ELSEWHERE", "", {}});
+    bench.Settle();
+    EXPECT_EQ(bench.provider->GetCounts().refused, 0U);
+    bench.Subscribe("A", SubscribeStatus::Failed, 9);
+}
+
+TEST(ZelProvider, CallsNobodyAfterItHasStopped)
+{
+    ZelBench bench;
+    bench.Start();
+    const auto listener = bench.Subscribe("A");
+    const std::weak_ptr<RecordingListener> held = listener;
+    bench.Settle();
+    bench.provider->Stop();
+    bench.provider->Stop();
+    const std::size_t calls = listener->GetCalls().size();
+    bench.Publish(0, true, {Bid("10", "1")});
+    bench.broker.Deliver();
+    EXPECT_EQ(listener->GetCalls().size(), calls);
+    EXPECT_EQ(listener.use_count(), 1);
+    bench.Subscribe("A", SubscribeStatus::Failed);
+    bench.provider->Unsubscribe(listener);
+    EXPECT_EQ(listener->GetCalls().back(), "unsubscribed");
+}
+
+/// A model beside the real thing: whatever is lost, cut or renamed, in the end the books are the publisher's.
+TEST(ZelProvider, HasThePublishersBooksAfterAnyMisfortune)
+{
+    for (std::uint64_t seed = 1; seed <= 40; ++seed)
+    {
+        SCOPED_TRACE(seed);
+        SeededRandom random(seed);
+        ZelBench bench;
+        bench.provider->Start();
+        bench.StartPublisher();
+        bench.broker.passes = [&](const CarriedMessage&) { return random.Below(50) != 0; };
+        std::vector<std::shared_ptr<RecordingListener>> listeners(3);
+        bench.Pass(500ms);
+        for (int round = 0; round < 2'000; ++round)
+        {
+            const auto instrument = static_cast<InstrumentIndex>(random.Below(3));
+            const std::int64_t tick = random.Below(20);
+            const bool isBid = random.Once(2);
+            const std::string price = std::to_string(isBid ? 100 - tick : 101 + tick);
+            const std::string quantity = std::to_string(random.Below(3));
+            bench.Publish(instrument, round < 3 || random.Below(200) == 0,
+                          {isBid ? Bid(price.c_str(), quantity.c_str()) : Ask(price.c_str(), quantity.c_str())});
+            switch (random.Below(60))
+            {
+            case 0:
+                bench.broker.SetUp(false);
+                break;
+            case 1:
+                bench.broker.SetUp(true);
+                break;
+            case 2:
+                bench.publisherTransport->SetCut(true);
+                break;
+            case 3:
+                bench.publisherTransport->SetCut(false);
+                break;
+            case 4:
+                bench.Pass(100ms);
+                break;
+            case 5:
+                if (auto& listener = listeners[instrument]; listener != nullptr)
+                {
+                    bench.provider->Unsubscribe(std::exchange(listener, nullptr));
+                }
+                else if (bench.provider->GetDirectory().IsComplete(1))
+                {
+                    listener = bench.Subscribe(std::string(1, static_cast<char>('A' + instrument)));
+                }
+                break;
+            default:
+                bench.broker.Deliver();
+            }
+        }
+        bench.broker.passes = nullptr;
+        bench.broker.SetUp(true);
+        bench.publisherTransport->SetCut(false);
+        bench.Pass(3s);
+        for (InstrumentIndex instrument = 0; instrument < 3; ++instrument)
+        {
+            if (listeners[instrument] != nullptr)
+            {
+                EXPECT_EQ(listeners[instrument]->PrintBook(), bench.PublishedBook(instrument));
+                EXPECT_FALSE(listeners[instrument]->IsStale());
+                EXPECT_EQ(listeners[instrument]->GetOrderFaults(), 0U);
+            }
+        }
+    }
+}
+
+} // namespace
+} // namespace ps_ns
