@@ -302,16 +302,28 @@ std::vector<DirectoryEntry> PriceServer::GetDirectoryEntries() const
 
 std::uint64_t PriceServer::GetDirectoryVersion() const
 {
-    return m_mds->GetDirectory().GetVersion();
+    return (m_mds == nullptr ? 0 : m_mds->GetDirectory().GetVersion()) +
+           (m_zel == nullptr ? 0 : m_zel->GetDirectory().GetVersion());
 }
 
 std::vector<gateway::ProviderView> PriceServer::GetProviders() const
 {
-    const char* const state = m_mds->HasFailed()      ? "failed"
-                              : m_mds->HasEnded()     ? "ended"
-                              : IsDirectoryComplete() ? "serving"
-                                                      : "reading";
-    return {{"mds", state, m_mds->GetDirectory().GetSize()}};
+    std::vector<gateway::ProviderView> views;
+    if (m_mds != nullptr)
+    {
+        const char* const state = m_mds->HasFailed()                          ? "failed"
+                                  : m_mds->HasEnded()                         ? "ended"
+                                  : IsWhole(m_mds->GetDirectory(), m_markets) ? "serving"
+                                                                              : "reading";
+        views.push_back({"mds", state, m_mds->GetDirectory().GetSize()});
+    }
+    if (m_zel != nullptr)
+    {
+        const bool isLost = !m_zel->IsConnected() || m_zel->GetCounts().marketsLost != 0;
+        const char* const state = isLost ? "lost" : IsWhole(m_zel->GetDirectory(), m_markets) ? "serving" : "reading";
+        views.push_back({"zel", state, m_zel->GetDirectory().GetSize()});
+    }
+    return views;
 }
 
 std::string PriceServer::GetUrl() const

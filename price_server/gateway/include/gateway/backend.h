@@ -22,7 +22,7 @@ namespace ps_ns::gateway
 struct ProviderView
 {
     std::string name;  ///< "mds", "zel"
-    std::string state; ///< "reading" its directory, "serving", "ended", "failed"
+    std::string state; ///< "reading" its directory, "serving", "lost" its feed, "ended", "failed"
     std::size_t instruments = 0;
 };
 
