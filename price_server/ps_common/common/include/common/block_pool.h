@@ -47,7 +47,7 @@ public:
     static constexpr std::size_t kSlabBytes = 32'768; ///< what is taken from the heap at once
     static constexpr std::size_t kLargestBlock = 128;
     static constexpr std::array<std::size_t, 3> kBlockSizes{8, 64, kLargestBlock};
-    static constexpr std::array<std::size_t, 3> kKeptBytes{256 * 1024, 2 * 1024 * 1024, 4 * 1024 * 1024};
+    static constexpr std::array<std::size_t, 3> kKeptBytes{512 * 1024, 4 * 1024 * 1024, 8 * 1024 * 1024};
 
     static void* Allocate(std::size_t size);
     /// `size` is what the block was allocated with.
