@@ -84,9 +84,14 @@ Runner::Runner(std::size_t rounds, std::string filter, std::ostream& out)
 {
 }
 
+bool Runner::IsWanted(const std::string& group, const std::string& name) const
+{
+    return (group + "/" + name).find(m_filter) != std::string::npos;
+}
+
 void Runner::Run(const Comparison& comparison)
 {
-    if ((comparison.group + "/" + comparison.name).find(m_filter) == std::string::npos)
+    if (!IsWanted(comparison.group, comparison.name))
     {
         return;
     }

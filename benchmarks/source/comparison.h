@@ -50,6 +50,8 @@ class Runner
 public:
     Runner(std::size_t rounds, std::string filter, std::ostream& out);
 
+    /// False when the filter leaves it out: what it would run on need not be made then.
+    bool IsWanted(const std::string& group, const std::string& name) const;
     void Run(const Comparison& comparison);
 
     const std::vector<Result>& GetResults() const noexcept { return m_results; }

@@ -144,10 +144,15 @@ void CompareKeys(Runner& runner)
                  HashAlone<BoostHash>("boost::hash_combine", few), HashAlone<AbslHash>("absl::HashOf", few)}});
     for (const std::size_t count : {std::size_t{1000}, std::size_t{100'000}, std::size_t{1'000'000}})
     {
+        const std::string name = "look-up among " + std::to_string(count);
+        if (!runner.IsWanted("keys", name))
+        {
+            continue;
+        }
         const Asked asked(count);
         runner.Run(
             {"keys",
-             "look-up among " + std::to_string(count),
+             name,
              {LookUp<std::unordered_map<Key, std::uint64_t, Key::Hasher>>("std::unordered_map, Hasher", asked),
               LookUp<boost::unordered_map<Key, std::uint64_t, BoostHash>>("boost::unordered_map", asked),
               LookUp<boost::unordered_flat_map<Key, std::uint64_t, BoostHash>>("boost::unordered_flat_map", asked),

@@ -162,10 +162,15 @@ Figures ReplayIntoMaps(const RecordingScan& scan)
 
 void CompareReplay(Runner& runner)
 {
+    const std::string name = "three segments to merged books of ten levels, one observer";
+    if (!runner.IsWanted("replay", name))
+    {
+        return;
+    }
     const std::atomic<bool> stop{false};
     const RecordingScan scan = ScanRecordings(ThreeSegments(), LogProblems(), stop);
     runner.Run({"replay",
-                "three segments to merged books of ten levels, one observer",
+                name,
                 {{"MdsProvider to observer", [&scan] { return Replay(scan); }},
                  {"std::map book", [&scan] { return ReplayIntoMaps(scan); }}}});
 }

@@ -64,53 +64,131 @@ std::int64_t AddSaturated(std::int64_t a, std::int64_t b) noexcept
     return __builtin_add_overflow(a, b, &sum) ? std::numeric_limits<std::int64_t>::max() : sum;
 }
 
-void AddTo(MergedLevel& merged, const OrderBook::Level& level, std::size_t component) noexcept
+/// What is left to merge of one component's side: from `first` to `end`, of which the best level is the last.
+struct Rest
 {
-    std::int64_t& quantity =
-        component == CompositeComponentType::Implied ? merged.impliedQuantity : merged.directQuantity;
+    bool IsEmpty() const noexcept { return first == end; }
+    const OrderBook::Level& GetBest() const noexcept { return end[-1]; }
+
+    bool isImplied = false;
+    const OrderBook::Level* first = nullptr;
+    const OrderBook::Level* end = nullptr;
+};
+
+MergedLevel ToMerged(const OrderBook::Level& level, bool isImplied) noexcept
+{
+    // By a mask, not by a branch: which component a level comes from is what no processor can foresee.
+    const std::int64_t implied = isImplied ? -1 : 0;
+    return {level.price, level.quantity & ~implied, level.quantity & implied, level.orderCount};
+}
+
+void AddTo(MergedLevel& merged, const OrderBook::Level& level, bool isImplied) noexcept
+{
+    std::int64_t& quantity = isImplied ? merged.impliedQuantity : merged.directQuantity;
     quantity = AddSaturated(quantity, level.quantity);
     merged.orderCount += level.orderCount;
 }
 
-/// What is left to merge of one component's side: its best level is the last.
-struct Rest
+/// Where merged levels go, until the storage is full.
+struct Storage
 {
-    std::size_t component;
-    std::span<const OrderBook::Level> levels;
+    bool IsFull() const noexcept { return next == end; }
+
+    MergedLevel* next;
+    MergedLevel* end;
 };
 
-/// Merges from the best level on until the storage is full; returns how many levels came out. `better(a, b)`: price a
-/// comes before price b.
-template <class Better>
-std::uint32_t MergeSide(std::span<Rest> rests, std::span<MergedLevel> out, Better better)
+void TakeAll(Rest rest, Storage& out) noexcept
 {
-    std::size_t count = 0;
-    while (count < out.size())
+    const auto room = static_cast<std::size_t>(out.end - out.next);
+    const auto count = std::min(room, static_cast<std::size_t>(rest.end - rest.first));
+    const OrderBook::Level* level = rest.end;
+    for (MergedLevel* const end = out.next + count; out.next != end; ++out.next)
+    {
+        *out.next = ToMerged(*--level, rest.isImplied);
+    }
+}
+
+/// `better(a, b)`: price a comes before price b.
+template <class Better>
+void MergeTwo(Rest a, Rest b, Storage& out, Better better) noexcept
+{
+    while (!out.IsFull() && !a.IsEmpty() && !b.IsEmpty())
+    {
+        const OrderBook::Level& bestOfA = a.GetBest();
+        const OrderBook::Level& bestOfB = b.GetBest();
+        if (bestOfA.price == bestOfB.price)
+        {
+            *out.next = ToMerged(bestOfA, a.isImplied);
+            AddTo(*out.next++, bestOfB, b.isImplied);
+            --a.end;
+            --b.end;
+        }
+        else if (better(bestOfA.price, bestOfB.price))
+        {
+            *out.next++ = ToMerged(bestOfA, a.isImplied);
+            --a.end;
+        }
+        else
+        {
+            *out.next++ = ToMerged(bestOfB, b.isImplied);
+            --b.end;
+        }
+    }
+    TakeAll(a, out);
+    TakeAll(b, out);
+}
+
+template <class Better>
+void MergeMore(std::span<Rest> rests, Storage& out, Better better) noexcept
+{
+    while (!out.IsFull())
     {
         const OrderBook::Level* best = nullptr;
         for (const Rest& rest : rests)
         {
-            if (!rest.levels.empty() && (best == nullptr || better(rest.levels.back().price, best->price)))
+            if (!rest.IsEmpty() && (best == nullptr || better(rest.GetBest().price, best->price)))
             {
-                best = &rest.levels.back();
+                best = &rest.GetBest();
             }
         }
         if (best == nullptr)
         {
-            break;
+            return;
         }
         MergedLevel merged{best->price, 0, 0, 0};
         for (Rest& rest : rests)
         {
-            if (!rest.levels.empty() && rest.levels.back().price == merged.price)
+            if (!rest.IsEmpty() && rest.GetBest().price == merged.price)
             {
-                AddTo(merged, rest.levels.back(), rest.component);
-                rest.levels = rest.levels.first(rest.levels.size() - 1);
+                AddTo(merged, rest.GetBest(), rest.isImplied);
+                --rest.end;
             }
         }
-        out[count++] = merged;
+        *out.next++ = merged;
     }
-    return static_cast<std::uint32_t>(count);
+}
+
+/// Merges from the best level on until the storage is full; returns how many levels came out.
+template <class Better>
+std::uint32_t MergeSide(std::span<Rest> rests, std::span<MergedLevel> storage, Better better) noexcept
+{
+    Storage out{storage.data(), storage.data() + storage.size()};
+    switch (rests.size())
+    {
+    case 0:
+        break;
+    case 1:
+        TakeAll(rests[0], out);
+        break;
+    case 2:
+        MergeTwo(rests[0], rests[1], out, better);
+        break;
+    default:
+        MergeMore(rests, out, better);
+        break;
+    }
+    return static_cast<std::uint32_t>(out.next - storage.data());
 }
 
 } // namespace
@@ -184,7 +262,8 @@ void BookMerger::Merge(MergedOrderBook& book) const
             const Levels& levels = getLevels(m_components[component]);
             if (!levels.empty())
             {
-                rests[used++] = {component, levels};
+                rests[used++] = {component == CompositeComponentType::Implied, levels.data(),
+                                 levels.data() + levels.size()};
             }
         }
         return std::span(rests).first(used);

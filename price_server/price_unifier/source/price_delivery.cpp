@@ -70,11 +70,11 @@ void PriceDelivery::OnAnswer(CompositeComponentType::Type type, SubscriptionResu
     component.lastSpoke = m_now();
     ArmMonitor();
     // A later answer, after a switch or a rename, is told only when it says something else.
-    if (component.toldResult != result || component.toldFormat != format)
+    const bool isNews = component.told != nullptr ? component.told->result != result || component.told->format != format
+                                                  : result != SubscriptionResult::None || format != PriceFormat{};
+    if (isNews)
     {
-        component.toldResult = result;
-        component.toldFormat = format;
-        component.toldState = state;
+        component.told.reset(new Answer{result, format, state});
         CallObserver(m_observer->GetName(),
                      [&] { m_observer->OnSubscribe(m_def, EventInfo{}, result, 0, format, type, state); });
         for (const auto& client : m_clients)
@@ -101,12 +101,11 @@ void PriceDelivery::TellAnswer(ClientScope& client, CompositeComponentType::Type
     {
         return;
     }
-    const Component& component = Get(type);
+    const Answer& told = *Get(type).told;
     CallObserver(client.observer->GetName(),
-                 [&]
-                 {
-                     client.observer->OnSubscribe(client.id, m_def, EventInfo{}, component.toldResult, 0,
-                                                  component.toldFormat, type, component.toldState);
+                 [&] {
+                     client.observer->OnSubscribe(client.id, m_def, EventInfo{}, told.result, 0, told.format, type,
+                                                  told.state);
                  });
 }
 

@@ -94,6 +94,13 @@ public:
     std::function<void(bool isStale)> onStaleChanged;
 
 private:
+    /// What the observers were told of a component.
+    struct Answer
+    {
+        ps_messages_ns::SubscriptionResult::Value result;
+        PriceFormat format;
+        CompositeSubscriptionState state;
+    };
     struct Component
     {
         bool isWanted = false;
@@ -105,9 +112,7 @@ private:
         std::uint64_t subscriptionEpoch = 0; ///< the subscription's, once the image is there
         Clock::time_point lastSpoke{};
         std::uint64_t lastReceiveTime_ns = 0;
-        ps_messages_ns::SubscriptionResult::Value toldResult = ps_messages_ns::SubscriptionResult::None;
-        PriceFormat toldFormat;
-        CompositeSubscriptionState toldState;
+        std::unique_ptr<const Answer> told; ///< null: nothing yet
     };
 
     /// The merged book as clients of one depth see it.
