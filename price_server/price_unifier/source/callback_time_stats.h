@@ -39,6 +39,25 @@ struct CallbackTimeStats
         count.fetch_add(1);
     }
 
+    /// Callbacks of which only the time of all together was measured. Total and count are exact; the minimum is that of
+    /// the mean. So is the maximum, unless the group was slow: that is put down to one of them, since the others of a
+    /// group that takes long are as a rule quick.
+    void UpdateGroup(std::uint64_t duration, std::uint64_t callbacks, std::uint64_t slow)
+    {
+        const std::uint64_t mean = duration / callbacks;
+        const std::uint64_t longest = duration >= slow ? duration : mean;
+        if (mean < min.load())
+        {
+            min.store(mean);
+        }
+        if (longest > max.load())
+        {
+            max.store(longest);
+        }
+        total.fetch_add(duration);
+        count.fetch_add(callbacks);
+    }
+
     /// A copy of the record, which then starts over. An update that falls between the two is lost.
     CallbackTimeStats GetAndReset()
     {

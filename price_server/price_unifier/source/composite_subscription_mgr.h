@@ -117,6 +117,8 @@ public:
 
     /// How long observers' data callbacks took, in nanoseconds. From any thread.
     void UpdateSnapshotTime(unsigned long duration_ns);
+    /// The same for some callbacks, at least one, that were timed together (callback_time_stats.h).
+    void UpdateSnapshotTimes(unsigned long duration_ns, unsigned long callbacks);
     void UpdateTradesTime(unsigned long duration_ns);
     const CallbackTimeStats& GetSnapshotCallbackTime() const;
     const CallbackTimeStats& GetTradesCallbackTime() const;

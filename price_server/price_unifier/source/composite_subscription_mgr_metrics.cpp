@@ -84,6 +84,12 @@ void CompositeSubscriptionMgr::UpdateSnapshotTime(unsigned long duration_ns)
     m_snapshotCallbackTime.Update(duration_ns);
 }
 
+void CompositeSubscriptionMgr::UpdateSnapshotTimes(unsigned long duration_ns, unsigned long callbacks)
+{
+    constexpr std::uint64_t kSlow_ns = 10'000;
+    m_snapshotCallbackTime.UpdateGroup(duration_ns, callbacks, kSlow_ns);
+}
+
 void CompositeSubscriptionMgr::UpdateTradesTime(unsigned long duration_ns)
 {
     m_tradesCallbackTime.Update(duration_ns);

@@ -226,6 +226,7 @@ void PriceDelivery::ChangeClient(ClientScope& client, const CompositeSubscriptio
     client.info = info;
     client.pace.nextTime = {};
     client.pace.delivered.reset(); // the next book comes in any case, even if it shows the same
+    client.viewSequence = 0;
     DropUnusedViews();
     if (wasWaiting && client.isActive)
     {
@@ -238,6 +239,15 @@ void PriceDelivery::SetMergedScope(const CompositeSubscriptionInfo& scope)
     m_scope = scope;
     m_ownPace.isWaiting = false;
     m_ownPace.nextTime = {};
+    // What each client without an interval has had is known by its sequence only: find the books while they are there.
+    std::vector<std::shared_ptr<const MergedOrderBook>> delivered;
+    delivered.reserve(m_clients.size());
+    for (const auto& client : m_clients)
+    {
+        const bool hasInterval = client->info.conflationInterval_ms != 0;
+        const auto had = hasInterval ? client->pace.delivered : GetView(client->info.depth);
+        delivered.push_back(hasInterval || HasView(*client, had) ? had : nullptr);
+    }
     // What is seen at the whole depth comes without a view: an old one must not show up again when the depth grows.
     std::erase_if(m_views, [this](const DepthView& view) { return view.depth >= GetMergedLevels(); });
     if (m_current == nullptr)
@@ -251,13 +261,14 @@ void PriceDelivery::SetMergedScope(const CompositeSubscriptionInfo& scope)
         m_current = std::move(book);
         DeliverOwn();
     }
-    for (const auto& client : m_clients)
+    for (std::size_t i = 0; i < m_clients.size(); ++i)
     {
+        const std::shared_ptr<ClientScope> client = m_clients[i];
         const std::shared_ptr<const MergedOrderBook> view = GetView(client->info.depth);
-        std::shared_ptr<const MergedOrderBook>& delivered = client->pace.delivered;
-        if (delivered != nullptr && view->epoch == delivered->epoch && view->ShowsSameAs(*delivered))
+        const auto had = i < delivered.size() ? delivered[i] : nullptr;
+        if (had != nullptr && view->epoch == had->epoch && view->ShowsSameAs(*had))
         {
-            delivered = view; // sees what it saw before
+            NoteDelivered(*client, view); // sees what it saw before
         }
         else if (client->isActive)
         {
@@ -278,7 +289,7 @@ void PriceDelivery::GenerateSnapshot(std::uint32_t reason, ClientScope* client)
     if (client != nullptr)
     {
         Send(*client, snapshot);
-        client->pace.delivered = newest;
+        NoteDelivered(*client, newest);
     }
     else
     {

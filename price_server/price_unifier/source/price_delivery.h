@@ -132,7 +132,10 @@ private:
     bool HoldsBackEmpty(const MergedOrderBook& book);
     void Deliver();
     void DeliverOwn();
+    void DeliverToClients();
     void DeliverTo(const std::shared_ptr<ClientScope>& client);
+    bool HasView(const ClientScope& client, const std::shared_ptr<const MergedOrderBook>& view) const noexcept;
+    void NoteDelivered(ClientScope& client, const std::shared_ptr<const MergedOrderBook>& view);
     /// True when the recipient has to wait for its interval: its timer is armed then, and runs `later`.
     bool MustWait(DeliveryPace& pace, unsigned interval_ms, std::function<void()> later);
     void NoteSent(DeliveryPace& pace, unsigned interval_ms, const std::shared_ptr<const MergedOrderBook>& book);
