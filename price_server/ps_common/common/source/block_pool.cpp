@@ -194,7 +194,7 @@ private:
     void Release(Slab* slab) noexcept
     {
         Unlink(slab);
-        ::operator delete(slab, kSlabBytes, kSlabAlignment);
+        ::operator delete(slab, kSlabAlignment);
         --m_slabCount;
     }
 

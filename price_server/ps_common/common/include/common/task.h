@@ -37,9 +37,9 @@ public:
     static void* operator new(std::size_t size) { return BlockPool::Allocate(size); }
     static void* operator new(std::size_t size, std::align_val_t alignment) { return ::operator new(size, alignment); }
     static void operator delete(void* task, std::size_t size) noexcept { BlockPool::Free(task, size); }
-    static void operator delete(void* task, std::size_t size, std::align_val_t alignment) noexcept
+    static void operator delete(void* task, std::size_t, std::align_val_t alignment) noexcept
     {
-        ::operator delete(task, size, alignment);
+        ::operator delete(task, alignment);
     }
 
     Task(const Task&) = delete;
