@@ -13,30 +13,80 @@ namespace
 using Levels = ComponentBook::Levels;
 using MergedLevel = MergedOrderBook::Level;
 
-/// Sets the whole quantity at a price in levels sorted by `Worse` (worst first).
-template <class Worse>
-void SetLevel(Levels& levels, const BookUpdate::Change& change, Worse worse)
+using Side = ComponentBook::Side;
+using Place = Levels::iterator;
+
+/// Nearer to the top than this, levels move; further away, holes are made and looked for, this far to either side.
+constexpr std::ptrdiff_t kNear = 48;
+
+void RemoveLevel(Side& side, Place at)
 {
-    const auto at =
-        std::lower_bound(levels.begin(), levels.end(), change.price,
-                         [&](const OrderBook::Level& level, std::int64_t price) { return worse(level.price, price); });
-    const bool found = at != levels.end() && at->price == change.price;
-    if (change.quantity == 0)
+    if (side.levels.end() - at <= kNear)
     {
-        if (found)
-        {
-            levels.erase(at);
-        }
+        side.levels.erase(at);
         return;
     }
-    const OrderBook::Level level{change.price, change.quantity, change.orderCount};
-    if (found)
+    at->quantity = 0;
+    if (2 * ++side.holes > side.levels.size())
     {
+        std::erase_if(side.levels, [](const OrderBook::Level& level) { return level.quantity == 0; });
+        side.holes = 0;
+    }
+}
+
+/// Inserts before `at`, into a hole if there is one near.
+void InsertLevel(Side& side, Place at, const OrderBook::Level& level)
+{
+    const auto isHole = [](const OrderBook::Level& other) { return other.quantity == 0; };
+    if (side.holes != 0 && side.levels.end() - at > kNear)
+    {
+        const Place above = std::find_if(at, at + kNear, isHole);
+        if (above != at + kNear)
+        {
+            std::move_backward(at, above, above + 1);
+            *at = level;
+            --side.holes;
+            return;
+        }
+        const Place below = at - std::min(kNear, at - side.levels.begin());
+        for (Place hole = at; hole != below;)
+        {
+            if (isHole(*--hole))
+            {
+                std::move(hole + 1, at, hole);
+                *(at - 1) = level;
+                --side.holes;
+                return;
+            }
+        }
+    }
+    side.levels.insert(at, level);
+}
+
+/// Sets the whole quantity at a price in levels sorted by `Worse` (worst first).
+template <class Worse>
+void SetLevel(Side& side, const BookUpdate::Change& change, Worse worse)
+{
+    const Place at =
+        std::lower_bound(side.levels.begin(), side.levels.end(), change.price,
+                         [&](const OrderBook::Level& level, std::int64_t price) { return worse(level.price, price); });
+    const bool found = at != side.levels.end() && at->price == change.price;
+    const OrderBook::Level level{change.price, change.quantity, change.orderCount};
+    if (!found)
+    {
+        if (change.quantity != 0)
+        {
+            InsertLevel(side, at, level);
+        }
+    }
+    else if (change.quantity != 0)
+    {
+        side.holes -= at->quantity == 0 ? 1U : 0U;
         *at = level;
     }
-    else
+    else if (at->quantity != 0)
     {
-        levels.insert(at, level);
+        RemoveLevel(side, at);
     }
 }
 
@@ -64,53 +114,149 @@ std::int64_t AddSaturated(std::int64_t a, std::int64_t b) noexcept
     return __builtin_add_overflow(a, b, &sum) ? std::numeric_limits<std::int64_t>::max() : sum;
 }
 
-void AddTo(MergedLevel& merged, const OrderBook::Level& level, std::size_t component) noexcept
+/// What is left to merge of one component's side: from `first` to `end`, of which the best level, no hole, is the last.
+struct Rest
 {
-    std::int64_t& quantity =
-        component == CompositeComponentType::Implied ? merged.impliedQuantity : merged.directQuantity;
+    Rest() = default;
+    Rest(bool belongsToImplied, const Levels& levels) noexcept
+        : isImplied(belongsToImplied)
+        , first(levels.data())
+        , end(levels.data() + levels.size())
+    {
+        SkipHoles();
+    }
+
+    bool IsEmpty() const noexcept { return first == end; }
+    const OrderBook::Level& GetBest() const noexcept { return end[-1]; }
+    void DropBest() noexcept
+    {
+        --end;
+        SkipHoles();
+    }
+    void SkipHoles() noexcept
+    {
+        while (end != first && end[-1].quantity == 0)
+        {
+            --end;
+        }
+    }
+
+    bool isImplied = false;
+    const OrderBook::Level* first = nullptr;
+    const OrderBook::Level* end = nullptr;
+};
+
+MergedLevel ToMerged(const OrderBook::Level& level, bool isImplied) noexcept
+{
+    // By a mask, not by a branch: which component a level comes from is what no processor can foresee.
+    const std::int64_t implied = isImplied ? -1 : 0;
+    return {level.price, level.quantity & ~implied, level.quantity & implied, level.orderCount};
+}
+
+void AddTo(MergedLevel& merged, const OrderBook::Level& level, bool isImplied) noexcept
+{
+    std::int64_t& quantity = isImplied ? merged.impliedQuantity : merged.directQuantity;
     quantity = AddSaturated(quantity, level.quantity);
     merged.orderCount += level.orderCount;
 }
 
-/// What is left to merge of one component's side: its best level is the last.
-struct Rest
+/// Where merged levels go, until the storage is full.
+struct Storage
 {
-    std::size_t component;
-    std::span<const OrderBook::Level> levels;
+    bool IsFull() const noexcept { return next == end; }
+
+    MergedLevel* next;
+    MergedLevel* end;
 };
 
-/// Merges from the best level on until the storage is full; returns how many levels came out. `better(a, b)`: price a
-/// comes before price b.
-template <class Better>
-std::uint32_t MergeSide(std::span<Rest> rests, std::span<MergedLevel> out, Better better)
+void TakeAll(Rest rest, Storage& out) noexcept
 {
-    std::size_t count = 0;
-    while (count < out.size())
+    for (; !out.IsFull() && !rest.IsEmpty(); rest.DropBest())
+    {
+        *out.next++ = ToMerged(rest.GetBest(), rest.isImplied);
+    }
+}
+
+/// `better(a, b)`: price a comes before price b.
+template <class Better>
+void MergeTwo(Rest a, Rest b, Storage& out, Better better) noexcept
+{
+    while (!out.IsFull() && !a.IsEmpty() && !b.IsEmpty())
+    {
+        const OrderBook::Level& bestOfA = a.GetBest();
+        const OrderBook::Level& bestOfB = b.GetBest();
+        if (bestOfA.price == bestOfB.price)
+        {
+            *out.next = ToMerged(bestOfA, a.isImplied);
+            AddTo(*out.next++, bestOfB, b.isImplied);
+            a.DropBest();
+            b.DropBest();
+        }
+        else if (better(bestOfA.price, bestOfB.price))
+        {
+            *out.next++ = ToMerged(bestOfA, a.isImplied);
+            a.DropBest();
+        }
+        else
+        {
+            *out.next++ = ToMerged(bestOfB, b.isImplied);
+            b.DropBest();
+        }
+    }
+    TakeAll(a, out);
+    TakeAll(b, out);
+}
+
+template <class Better>
+void MergeMore(std::span<Rest> rests, Storage& out, Better better) noexcept
+{
+    while (!out.IsFull())
     {
         const OrderBook::Level* best = nullptr;
         for (const Rest& rest : rests)
         {
-            if (!rest.levels.empty() && (best == nullptr || better(rest.levels.back().price, best->price)))
+            if (!rest.IsEmpty() && (best == nullptr || better(rest.GetBest().price, best->price)))
             {
-                best = &rest.levels.back();
+                best = &rest.GetBest();
             }
         }
         if (best == nullptr)
         {
-            break;
+            return;
         }
         MergedLevel merged{best->price, 0, 0, 0};
         for (Rest& rest : rests)
         {
-            if (!rest.levels.empty() && rest.levels.back().price == merged.price)
+            if (!rest.IsEmpty() && rest.GetBest().price == merged.price)
             {
-                AddTo(merged, rest.levels.back(), rest.component);
-                rest.levels = rest.levels.first(rest.levels.size() - 1);
+                AddTo(merged, rest.GetBest(), rest.isImplied);
+                rest.DropBest();
             }
         }
-        out[count++] = merged;
+        *out.next++ = merged;
     }
-    return static_cast<std::uint32_t>(count);
+}
+
+/// Merges from the best level on until the storage is full; returns how many levels came out.
+template <class Better>
+std::uint32_t MergeSide(std::span<Rest> rests, std::span<MergedLevel> storage, Better better) noexcept
+{
+    Storage out{storage.data(), storage.data() + storage.size()};
+    switch (rests.size())
+    {
+    case 0:
+        break;
+    case 1:
+        TakeAll(rests[0], out);
+        break;
+    case 2:
+        MergeTwo(rests[0], rests[1], out, better);
+        break;
+    default:
+        MergeMore(rests, out, better);
+        break;
+    }
+    return static_cast<std::uint32_t>(out.next - storage.data());
 }
 
 } // namespace
@@ -133,11 +279,11 @@ void ComponentBook::Load(const BookUpdate& image)
     Clear();
     for (const BookUpdate::Change& change : image.changes)
     {
-        Levels& levels = change.side == BookSideType::Bid ? m_bids : m_asks;
+        Levels& levels = change.side == BookSideType::Bid ? m_bids.levels : m_asks.levels;
         levels.push_back({change.price, change.quantity, change.orderCount});
     }
-    Arrange(m_bids, std::less<>());
-    Arrange(m_asks, std::greater<>());
+    Arrange(m_bids.levels, std::less<>());
+    Arrange(m_asks.levels, std::greater<>());
 }
 
 void ComponentBook::Apply(const BookUpdate::Change& change)
@@ -154,8 +300,11 @@ void ComponentBook::Apply(const BookUpdate::Change& change)
 
 void ComponentBook::Clear() noexcept
 {
-    m_bids.clear();
-    m_asks.clear();
+    for (Side* const side : {&m_bids, &m_asks})
+    {
+        side->levels.clear();
+        side->holes = 0;
+    }
 }
 
 void BookMerger::Apply(CompositeComponentType::Type component, const BookUpdate& update)
@@ -184,14 +333,14 @@ void BookMerger::Merge(MergedOrderBook& book) const
             const Levels& levels = getLevels(m_components[component]);
             if (!levels.empty())
             {
-                rests[used++] = {component, levels};
+                rests[used++] = Rest(component == CompositeComponentType::Implied, levels);
             }
         }
         return std::span(rests).first(used);
     };
-    const auto bids = fill([](const ComponentBook& component) -> const Levels& { return component.GetBids(); });
+    const auto bids = fill([](const ComponentBook& component) -> const Levels& { return component.GetBids().levels; });
     book.bids.count = MergeSide(bids, book.bids.GetStorage(), std::greater<>());
-    const auto asks = fill([](const ComponentBook& component) -> const Levels& { return component.GetAsks(); });
+    const auto asks = fill([](const ComponentBook& component) -> const Levels& { return component.GetAsks().levels; });
     book.asks.count = MergeSide(asks, book.asks.GetStorage(), std::less<>());
 }
 

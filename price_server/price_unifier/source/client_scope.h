@@ -17,7 +17,8 @@ class IFlexiblePriceObserver;
 /// When the next book may go to one recipient, and which one it had last. Executor only.
 struct DeliveryPace
 {
-    std::shared_ptr<const MergedOrderBook> delivered; ///< null: none yet, or none since its scope changed
+    /// Null: none yet, or none since its scope changed. Not kept for a client without an interval (viewSequence).
+    std::shared_ptr<const MergedOrderBook> delivered;
     std::chrono::steady_clock::time_point nextTime{}; ///< no book before that
     std::shared_ptr<AsyncTask> timer;                 ///< made when a book had to wait for the first time
     bool isWaiting = false;                           ///< the timer will deliver
@@ -43,6 +44,9 @@ struct ClientScope
     bool isActive = false;          ///< the replayed answers are out: data may follow, and answers that came meanwhile
     unsigned owedAnswers = 0;       ///< bit by component: answered since the join, not told yet
     std::uint64_t sentSequence = 0; ///< of the newest book that it has had
+    /// Without an interval, in place of pace.delivered, whose counted reference would cost more than the rest of a
+    /// delivery: the sequence of the view that it had last, 0 for none. Within one depth it tells a view from others.
+    std::uint64_t viewSequence = 0;
     DeliveryPace pace;
 };
 

@@ -66,7 +66,6 @@ CompositeInstrumentSubscription::CompositeInstrumentSubscription(
           simpleSubscriptionMgr->GetStaleGauge()))
     , m_gate(std::make_shared<UnsubscribeGate>([this, manager]
                                                { manager->OnUnsubscribeCompositeSubscription(this, GetDefinition()); }))
-    , m_symbol(def.GetSymbol())
     , m_mergedScope(adjustedScope)
 {
     for (std::size_t i = 0; i < m_components.size(); ++i)
@@ -92,8 +91,10 @@ CompositeInstrumentSubscription::~CompositeInstrumentSubscription()
 void CompositeInstrumentSubscription::DecideProvider(CompositeComponentType::Type type)
 {
     const CompositeInstrumentDef& def = GetDefinition();
+    const bool isDirect = type == CompositeComponentType::Direct;
+    const std::string prefixed = isDirect ? std::string() : GetComponentSymbol(type, GetSymbol());
     const auto [provider, isFinal] = m_simpleSubscriptionMgr->GetProviderType(
-        ProviderFunction::Prices, def.marketId, def.submarketId, GetComponentSymbol(type, m_symbol));
+        ProviderFunction::Prices, def.marketId, def.submarketId, isDirect ? GetSymbol() : prefixed);
     Get(type).provider = provider;
     Get(type).isDecided = isFinal;
 }
@@ -105,16 +106,16 @@ int CompositeInstrumentSubscription::Subscribe(CompositeComponentType::Type type
     IPriceProvider* const provider = m_simpleSubscriptionMgr->FindProvider(component.provider);
     if (provider == nullptr)
     {
-        why = "no provider serves " + GetComponentSymbol(type, m_symbol);
+        why = "no provider serves " + GetComponentSymbol(type, GetSymbol());
         return failure; // undecided: the switch to another provider may still come
     }
-    m_core->BeginEpoch(type, m_provider, m_symbol);
+    m_core->BeginEpoch(type, m_provider, GetSymbol());
     const auto link = std::make_shared<ComponentLink>(type, m_core, m_gate);
     int status = SubscribeStatus::Failed;
     try
     {
         status = provider->Subscribe(
-            {type, GetSubmarket(GetDefinition()), GetComponentSymbol(type, m_symbol), m_mergedScope}, link);
+            {type, GetSubmarket(GetDefinition()), GetComponentSymbol(type, GetSymbol()), m_mergedScope}, link);
     }
     catch (const SubscriptionEx& error)
     {
@@ -201,7 +202,7 @@ void CompositeInstrumentSubscription::LogThrown(const char* doing) const noexcep
     zel::logging::Log(30, LogSource(),
                       [&](std::ostream& text)
                       {
-                          text << GetDefinition().ToString() << ": " << doing << " as " << m_symbol << " threw: ";
+                          text << GetDefinition().ToString() << ": " << doing << " as " << GetSymbol() << " threw: ";
                           try
                           {
                               throw;
@@ -261,8 +262,8 @@ void CompositeInstrumentSubscription::SubscribeAnew(CompositeComponentType::Type
                           [&](std::ostream& text)
                           {
                               text << GetDefinition().ToString() << ": component " << static_cast<int>(type)
-                                   << " could not be subscribed again as " << GetComponentSymbol(type, m_symbol) << ": "
-                                   << (why.empty() ? "the provider refused" : why);
+                                   << " could not be subscribed again as " << GetComponentSymbol(type, GetSymbol())
+                                   << ": " << (why.empty() ? "the provider refused" : why);
                           });
         ReportFailure(type);
     }
@@ -312,7 +313,7 @@ void CompositeInstrumentSubscription::SwitchProvider(CompositeComponentType::Typ
 void CompositeInstrumentSubscription::UnsubscribeDirect(UnsubscribeAnswer answer) noexcept
 {
     m_lifeState = DirectUnsubscribed;
-    m_gate->BeginChange(m_simpleSubscriptionMgr->GetSymbolChangeGroups().Get(GetDefinition().marketId, m_symbol),
+    m_gate->BeginChange(m_simpleSubscriptionMgr->GetSymbolChangeGroups().Get(GetDefinition().marketId, GetSymbol()),
                         [answer = std::move(answer), id = CompositeInstrumentID(GetDefinition())](bool ok)
                         { answer(id, ok); });
     for (Component& component : m_components)
@@ -328,8 +329,8 @@ void CompositeInstrumentSubscription::ResubscribeDirect(const std::string& newSy
     {
         return; // subscribed again already
     }
-    m_simpleSubscriptionMgr->GetSymbolChangeGroups().Drop(GetDefinition().marketId, m_symbol);
-    m_symbol = newSymbol;
+    m_simpleSubscriptionMgr->GetSymbolChangeGroups().Drop(GetDefinition().marketId, GetSymbol());
+    m_newSymbol = std::make_unique<const std::string>(newSymbol);
     if (!m_isEnding)
     {
         m_lifeState = Active;
@@ -389,7 +390,7 @@ ComponentView CompositeInstrumentSubscription::GetComponentView(CompositeCompone
             component.isDecided,
             component.link != nullptr,
             component.provider,
-            GetComponentSymbol(type, m_symbol),
+            GetComponentSymbol(type, GetSymbol()),
             m_core->GetAnswers()[static_cast<std::size_t>(type)].result};
 }
 
@@ -402,7 +403,7 @@ std::string CompositeInstrumentSubscription::GetCountsAsString() const
 
 void CompositeInstrumentSubscription::Describe(std::ostream& out) const
 {
-    out << GetDefinition().ToString() << " subscribedAs=" << m_symbol << " handle=" << m_handle
+    out << GetDefinition().ToString() << " subscribedAs=" << GetSymbol() << " handle=" << m_handle
         << " provider=" << static_cast<int>(m_provider) << " state=" << static_cast<int>(m_lifeState)
         << " scopes=" << m_scopes.size() << " mergedScope " << m_mergedScope << " " << GetCountsAsString();
 }

@@ -13,10 +13,10 @@
 
 #include <array>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <tuple>
-#include <unordered_map>
 
 namespace ps_ns
 {
@@ -126,7 +126,10 @@ public:
     /// As given to the constructor; a symbol change does not touch it.
     const CompositeInstrumentDef& GetDefinition() const noexcept { return m_core->GetDefinition(); }
     /// The symbol now subscribed.
-    const std::string& GetSymbol() const noexcept { return m_symbol; }
+    const std::string& GetSymbol() const noexcept
+    {
+        return m_newSymbol != nullptr ? *m_newSymbol : GetDefinition().GetSymbol();
+    }
     LifeState GetLifeState() const noexcept { return m_lifeState; }
     ProviderType::Value GetProviderType() const noexcept { return m_provider; }
     CompositeSubscriptionState GetState() const { return m_core->GetState(); }
@@ -182,13 +185,13 @@ private:
     const unsigned long m_handle;
     const std::shared_ptr<SubscriptionCore> m_core;
     const std::shared_ptr<UnsubscribeGate> m_gate;
-    std::string m_symbol;
+    std::unique_ptr<const std::string> m_newSymbol;     ///< null: still the definition's
     ProviderType::Value m_provider = ProviderType::Zel; ///< who serves the first wanted component that could be
     LifeState m_lifeState = Active;
     bool m_isEnding = false;
 
     CompositeSubscriptionInfo m_mergedScope;
-    std::unordered_map<unsigned long, Scope> m_scopes;
+    std::map<unsigned long, Scope> m_scopes; ///< a tree: most subscriptions have one scope, and no room for buckets
     std::array<Component, CompositeComponentType::kCount> m_components;
     ComponentAnswers m_answersAtJoin;
 

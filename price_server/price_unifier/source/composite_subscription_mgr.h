@@ -117,6 +117,8 @@ public:
 
     /// How long observers' data callbacks took, in nanoseconds. From any thread.
     void UpdateSnapshotTime(unsigned long duration_ns);
+    /// The same as one call for each of the durations.
+    void UpdateSnapshotTimes(const CallbackTimes& times_ns);
     void UpdateTradesTime(unsigned long duration_ns);
     const CallbackTimeStats& GetSnapshotCallbackTime() const;
     const CallbackTimeStats& GetTradesCallbackTime() const;
@@ -298,7 +300,7 @@ private:
     void RunFlexibleUnsubscribe(const CompositeInstrumentDef& def,
                                 const std::shared_ptr<IFlexiblePriceObserver>& flexibleObserver,
                                 unsigned long subscriptionId);
-    void UnsubscribeImpl(const CompositeInstrumentDef& def, const std::shared_ptr<ICompositePriceObserver>& observer,
+    void UnsubscribeImpl(CompositeInstrumentDef def, std::shared_ptr<ICompositePriceObserver> observer,
                          unsigned long handle);
     void RunDirectUnsubscribe(const CompositeInstrumentDef& def,
                               const std::shared_ptr<ICompositePriceObserver>& observer, unsigned long handle);

@@ -75,7 +75,7 @@ void CompositeSubscriptionMgr::ChangeScope(const CompositeInstrumentDef& def, co
                                            const std::shared_ptr<IFlexiblePriceObserver>& flexibleObserver,
                                            unsigned long subscriptionId, bool generateSnapshot)
 {
-    Post([this, def, info, flexibleObserver, subscriptionId, generateSnapshot]
+    Post([this, def = def, info, flexibleObserver = flexibleObserver, subscriptionId, generateSnapshot]
          { RunFlexibleChangeScope(def, info, flexibleObserver, subscriptionId, generateSnapshot); });
 }
 

@@ -110,7 +110,7 @@ void CompositeSubscriptionMgr::AddScopeImpl(const CompositeInstrumentDef& def,
                                             const std::shared_ptr<IFlexiblePriceObserver>& flexibleObserver)
 {
     Post(
-        [this, def, observer, handle, info, subscriptionId, flexibleObserver]
+        [this, def = def, observer = observer, handle, info, subscriptionId, flexibleObserver = flexibleObserver]
         {
             const DirectScopeLines lines("AddScope", def, *observer, handle);
             CompositeInstrumentSubscription* const subscription = FindSubscription(def);
@@ -138,7 +138,7 @@ void CompositeSubscriptionMgr::RemoveScopeImpl(const CompositeInstrumentDef& def
                                                unsigned long handle, unsigned long subscriptionId)
 {
     Post(
-        [this, def, observer, handle, subscriptionId]
+        [this, def = def, observer = observer, handle, subscriptionId]
         {
             const DirectScopeLines lines("RemoveScope", def, *observer, handle);
             CompositeInstrumentSubscription* const subscription = FindSubscription(def);
@@ -167,7 +167,7 @@ void CompositeSubscriptionMgr::ChangeScopeImpl(const CompositeInstrumentDef& def
                                                unsigned long subscriptionId, bool generateSnapshot)
 {
     Post(
-        [this, def, observer, handle, info, subscriptionId, generateSnapshot]
+        [this, def = def, observer = observer, handle, info, subscriptionId, generateSnapshot]
         {
             const DirectScopeLines lines("ChangeScope", def, *observer, handle);
             CompositeInstrumentSubscription* const subscription = FindSubscription(def);

@@ -81,7 +81,8 @@ void CompositeSubscriptionMgr::SubscribeImpl(const CompositeInstrumentDef& def, 
                                              const std::shared_ptr<ICompositePriceObserver>& observer,
                                              unsigned long subscriptionId, unsigned long handle)
 {
-    Post([this, def, observer, handle, info, subscriptionId]
+    // Named anew, or they would be captured as constants, which a closure cannot move: it would be copied as a whole.
+    Post([this, def = def, observer = observer, handle, info, subscriptionId]
          { RunDirectSubscribe(def, observer, handle, info, subscriptionId); });
 }
 

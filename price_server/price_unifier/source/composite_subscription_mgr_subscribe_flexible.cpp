@@ -14,7 +14,7 @@ void CompositeSubscriptionMgr::Subscribe(const CompositeInstrumentDef& def, cons
                                          const std::shared_ptr<IFlexiblePriceObserver>& flexibleObserver,
                                          unsigned long subscriptionId)
 {
-    Post([&factory, def, info, flexibleObserver, subscriptionId, this]
+    Post([&factory, def = def, info, flexibleObserver = flexibleObserver, subscriptionId, this]
          { RunFlexibleSubscribe(factory, def, info, flexibleObserver, subscriptionId); });
 }
 

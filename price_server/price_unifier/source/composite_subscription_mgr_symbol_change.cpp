@@ -30,7 +30,8 @@ void WriteChange(std::ostream& text, const std::string& oldSymbol, const std::st
 
 void CompositeSubscriptionMgr::ChangeSymbol(short marketId, const std::string& oldSymbol, const std::string& newSymbol)
 {
-    Post([this, marketId, oldSymbol, newSymbol] { RunSymbolChange(marketId, oldSymbol, newSymbol); });
+    Post([this, marketId, oldSymbol = oldSymbol, newSymbol = newSymbol]
+         { RunSymbolChange(marketId, oldSymbol, newSymbol); });
 }
 
 void CompositeSubscriptionMgr::RunSymbolChange(short marketId, const std::string& oldSymbol,

@@ -113,7 +113,7 @@ ICompositePriceObserver* GetLocalObserverShimFromSynthetic(SyntheticPriceSubscri
 
 void CompositeSubscriptionMgr::OnSyntheticUnsubscribeComplete(unsigned long handle, const CompositeInstrumentDef& def)
 {
-    Post([this, handle, def] { RunSyntheticUnsubscribeComplete(handle, def); });
+    Post([this, handle, def = def] { RunSyntheticUnsubscribeComplete(handle, def); });
 }
 
 void CompositeSubscriptionMgr::RunSyntheticUnsubscribeComplete(unsigned long handle, const CompositeInstrumentDef& def)

@@ -13,7 +13,7 @@ void CompositeSubscriptionMgr::Unsubscribe(const CompositeInstrumentDef& def,
                                            const std::shared_ptr<IFlexiblePriceObserver>& flexibleObserver,
                                            unsigned long subscriptionId)
 {
-    Post([def, flexibleObserver, subscriptionId, this]
+    Post([def = def, flexibleObserver = flexibleObserver, subscriptionId, this]
          { RunFlexibleUnsubscribe(def, flexibleObserver, subscriptionId); });
 }
 
@@ -127,7 +127,7 @@ bool CompositeSubscriptionMgr::Unsubscribe(unsigned long handle)
                            });
         return false;
     }
-    const auto [def, observer] = std::move(entry->second);
+    auto [def, observer] = std::move(entry->second);
     m_subscriptionByHandle.erase(entry);
     const bool hadIdentity = m_handleByCompositeInstrumentID.erase(CompositeInstrumentID(def)) != 0;
 
@@ -149,15 +149,15 @@ bool CompositeSubscriptionMgr::Unsubscribe(unsigned long handle)
                                     << " - could not find the entry in m_handleByCompositeInstrumentID";
                            });
     }
-    UnsubscribeImpl(def, observer, handle);
+    UnsubscribeImpl(std::move(def), std::move(observer), handle);
     return true;
 }
 
-void CompositeSubscriptionMgr::UnsubscribeImpl(const CompositeInstrumentDef& def,
-                                               const std::shared_ptr<ICompositePriceObserver>& observer,
-                                               unsigned long handle)
+void CompositeSubscriptionMgr::UnsubscribeImpl(CompositeInstrumentDef def,
+                                               std::shared_ptr<ICompositePriceObserver> observer, unsigned long handle)
 {
-    Post([this, def, observer, handle] { RunDirectUnsubscribe(def, observer, handle); });
+    Post([this, def = std::move(def), observer = std::move(observer), handle]
+         { RunDirectUnsubscribe(def, observer, handle); });
 }
 
 void CompositeSubscriptionMgr::RunDirectUnsubscribe(const CompositeInstrumentDef& def,
@@ -195,7 +195,7 @@ void CompositeSubscriptionMgr::RunDirectUnsubscribe(const CompositeInstrumentDef
 void CompositeSubscriptionMgr::OnUnsubscribeCompositeSubscription(CompositeInstrumentSubscription* subscription,
                                                                   const CompositeInstrumentDef& def)
 {
-    Post([this, subscription, def] { RunTeardown(subscription, def); });
+    Post([this, subscription, def = def] { RunTeardown(subscription, def); });
 }
 
 void CompositeSubscriptionMgr::RunTeardown(CompositeInstrumentSubscription* subscription,

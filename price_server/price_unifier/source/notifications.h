@@ -21,7 +21,7 @@ void RaiseOnSubscribe(Subscription* subscription, const std::shared_ptr<IFlexibl
                       const CompositeSubscriptionState& state)
 {
     subscription->RunViaExecutor(
-        [observer, subscriptionId, def, result, format, component, state]
+        [observer = observer, subscriptionId, def = def, result, format = format, component, state = state]
         { observer->OnSubscribe(subscriptionId, def, EventInfo{}, result, 0, format, component, state); });
 }
 
@@ -31,7 +31,7 @@ void RaiseOnChangeScope(Subscription* subscription, const std::shared_ptr<IFlexi
                         unsigned long subscriptionId, const CompositeInstrumentDef& def,
                         ps_messages_ns::SubscriptionResult::Value result)
 {
-    subscription->RunViaExecutor([observer, subscriptionId, def, result]
+    subscription->RunViaExecutor([observer = observer, subscriptionId, def = def, result]
                                  { observer->OnChangeScope(subscriptionId, def, result); });
 }
 
@@ -42,7 +42,7 @@ void RaiseOnUnsubscribe(Subscription* subscription, const std::shared_ptr<IFlexi
                         ps_messages_ns::SubscriptionResult::Value result, CompositeComponentType::Type component,
                         const CompositeSubscriptionState& state)
 {
-    subscription->RunViaExecutor([observer, subscriptionId, def, result, component, state]
+    subscription->RunViaExecutor([observer = observer, subscriptionId, def = def, result, component, state = state]
                                  { observer->OnUnsubscribe(subscriptionId, def, result, component, state); });
 }
 

@@ -70,11 +70,11 @@ void PriceDelivery::OnAnswer(CompositeComponentType::Type type, SubscriptionResu
     component.lastSpoke = m_now();
     ArmMonitor();
     // A later answer, after a switch or a rename, is told only when it says something else.
-    if (component.toldResult != result || component.toldFormat != format)
+    const bool isNews = component.told != nullptr ? component.told->result != result || component.told->format != format
+                                                  : result != SubscriptionResult::None || format != PriceFormat{};
+    if (isNews)
     {
-        component.toldResult = result;
-        component.toldFormat = format;
-        component.toldState = state;
+        component.told.reset(new Answer{result, format, state});
         CallObserver(m_observer->GetName(),
                      [&] { m_observer->OnSubscribe(m_def, EventInfo{}, result, 0, format, type, state); });
         for (const auto& client : m_clients)
@@ -101,12 +101,11 @@ void PriceDelivery::TellAnswer(ClientScope& client, CompositeComponentType::Type
     {
         return;
     }
-    const Component& component = Get(type);
+    const Answer& told = *Get(type).told;
     CallObserver(client.observer->GetName(),
-                 [&]
-                 {
-                     client.observer->OnSubscribe(client.id, m_def, EventInfo{}, component.toldResult, 0,
-                                                  component.toldFormat, type, component.toldState);
+                 [&] {
+                     client.observer->OnSubscribe(client.id, m_def, EventInfo{}, told.result, 0, told.format, type,
+                                                  told.state);
                  });
 }
 
@@ -227,6 +226,7 @@ void PriceDelivery::ChangeClient(ClientScope& client, const CompositeSubscriptio
     client.info = info;
     client.pace.nextTime = {};
     client.pace.delivered.reset(); // the next book comes in any case, even if it shows the same
+    client.viewSequence = 0;
     DropUnusedViews();
     if (wasWaiting && client.isActive)
     {
@@ -239,6 +239,15 @@ void PriceDelivery::SetMergedScope(const CompositeSubscriptionInfo& scope)
     m_scope = scope;
     m_ownPace.isWaiting = false;
     m_ownPace.nextTime = {};
+    // What each client without an interval has had is known by its sequence only: find the books while they are there.
+    std::vector<std::shared_ptr<const MergedOrderBook>> delivered;
+    delivered.reserve(m_clients.size());
+    for (const auto& client : m_clients)
+    {
+        const bool hasInterval = client->info.conflationInterval_ms != 0;
+        const auto had = hasInterval ? client->pace.delivered : GetView(client->info.depth);
+        delivered.push_back(hasInterval || HasView(*client, had) ? had : nullptr);
+    }
     // What is seen at the whole depth comes without a view: an old one must not show up again when the depth grows.
     std::erase_if(m_views, [this](const DepthView& view) { return view.depth >= GetMergedLevels(); });
     if (m_current == nullptr)
@@ -252,13 +261,14 @@ void PriceDelivery::SetMergedScope(const CompositeSubscriptionInfo& scope)
         m_current = std::move(book);
         DeliverOwn();
     }
-    for (const auto& client : m_clients)
+    for (std::size_t i = 0; i < m_clients.size(); ++i)
     {
+        const std::shared_ptr<ClientScope> client = m_clients[i];
         const std::shared_ptr<const MergedOrderBook> view = GetView(client->info.depth);
-        std::shared_ptr<const MergedOrderBook>& delivered = client->pace.delivered;
-        if (delivered != nullptr && view->epoch == delivered->epoch && view->ShowsSameAs(*delivered))
+        const auto had = i < delivered.size() ? delivered[i] : nullptr;
+        if (had != nullptr && view->epoch == had->epoch && view->ShowsSameAs(*had))
         {
-            delivered = view; // sees what it saw before
+            NoteDelivered(*client, view); // sees what it saw before
         }
         else if (client->isActive)
         {
@@ -279,7 +289,7 @@ void PriceDelivery::GenerateSnapshot(std::uint32_t reason, ClientScope* client)
     if (client != nullptr)
     {
         Send(*client, snapshot);
-        client->pace.delivered = newest;
+        NoteDelivered(*client, newest);
     }
     else
     {

@@ -94,6 +94,13 @@ public:
     std::function<void(bool isStale)> onStaleChanged;
 
 private:
+    /// What the observers were told of a component.
+    struct Answer
+    {
+        ps_messages_ns::SubscriptionResult::Value result;
+        PriceFormat format;
+        CompositeSubscriptionState state;
+    };
     struct Component
     {
         bool isWanted = false;
@@ -105,9 +112,7 @@ private:
         std::uint64_t subscriptionEpoch = 0; ///< the subscription's, once the image is there
         Clock::time_point lastSpoke{};
         std::uint64_t lastReceiveTime_ns = 0;
-        ps_messages_ns::SubscriptionResult::Value toldResult = ps_messages_ns::SubscriptionResult::None;
-        PriceFormat toldFormat;
-        CompositeSubscriptionState toldState;
+        std::unique_ptr<const Answer> told; ///< null: nothing yet
     };
 
     /// The merged book as clients of one depth see it.
@@ -127,7 +132,10 @@ private:
     bool HoldsBackEmpty(const MergedOrderBook& book);
     void Deliver();
     void DeliverOwn();
+    void DeliverToClients();
     void DeliverTo(const std::shared_ptr<ClientScope>& client);
+    bool HasView(const ClientScope& client, const std::shared_ptr<const MergedOrderBook>& view) const noexcept;
+    void NoteDelivered(ClientScope& client, const std::shared_ptr<const MergedOrderBook>& view);
     /// True when the recipient has to wait for its interval: its timer is armed then, and runs `later`.
     bool MustWait(DeliveryPace& pace, unsigned interval_ms, std::function<void()> later);
     void NoteSent(DeliveryPace& pace, unsigned interval_ms, const std::shared_ptr<const MergedOrderBook>& book);

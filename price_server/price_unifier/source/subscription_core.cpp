@@ -47,14 +47,12 @@ SubscriptionCore::SubscriptionCore(const CompositeInstrumentDef& def,
     : m_def(def)
     , m_executor(std::move(executor))
     , m_timers(std::move(timers))
-    , m_state(def.components)
     , m_staleGauge(std::move(staleGauge))
     , m_delivery(
           m_def, observer, manager, scope, settings,
           [this](const char* name, std::function<void()> onExpiry) { return MakeTimer(name, std::move(onExpiry)); },
           [this] { return m_timers->Now(); })
 {
-    m_state.isLive = true;
     m_delivery.onStaleChanged = [this](bool isStale) { OnStaleChanged(isStale); };
 }
 
@@ -102,7 +100,21 @@ std::shared_ptr<AsyncTask> SubscriptionCore::MakeTimer(const char* name, std::fu
 CompositeSubscriptionState SubscriptionCore::GetState() const
 {
     const std::lock_guard lock(m_mutex);
-    return m_state;
+    return MakeState();
+}
+
+/// Under m_mutex.
+CompositeSubscriptionState SubscriptionCore::MakeState() const
+{
+    CompositeSubscriptionState state(m_def.components);
+    state.isStale = m_state.isStale;
+    state.provider = m_state.provider;
+    state.epoch = m_state.epoch;
+    if (m_state.epoch != 0)
+    {
+        state.symbol = m_state.isRenamed ? m_state.symbol : m_def.GetSymbol();
+    }
+    return state;
 }
 
 ComponentAnswers SubscriptionCore::GetAnswers() const
@@ -155,7 +167,8 @@ void SubscriptionCore::BeginEpoch(CompositeComponentType::Type component, Provid
         const std::lock_guard lock(m_mutex);
         epoch = ++m_state.epoch;
         m_state.provider = provider;
-        m_state.symbol = symbol;
+        m_state.isRenamed = symbol != m_def.GetSymbol();
+        m_state.symbol = m_state.isRenamed ? symbol : std::string();
     }
     Deliver([component, epoch](PriceDelivery& delivery) { delivery.ExpectImage(component, epoch); });
 }
@@ -180,20 +193,8 @@ void SubscriptionCore::OnAnswer(const std::atomic<bool>& isLive, CompositeCompon
         return;
     }
     m_answers[static_cast<std::size_t>(component)] = {result, format};
-    Deliver([component, result, format, state = m_state](PriceDelivery& delivery)
+    Deliver([component, result, format, state = MakeState()](PriceDelivery& delivery)
             { delivery.OnAnswer(component, result, format, state); });
-}
-
-void SubscriptionCore::Deliver(std::function<void(PriceDelivery&)> deliver)
-{
-    m_executor->Post(
-        [self = shared_from_this(), deliver = std::move(deliver)]
-        {
-            if (!self->m_isSilent.load())
-            {
-                deliver(self->m_delivery);
-            }
-        });
 }
 
 } // namespace ps_ns

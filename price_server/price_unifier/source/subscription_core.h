@@ -11,6 +11,8 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
+#include <utility>
 
 namespace ps_ns
 {
@@ -78,8 +80,20 @@ public:
     void OnAnswer(const std::atomic<bool>& isLive, CompositeComponentType::Type component,
                   ps_messages_ns::SubscriptionResult::Value result, const PriceFormat& format);
     void Exclude(std::atomic<bool>& isLive);
-    /// Runs `deliver` on the executor, unless the subscription is silent by then.
-    void Deliver(std::function<void(PriceDelivery&)> deliver);
+    /// Runs `deliver(PriceDelivery&)` on the executor, unless the subscription is silent by then. A template, so that
+    /// what is posted is one function object, with one allocation.
+    template <class Call>
+    void Deliver(Call deliver)
+    {
+        m_executor->Post(
+            [self = shared_from_this(), deliver = std::move(deliver)]
+            {
+                if (!self->m_isSilent.load())
+                {
+                    deliver(self->m_delivery);
+                }
+            });
+    }
     /// On the executor, with each book.
     void NoteSnapshot() noexcept
     {
@@ -88,6 +102,17 @@ public:
     }
 
 private:
+    /// What changes of the state; the definition says the rest.
+    struct ChangingState
+    {
+        bool isStale = false;
+        bool isRenamed = false; ///< `symbol` is not the definition's
+        ProviderType::Value provider = ProviderType::Zel;
+        std::uint64_t epoch = 0; ///< 0: no component has been subscribed
+        std::string symbol;
+    };
+
+    CompositeSubscriptionState MakeState() const;
     void OnStaleChanged(bool isStale);
     std::shared_ptr<AsyncTask> MakeTimer(const char* name, std::function<void()> onExpiry);
 
@@ -99,8 +124,8 @@ private:
     std::atomic<std::uint64_t> m_lastUpdateTime_ns{0};
 
     mutable std::mutex m_mutex;
-    ComponentAnswers m_answers;         ///< under m_mutex
-    CompositeSubscriptionState m_state; ///< under m_mutex
+    ComponentAnswers m_answers; ///< under m_mutex
+    ChangingState m_state;      ///< under m_mutex
 
     zel::metrics::Gauge m_staleGauge;
     unsigned m_staleComponents = 0; ///< executor only, and the destructor

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <random>
@@ -206,6 +207,49 @@ TEST(BookMerger, EqualsAMapBookOnRandomUpdates)
             { return std::vector<MergedOrderBook::Level>(side.GetLevels().begin(), side.GetLevels().end()); };
             ASSERT_EQ(toVector(book.bids), reference.Merge(kBid, depth)) << "seed " << seed << " step " << step;
             ASSERT_EQ(toVector(book.asks), reference.Merge(kAsk, depth)) << "seed " << seed << " step " << step;
+        }
+    }
+}
+
+TEST(BookMerger, EqualsAMapBookWhenLevelsComeAndGoDeepInLargeBooks)
+{
+    const unsigned seed = 20261121;
+    std::mt19937 random(seed);
+    const auto below = [&](unsigned bound) { return std::uniform_int_distribution<unsigned>(0, bound - 1)(random); };
+    constexpr unsigned kPrices = 3000;
+    BookMerger merger;
+    ReferenceMerger reference;
+    for (int step = 0; step < 400; ++step)
+    {
+        BookUpdate update;
+        update.isImage = step % 150 == 0;
+        // By turns the books fill, stay as they are, and empty.
+        const unsigned removed = step % 90 < 30 ? 1 : step % 90 < 60 ? 3 : 6;
+        for (unsigned i = 0; i < (update.isImage ? 2000 : 300); ++i)
+        {
+            const bool isRemoval = below(7) < removed;
+            update.changes.push_back({static_cast<std::int64_t>(below(kPrices)),
+                                      isRemoval ? 0 : static_cast<std::int64_t>(1 + below(100)), below(5),
+                                      below(2) == 0 ? kBid : kAsk});
+        }
+        const auto component = step % 3 == 0 ? kImplied : kDirect;
+        merger.Apply(component, update);
+        reference.Apply(component, update);
+
+        const std::uint32_t depth = step % 10 == 0 ? kPrices : 10;
+        MergedOrderBook book(depth, depth);
+        merger.Merge(book);
+        const auto toVector = [](const auto& side)
+        { return std::vector<MergedOrderBook::Level>(side.GetLevels().begin(), side.GetLevels().end()); };
+        ASSERT_EQ(toVector(book.bids), reference.Merge(kBid, depth)) << "seed " << seed << " step " << step;
+        ASSERT_EQ(toVector(book.asks), reference.Merge(kAsk, depth)) << "seed " << seed << " step " << step;
+        for (const ComponentBook::Side* side :
+             {&merger.GetComponent(component).GetBids(), &merger.GetComponent(component).GetAsks()})
+        {
+            const auto holes = std::count_if(side->levels.begin(), side->levels.end(),
+                                             [](const OrderBook::Level& level) { return level.quantity == 0; });
+            ASSERT_EQ(static_cast<std::size_t>(holes), side->holes);
+            ASSERT_LE(2 * side->holes, side->levels.size() + 2);
         }
     }
 }

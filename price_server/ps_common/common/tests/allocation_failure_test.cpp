@@ -11,10 +11,14 @@ using namespace ps_ns;
 using namespace ps_ns::test;
 
 // A program of its own: it replaces the allocation of over-aligned objects, which of all that the queue allocates are
-// its nodes alone, and gives the elements and the tasks of these tests an allocation of their own.
+// its nodes alone, and gives the elements and the tasks of these tests an allocation of their own. Blocks are not
+// recycled in it: an allocation that fails is one that reaches the heap.
 
 namespace
 {
+
+/// Before the first block is allocated.
+[[maybe_unused]] const bool kIsOff = setenv("PS_RECYCLE_BLOCKS", "0", 1) == 0;
 
 enum class Fails
 {

@@ -1,7 +1,11 @@
 #pragma once
 
+#include "common/block_pool.h"
+
+#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <new>
 
 namespace ps_ns
 {
@@ -10,7 +14,7 @@ namespace ps_ns
 ///
 /// Ownership: a task is made with new and belongs to the queue from the moment it is inserted. The queue's reader runs
 /// execute() and then disposes of it; a queue that is shut down disposes of it at once. Disposing means: dispose() when
-/// m_disposer is set, otherwise delete.
+/// m_disposer is set, otherwise delete. Tasks of up to 128 bytes take their memory from the block pool (block_pool.h).
 class Task
 {
 public:
@@ -29,6 +33,14 @@ public:
     virtual void execute() = 0;
 
     virtual ~Task() = default;
+
+    static void* operator new(std::size_t size) { return BlockPool::Allocate(size); }
+    static void* operator new(std::size_t size, std::align_val_t alignment) { return ::operator new(size, alignment); }
+    static void operator delete(void* task, std::size_t size) noexcept { BlockPool::Free(task, size); }
+    static void operator delete(void* task, std::size_t, std::align_val_t alignment) noexcept
+    {
+        ::operator delete(task, alignment);
+    }
 
     Task(const Task&) = delete;
     Task& operator=(const Task&) = delete;

@@ -116,25 +116,28 @@ void DataQueue<Element>::refuse(Task* task)
 template <class Element>
 Task* DataQueue<Element>::take()
 {
-    while (m_consumerLock.value.exchange(true))
+    while (m_consumerLock.value.exchange(true, std::memory_order_acquire))
     {
     }
     Node* const dummy = m_head.value;
     Node* const first = dummy->next.load();
     if (first == nullptr)
     {
-        m_consumerLock.value.store(false);
+        m_consumerLock.value.store(false, std::memory_order_release);
         return nullptr;
     }
-    // The first node becomes the new dummy, once its value is out.
-    const std::unique_ptr<Element> element(std::exchange(first->value, nullptr));
+    // The first node becomes the new dummy. Its value is out then, but still written there: it is not wiped, because
+    // the node's line may be on its way to the producer.
+    const std::unique_ptr<const Element> element(first->value);
+    Task* const task = element->task;
+    __builtin_prefetch(task); // its producer has it; the counters' lines come meanwhile
     m_head.value = first;
-    m_consumerLock.value.store(false);
+    m_consumerLock.value.store(false, std::memory_order_release);
 
     m_size.fetch_sub(1);
     --m_depthGauge;
     delete dummy;
-    return element->task;
+    return task;
 }
 
 } // namespace ps_ns

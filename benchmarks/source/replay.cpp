@@ -1,0 +1,178 @@
+#include "clocks.h"
+#include "comparison.h"
+#include "composite_price/default_composite_price_factory.h"
+#include "config/config.h"
+#include "keep.h"
+#include "mds/mds_provider.h"
+#include "mds/recording_reader.h"
+#include "mds/recording_scan.h"
+#include "mds/replay_source.h"
+#include "price_unifier/source/composite_subscription_mgr.h"
+#include "quiet_observers.h"
+#include "simple_subscription/simple_subscription_mgr.h"
+#include "testing/hand_driven_executors.h"
+#include "testing/hand_driven_queue.h"
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+namespace compare
+{
+namespace
+{
+
+using namespace ps_ns;
+
+std::vector<std::string> ThreeSegments()
+{
+    const std::string folder = std::string(PRICE_SERVER_DATA) + "/three_segments/";
+    return {folder + "spot.csv.zst", folder + "usdm.csv.zst", folder + "coinm.csv.zst"};
+}
+
+/// Recorded files in, one merged book of ten levels to one observer for each venue message.
+Figures Replay(const RecordingScan& scan)
+{
+    ps_ns::testing::HandDrivenQueue queue;
+    const auto executors = std::make_shared<ps_ns::testing::HandDrivenExecutors>();
+    MdsOptions options;
+    options.isHandDriven = true;
+    const auto provider = std::make_shared<MdsProvider>(
+        std::make_unique<ReplaySource>(ReplayOptions{ThreeSegments()}, MakeMarketTable(scan)), options);
+    SimpleSubscriptionMgr simple(MakeMarketTable(scan), executors, std::make_shared<AsyncDispatcher>("compare"));
+    simple.AddProvider(provider);
+    provider->Start();
+    auto manager = std::make_unique<CompositeSubscriptionMgr>(&simple);
+    manager->UnitTestInit(Config::LoadText("<PriceServer/>", "compare"), &queue.Get(),
+                          std::make_shared<DefaultCompositePriceFactory>());
+    const auto observer = std::make_shared<QuietObserver>();
+    for (const DirectoryEntry& entry : provider->GetDirectory().GetEntries())
+    {
+        CompositeInstrumentDef def;
+        def.marketId = entry.submarket.marketId;
+        def.instrument = {entry.symbol, entry.exchange};
+        def.instrumentId = std::hash<std::string>()(entry.symbol) + static_cast<std::uint64_t>(def.marketId);
+        manager->Subscribe(def, {10, 0, false, false}, observer, 1);
+    }
+    queue.RunAll();
+    const double time_ns = MeasureCpu_ns(
+        [&]
+        {
+            while (provider->Step())
+            {
+                executors->RunAll();
+            }
+        });
+    if (observer->books == 0)
+    {
+        throw std::runtime_error("the replay has delivered nothing");
+    }
+    provider->Stop();
+    executors->Stop();
+    manager.reset();
+    return {{"a row, ns", time_ns / static_cast<double>(scan.rows)}};
+}
+
+/// A book in two maps.
+struct MapBook
+{
+    std::map<std::int64_t, std::int64_t, std::greater<>> bids;
+    std::map<std::int64_t, std::int64_t> asks;
+    bool inImage = false;
+
+    void Apply(const RecordingRow& row)
+    {
+        if (row.event == RowEvent::Snap && !inImage)
+        {
+            bids.clear();
+            asks.clear();
+            inImage = true;
+        }
+        const auto apply = [&](auto& levels)
+        {
+            if (row.quantity == 0)
+            {
+                levels.erase(row.price);
+            }
+            else
+            {
+                levels[row.price] = row.quantity;
+            }
+        };
+        row.side == 'B' ? apply(bids) : apply(asks);
+    }
+};
+
+using Top = std::vector<std::pair<std::int64_t, std::int64_t>>;
+
+template <class Levels>
+void CopyTen(const Levels& levels, Top& top)
+{
+    std::size_t count = 0;
+    for (auto level = levels.begin(); level != levels.end() && count < 10; ++level, ++count)
+    {
+        top.emplace_back(*level);
+    }
+}
+
+/// The same files through the same reader into maps, and the first ten levels copied out after each message: no late
+/// subscriber could be served, nothing is merged, nothing goes to another thread, and the observer is the loop itself.
+Figures ReplayIntoMaps(const RecordingScan& scan)
+{
+    std::uint64_t messages = 0;
+    const double time_ns = MeasureCpu_ns(
+        [&]
+        {
+            std::map<std::string, MapBook, std::less<>> books;
+            Top top;
+            for (const std::string& file : ThreeSegments())
+            {
+                ProblemLog problems(file, LogProblems());
+                RecordingReader reader(file, problems);
+                RecordingRow row;
+                while (reader.Next(row))
+                {
+                    if (row.event == RowEvent::Trade)
+                    {
+                        continue;
+                    }
+                    const auto found = books.find(row.instrument);
+                    MapBook& book = found != books.end() ? found->second : books[std::string(row.instrument)];
+                    book.Apply(row);
+                    if (row.isLast)
+                    {
+                        book.inImage = false;
+                        top.clear();
+                        CopyTen(book.bids, top);
+                        CopyTen(book.asks, top);
+                        Keep(top);
+                        ++messages;
+                    }
+                }
+            }
+        });
+    Keep(messages);
+    return {{"a row, ns", time_ns / static_cast<double>(scan.rows)}};
+}
+
+} // namespace
+
+void CompareReplay(Runner& runner)
+{
+    const std::string name = "three segments to merged books of ten levels, one observer";
+    if (!runner.IsWanted("replay", name))
+    {
+        return;
+    }
+    const std::atomic<bool> stop{false};
+    const RecordingScan scan = ScanRecordings(ThreeSegments(), LogProblems(), stop);
+    runner.Run({"replay",
+                name,
+                {{"MdsProvider to observer", [&scan] { return Replay(scan); }},
+                 {"std::map book", [&scan] { return ReplayIntoMaps(scan); }}}});
+}
+
+} // namespace compare
