@@ -36,6 +36,12 @@ bool BookClient::Shows(const LevelBook& book) const
            IsSame(m_book->asks, book.GetSide(BookSideType::Ask));
 }
 
+bool BookClient::IsStale() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_book != nullptr && !m_book->staleComponents.empty();
+}
+
 std::string BookClient::Describe(const LevelBook& book) const
 {
     const std::lock_guard lock(m_mutex);

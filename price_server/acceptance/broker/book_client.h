@@ -30,6 +30,8 @@ public:
     /// For messages of a failure.
     std::string Describe(const LevelBook& book) const;
     std::uint64_t GetBookCount() const noexcept { return m_books.load(); }
+    /// The newest book says that it may be out of date.
+    bool IsStale() const;
     /// Books that went back in epoch or sequence.
     std::uint64_t GetFaults() const noexcept { return m_faults.load(); }
     /// Failed answers.

@@ -32,6 +32,7 @@ public:
         {
             m_chain.flow.WaitForMessages(Draw(500));
             m_chain.broker.Kill();
+            CheckAllAre(true, "kill " + std::to_string(i + 1));
             std::this_thread::sleep_for(milliseconds(Draw(300)));
             m_chain.broker.Start();
             Recover("kill " + std::to_string(i + 1), m_kills);
@@ -57,12 +58,30 @@ private:
         return static_cast<std::uint64_t>(m_random.Below(std::max<std::int64_t>(below, 1)));
     }
 
+    /// Every client's newest book says that it is stale, or that it is not, within the time of a recovery.
+    void CheckAllAre(bool stale, const std::string& what)
+    {
+        const auto deadline = Clock::now() + m_options.recovery;
+        const auto isAsWanted = [&](const std::shared_ptr<BookClient>& client) { return client->IsStale() == stale; };
+        bool areAll = false;
+        while (!(areAll = std::all_of(m_chain.clients.begin(), m_chain.clients.end(), isAsWanted)) &&
+               Clock::now() < deadline)
+        {
+            std::this_thread::sleep_for(milliseconds(1));
+        }
+        if (!areAll)
+        {
+            m_verdict.Fail(what + ": a book is " + (stale ? "not stale in time" : "still stale"));
+        }
+    }
+
     /// The broker listens, or goes on, just now.
     void Recover(const std::string& what, std::vector<double>& times_ms)
     {
         const auto begin = Clock::now();
         std::this_thread::sleep_for(milliseconds(Draw(200))); // under flow
         Check(what, begin + kPatience);
+        CheckAllAre(false, what);
         times_ms.push_back(std::chrono::duration<double, std::milli>(Clock::now() - begin).count());
         if (times_ms.back() > static_cast<double>(m_options.recovery.count()))
         {

@@ -71,6 +71,12 @@ void ComponentLink::OnCustomFields(std::shared_ptr<const CustomFields> fields)
                   { delivery.OnCustomFields(link.m_component, fields); });
 }
 
+void ComponentLink::OnStale(bool isStale)
+{
+    DeliverIfLive([isStale](ComponentLink& link, PriceDelivery& delivery)
+                  { delivery.OnStale(link.m_component, isStale); });
+}
+
 void ComponentLink::OnUnsubscribed(bool ok)
 {
     if (m_owesAnswer.exchange(false))

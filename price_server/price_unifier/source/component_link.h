@@ -32,6 +32,7 @@ public:
     void OnBook(std::shared_ptr<const BookUpdate> update) override;
     void OnTrades(std::shared_ptr<const std::vector<Trade>> trades) override;
     void OnCustomFields(std::shared_ptr<const CustomFields> fields) override;
+    void OnStale(bool isStale) override;
     void OnUnsubscribed(bool ok) override;
 
 private:

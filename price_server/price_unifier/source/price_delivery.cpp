@@ -129,6 +129,7 @@ void PriceDelivery::ExpectImage(CompositeComponentType::Type type, std::uint64_t
     Component& component = Get(type);
     component.expectsImage = true;
     component.subscriptionEpoch = subscriptionEpoch;
+    SetStale(component, component.hasLostFeed, false); // of the provider or symbol that it had
 }
 
 void PriceDelivery::OnBook(CompositeComponentType::Type type, const BookUpdate& update)
@@ -302,25 +303,49 @@ void PriceDelivery::GenerateSnapshot(std::uint32_t reason, ClientScope* client)
 
 void PriceDelivery::NoteSpoken(Component& component, std::uint64_t receiveTime_ns)
 {
+    component.lastReceiveTime_ns = receiveTime_ns;
     if (m_settings.monitoringInterval_sec == 0)
     {
         return;
     }
     component.lastSpoke = m_now();
-    component.lastReceiveTime_ns = receiveTime_ns;
-    NoteFresh(component);
+    SetStale(component, component.isSilent, false);
 }
 
+/// It is gone, or begins anew.
 void PriceDelivery::NoteFresh(Component& component)
 {
-    if (!std::exchange(component.isStale, false))
+    SetStale(component, component.isSilent, false);
+    SetStale(component, component.hasLostFeed, false);
+}
+
+void PriceDelivery::SetStale(Component& component, bool& reason, bool isStale)
+{
+    const bool wasStale = component.IsStale();
+    reason = isStale;
+    if (wasStale == component.IsStale())
     {
         return;
     }
-    onStaleChanged(false);
-    zel::logging::Log(10, LogSource(),
-                      [&](std::ostream& text)
-                      { text << m_def.ToString() << " is fresh: a component speaks again, or is gone"; });
+    onStaleChanged(component.IsStale());
+    if (wasStale)
+    {
+        zel::logging::Log(10, LogSource(),
+                          [&](std::ostream& text)
+                          { text << m_def.ToString() << " is fresh: a component speaks again, or is gone"; });
+    }
+}
+
+void PriceDelivery::OnStale(CompositeComponentType::Type type, bool isStale)
+{
+    Component& component = Get(type);
+    const bool wasStale = component.IsStale();
+    SetStale(component, component.hasLostFeed, isStale);
+    // That it is fresh shows in the image that comes next; until then the book is what it was.
+    if (!wasStale && component.IsStale() && m_current != nullptr)
+    {
+        Publish();
+    }
 }
 
 void PriceDelivery::ArmMonitor()
@@ -341,11 +366,10 @@ void PriceDelivery::OnMonitor()
     for (const auto type : kComponentTypes)
     {
         Component& component = Get(type);
-        if (component.isAnswered && !component.isStale && now - component.lastSpoke >= interval)
+        if (component.isAnswered && !component.IsStale() && now - component.lastSpoke >= interval)
         {
-            component.isStale = true;
             hasChanged = true;
-            onStaleChanged(true);
+            SetStale(component, component.isSilent, true);
             zel::logging::Log(20, LogSource(),
                               [&](std::ostream& text)
                               {

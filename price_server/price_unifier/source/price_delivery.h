@@ -80,6 +80,10 @@ public:
     void OnTrades(CompositeComponentType::Type component, const std::shared_ptr<const std::vector<Trade>>& trades);
     void OnCustomFields(CompositeComponentType::Type component, const std::shared_ptr<const CustomFields>& fields);
 
+    /// The component's provider has lost its feed: what is shown may be out of date, whatever trades still come. Or has
+    /// it again: the image that comes next is good.
+    void OnStale(CompositeComponentType::Type component, bool isStale);
+
     /// The component is subscribed anew (another provider, another symbol): its book stays until the new image replaces
     /// it, and only an image can come first. `subscriptionEpoch` is what merged books carry from that image on.
     void ExpectImage(CompositeComponentType::Type component, std::uint64_t subscriptionEpoch);
@@ -107,7 +111,9 @@ private:
         bool isAnswered = false; ///< with success
         bool hasImage = false;
         bool expectsImage = true;
-        bool isStale = false;
+        bool isSilent = false;    ///< for longer than the monitoring interval
+        bool hasLostFeed = false; ///< as its provider says
+        bool IsStale() const noexcept { return isSilent || hasLostFeed; }
         std::uint64_t epoch = 0;             ///< the provider's
         std::uint64_t subscriptionEpoch = 0; ///< the subscription's, once the image is there
         Clock::time_point lastSpoke{};
@@ -150,6 +156,8 @@ private:
 
     void NoteSpoken(Component& component, std::uint64_t receiveTime_ns);
     void NoteFresh(Component& component);
+    /// Notes either reason to be stale, and tells when the component has become stale or fresh by it.
+    void SetStale(Component& component, bool& reason, bool isStale);
     void ArmMonitor();
     void OnMonitor();
     /// Calls an observer; what it throws is logged, so that those behind it are served.

@@ -39,7 +39,7 @@ std::shared_ptr<MergedOrderBook> PriceDelivery::MergeBook() const
         {
             book->missingComponents.insert(type);
         }
-        if (component.isStale)
+        if (component.IsStale())
         {
             book->staleComponents.emplace(type, component.lastReceiveTime_ns);
         }
