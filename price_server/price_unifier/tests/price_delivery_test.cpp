@@ -291,6 +291,56 @@ TEST_F(PriceDeliveryTest, ReportsASilentComponentAsStaleAndFreshWhenItSpeaksAgai
     EXPECT_NE(exported().find("subscriptions_stale 0"), std::string::npos);
 }
 
+TEST_F(PriceDeliveryTest, ShowsAtOnceThatAFeedIsLostAndThatItIsThereAgainWithTheImage)
+{
+    Start();
+    bench->zel->SendImage("X", {{kBid, "10", "2"}});
+    bench->zel->SendImage("IM_X", {});
+    bench->Run();
+    bench->events.Clear();
+    bench->zel->SendStale("X", true);
+    EXPECT_EQ(Delivered(), Events{"A.OnOrderBook X 10x2+0 |  @executor"});
+    EXPECT_EQ(observer->books.back()->staleComponents.count(CompositeComponentType::Direct), 1U);
+    EXPECT_EQ(observer->books.back()->staleComponents.size(), 1U);
+    EXPECT_TRUE(Live().GetState().isStale);
+
+    bench->zel->SendStale("X", false);
+    EXPECT_EQ(Delivered(), Events{LogLine(10, def.ToString() + " is fresh: a component speaks again, or is gone")});
+    EXPECT_EQ(observer->books.back()->staleComponents.size(), 1U) << "the book is what it was until the image comes";
+    bench->zel->SendImage("X", {{kBid, "11", "1"}});
+    EXPECT_EQ(Delivered(), Events{"A.OnOrderBook X 11x1+0 |  @executor"});
+    EXPECT_TRUE(observer->books.back()->staleComponents.empty());
+    EXPECT_FALSE(Live().GetState().isStale);
+}
+
+TEST_F(PriceDeliveryTest, StaysStaleWhateverAProviderSaysWithoutItsFeed)
+{
+    Start();
+    bench->zel->SendImage("X", {{kBid, "10", "2"}});
+    bench->zel->SendStale("X", true);
+    bench->zel->SendTrade("X", "10", "1");
+    bench->zel->SendChange("X", {{kBid, "10", "3"}});
+    bench->Run();
+    EXPECT_EQ(observer->books.back()->staleComponents.count(CompositeComponentType::Direct), 1U);
+    EXPECT_TRUE(Live().GetState().isStale);
+}
+
+TEST_F(PriceDeliveryTest, ForgetsALostFeedWhenAnotherProviderIsToServe)
+{
+    Start();
+    bench->zel->SendImage("X", {{kBid, "10", "2"}});
+    bench->zel->SendStale("X", true);
+    bench->Run();
+    ManagerBench::List(*bench->mds, def);
+    Live().SwitchProvider(CompositeComponentType::Direct, ProviderType::Mds);
+    bench->Run();
+    bench->mds->Answer("X");
+    bench->mds->SendImage("X", {{kBid, "12", "1"}});
+    bench->Run();
+    EXPECT_EQ(observer->books.back()->staleComponents.count(CompositeComponentType::Direct), 0U);
+    EXPECT_FALSE(Live().GetState().isStale);
+}
+
 TEST_F(PriceDeliveryTest, CountsAndTimesItsCallbacks)
 {
     Start();

@@ -105,6 +105,14 @@ void ScriptedProvider::SendCustomFields(const std::string& symbol)
     }
 }
 
+void ScriptedProvider::SendStale(const std::string& symbol, bool isStale)
+{
+    for (const auto& listener : GetListeners(symbol))
+    {
+        listener->OnStale(isStale);
+    }
+}
+
 bool ScriptedProvider::AnswerUnsubscribe(const std::string& symbol, bool ok)
 {
     const auto found = std::find_if(m_unsubscribing.begin(), m_unsubscribing.end(),

@@ -57,6 +57,8 @@ public:
     void SendChange(const std::string& symbol, const std::vector<Level>& levels);
     void SendTrade(const std::string& symbol, const char* price, const char* quantity);
     void SendCustomFields(const std::string& symbol);
+    /// The feed is lost, or there again.
+    void SendStale(const std::string& symbol, bool isStale);
     /// Starts over: the next image opens a new epoch.
     void NextEpoch() noexcept { ++m_epoch; }
     /// Answers the oldest unsubscribe of a symbol that waits; false when none does.
