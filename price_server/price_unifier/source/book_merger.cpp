@@ -24,10 +24,13 @@ void RemoveLevel(Side& side, Place at)
     if (side.levels.end() - at <= kNear)
     {
         side.levels.erase(at);
-        return;
     }
-    at->quantity = 0;
-    if (2 * ++side.holes > side.levels.size())
+    else
+    {
+        at->quantity = 0;
+        ++side.holes;
+    }
+    if (2 * side.holes > side.levels.size())
     {
         std::erase_if(side.levels, [](const OrderBook::Level& level) { return level.quantity == 0; });
         side.holes = 0;

@@ -300,7 +300,7 @@ private:
     void RunFlexibleUnsubscribe(const CompositeInstrumentDef& def,
                                 const std::shared_ptr<IFlexiblePriceObserver>& flexibleObserver,
                                 unsigned long subscriptionId);
-    void UnsubscribeImpl(CompositeInstrumentDef def, std::shared_ptr<ICompositePriceObserver> observer,
+    void UnsubscribeImpl(const CompositeInstrumentDef& def, const std::shared_ptr<ICompositePriceObserver>& observer,
                          unsigned long handle);
     void RunDirectUnsubscribe(const CompositeInstrumentDef& def,
                               const std::shared_ptr<ICompositePriceObserver>& observer, unsigned long handle);

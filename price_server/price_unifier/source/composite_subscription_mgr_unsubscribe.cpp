@@ -149,15 +149,16 @@ bool CompositeSubscriptionMgr::Unsubscribe(unsigned long handle)
                                     << " - could not find the entry in m_handleByCompositeInstrumentID";
                            });
     }
-    UnsubscribeImpl(std::move(def), std::move(observer), handle);
+    UnsubscribeImpl(def, observer, handle);
     return true;
 }
 
-void CompositeSubscriptionMgr::UnsubscribeImpl(CompositeInstrumentDef def,
-                                               std::shared_ptr<ICompositePriceObserver> observer, unsigned long handle)
+void CompositeSubscriptionMgr::UnsubscribeImpl(const CompositeInstrumentDef& def,
+                                               const std::shared_ptr<ICompositePriceObserver>& observer,
+                                               unsigned long handle)
 {
-    Post([this, def = std::move(def), observer = std::move(observer), handle]
-         { RunDirectUnsubscribe(def, observer, handle); });
+    // Named anew: a copy of a const reference could not be moved on.
+    Post([this, def = def, observer = observer, handle] { RunDirectUnsubscribe(def, observer, handle); });
 }
 
 void CompositeSubscriptionMgr::RunDirectUnsubscribe(const CompositeInstrumentDef& def,

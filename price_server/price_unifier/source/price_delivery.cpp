@@ -129,7 +129,6 @@ void PriceDelivery::ExpectImage(CompositeComponentType::Type type, std::uint64_t
     Component& component = Get(type);
     component.expectsImage = true;
     component.subscriptionEpoch = subscriptionEpoch;
-    SetStale(component, component.hasLostFeed, false); // of the provider or symbol that it had
 }
 
 void PriceDelivery::OnBook(CompositeComponentType::Type type, const BookUpdate& update)
@@ -139,6 +138,10 @@ void PriceDelivery::OnBook(CompositeComponentType::Type type, const BookUpdate& 
     if (!update.isImage && (component.expectsImage || component.epoch != update.epoch))
     {
         return; // nothing to apply it to: the image is still under way
+    }
+    if (update.isImage)
+    {
+        SetStale(component, component.hasLostFeed, false);
     }
     component.expectsImage = false;
     component.hasImage = true;
@@ -152,7 +155,8 @@ void PriceDelivery::OnBook(CompositeComponentType::Type type, const BookUpdate& 
 
 void PriceDelivery::OnTrades(CompositeComponentType::Type type, const std::shared_ptr<const std::vector<Trade>>& trades)
 {
-    NoteSpoken(Get(type), trades->empty() ? 0 : trades->back().receiveTime_ns);
+    Component& component = Get(type);
+    NoteSpoken(component, trades->empty() ? component.lastReceiveTime_ns : trades->back().receiveTime_ns);
     if (type == CompositeComponentType::Direct && !trades->empty())
     {
         m_lastTradePrice = static_cast<double>(trades->back().price) / static_cast<double>(kPriceUnitsPerOne);
@@ -303,7 +307,10 @@ void PriceDelivery::GenerateSnapshot(std::uint32_t reason, ClientScope* client)
 
 void PriceDelivery::NoteSpoken(Component& component, std::uint64_t receiveTime_ns)
 {
-    component.lastReceiveTime_ns = receiveTime_ns;
+    if (!component.hasLostFeed)
+    {
+        component.lastReceiveTime_ns = receiveTime_ns; // what is stale is so since it last was not
+    }
     if (m_settings.monitoringInterval_sec == 0)
     {
         return;
@@ -339,10 +346,13 @@ void PriceDelivery::SetStale(Component& component, bool& reason, bool isStale)
 void PriceDelivery::OnStale(CompositeComponentType::Type type, bool isStale)
 {
     Component& component = Get(type);
+    if (!isStale || !component.hasImage)
+    {
+        return; // it is fresh with the image that comes next; and what shows nothing yet is missing, not out of date
+    }
     const bool wasStale = component.IsStale();
-    SetStale(component, component.hasLostFeed, isStale);
-    // That it is fresh shows in the image that comes next; until then the book is what it was.
-    if (!wasStale && component.IsStale() && m_current != nullptr)
+    SetStale(component, component.hasLostFeed, true);
+    if (!wasStale && m_current != nullptr)
     {
         Publish();
     }

@@ -80,8 +80,8 @@ public:
     void OnTrades(CompositeComponentType::Type component, const std::shared_ptr<const std::vector<Trade>>& trades);
     void OnCustomFields(CompositeComponentType::Type component, const std::shared_ptr<const CustomFields>& fields);
 
-    /// The component's provider has lost its feed: what is shown may be out of date, whatever trades still come. Or has
-    /// it again: the image that comes next is good.
+    /// The component's provider has lost its feed: what is shown is out of date from now until the next image, whoever
+    /// brings that. That the feed is there again changes nothing by itself.
     void OnStale(CompositeComponentType::Type component, bool isStale);
 
     /// The component is subscribed anew (another provider, another symbol): its book stays until the new image replaces

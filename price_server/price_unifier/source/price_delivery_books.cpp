@@ -158,7 +158,7 @@ private:
 } // namespace
 
 /// The loop that every update of every instrument goes through: what most clients want, every change of the same view,
-/// takes no look-up, no counted reference and no clock of its own.
+/// takes no look-up and no counted reference of its own, and one look at the clock.
 void PriceDelivery::DeliverToClients()
 {
     if (m_clients.empty())
@@ -168,7 +168,6 @@ void PriceDelivery::DeliverToClients()
     CallbackTimer timer(*m_manager, m_counts);
     std::int32_t depth = 0;
     std::shared_ptr<const MergedOrderBook> view; // held: a callback must not lose its book to what it sets off
-    // By index: a callback that has the executor run on would otherwise pull the ground away.
     for (std::size_t i = 0; i < m_clients.size(); ++i)
     {
         ClientScope& client = *m_clients[i];
@@ -180,6 +179,7 @@ void PriceDelivery::DeliverToClients()
         {
             depth = client.info.depth;
             view = GetView(depth);
+            timer.Restart();
         }
         if (client.viewSequence == view->sequence)
         {
@@ -360,7 +360,6 @@ const std::shared_ptr<const MergedOrderBook>& PriceDelivery::GetView(std::int32_
     }
     if (view->source != m_current)
     {
-        view->source = m_current;
         std::shared_ptr<const MergedOrderBook> cut = m_current->Cut(levels);
         const bool isSame = m_settings.skipUnchangedSnapshots && view->book != nullptr &&
                             cut->epoch == view->book->epoch && cut->ShowsSameAs(*view->book);
@@ -368,6 +367,7 @@ const std::shared_ptr<const MergedOrderBook>& PriceDelivery::GetView(std::int32_
         {
             view->book = std::move(cut);
         }
+        view->source = m_current;
     }
     return view->book;
 }

@@ -211,6 +211,37 @@ TEST(BookMerger, EqualsAMapBookOnRandomUpdates)
     }
 }
 
+TEST(BookMerger, KeepsNoMoreHolesThanLevelsWhenTheTopGoesToo)
+{
+    constexpr std::int64_t kLevels = 200;
+    BookMerger merger;
+    BookUpdate image;
+    image.isImage = true;
+    for (std::int64_t price = 1; price <= kLevels; ++price)
+    {
+        image.changes.push_back({price, 1, 0, kBid});
+    }
+    merger.Apply(kDirect, image);
+    const ComponentBook::Side& side = merger.GetComponent(kDirect).GetBids();
+    const auto remove = [&](std::int64_t price)
+    {
+        BookUpdate update;
+        update.changes = {{price, 0, 0, kBid}};
+        merger.Apply(kDirect, update);
+        ASSERT_LE(2 * side.holes, side.levels.size()) << price;
+    };
+    for (std::int64_t price = 1; price <= kLevels / 2; ++price) // from the bottom: holes
+    {
+        remove(price);
+    }
+    for (std::int64_t price = kLevels; price > kLevels / 2; --price) // from the top
+    {
+        remove(price);
+    }
+    EXPECT_TRUE(side.levels.empty());
+    EXPECT_EQ(side.holes, 0U);
+}
+
 TEST(BookMerger, EqualsAMapBookWhenLevelsComeAndGoDeepInLargeBooks)
 {
     const unsigned seed = 20261121;
@@ -249,7 +280,7 @@ TEST(BookMerger, EqualsAMapBookWhenLevelsComeAndGoDeepInLargeBooks)
             const auto holes = std::count_if(side->levels.begin(), side->levels.end(),
                                              [](const OrderBook::Level& level) { return level.quantity == 0; });
             ASSERT_EQ(static_cast<std::size_t>(holes), side->holes);
-            ASSERT_LE(2 * side->holes, side->levels.size() + 2);
+            ASSERT_LE(2 * side->holes, side->levels.size());
         }
     }
 }

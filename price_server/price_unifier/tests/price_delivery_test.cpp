@@ -305,10 +305,14 @@ TEST_F(PriceDeliveryTest, ShowsAtOnceThatAFeedIsLostAndThatItIsThereAgainWithThe
     EXPECT_TRUE(Live().GetState().isStale);
 
     bench->zel->SendStale("X", false);
-    EXPECT_EQ(Delivered(), Events{LogLine(10, def.ToString() + " is fresh: a component speaks again, or is gone")});
+    bench->zel->SendImage("IM_X", {{kAsk, "12", "1"}});
+    bench->Run();
     EXPECT_EQ(observer->books.back()->staleComponents.size(), 1U) << "the book is what it was until the image comes";
+    EXPECT_TRUE(Live().GetState().isStale);
+    bench->events.Clear();
     bench->zel->SendImage("X", {{kBid, "11", "1"}});
-    EXPECT_EQ(Delivered(), Events{"A.OnOrderBook X 11x1+0 |  @executor"});
+    EXPECT_EQ(Delivered(), (Events{LogLine(10, def.ToString() + " is fresh: a component speaks again, or is gone"),
+                                   "A.OnOrderBook X 11x1+0 | 12x0+1 @executor"}));
     EXPECT_TRUE(observer->books.back()->staleComponents.empty());
     EXPECT_FALSE(Live().GetState().isStale);
 }
@@ -325,7 +329,40 @@ TEST_F(PriceDeliveryTest, StaysStaleWhateverAProviderSaysWithoutItsFeed)
     EXPECT_TRUE(Live().GetState().isStale);
 }
 
-TEST_F(PriceDeliveryTest, ForgetsALostFeedWhenAnotherProviderIsToServe)
+TEST_F(PriceDeliveryTest, IsNotStaleBeforeItHasShownAnything)
+{
+    Start();
+    bench->zel->SendStale("X", true);
+    bench->zel->SendImage("IM_X", {{kAsk, "12", "1"}});
+    EXPECT_EQ(Delivered(), Events{"A.OnOrderBook X  | 12x0+1 @executor"});
+    EXPECT_EQ(observer->books.back()->missingComponents.count(CompositeComponentType::Direct), 1U);
+    EXPECT_TRUE(observer->books.back()->staleComponents.empty());
+    EXPECT_FALSE(Live().GetState().isStale);
+    bench->zel->SendStale("X", false);
+    bench->zel->SendImage("X", {{kBid, "11", "1"}});
+    EXPECT_EQ(Delivered(), Events{"A.OnOrderBook X 11x1+0 | 12x0+1 @executor"}) << "and nothing is fresh again";
+}
+
+TEST_F(PriceDeliveryTest, SaysThatItIsStaleSinceTheFeedWasLostAndNotSinceATradeAfterIt)
+{
+    ManagerBench::Options options;
+    options.configuration = R"(<PriceServer><General SkipUnchangedSnapshots="1"/></PriceServer>)";
+    Start(options);
+    bench->zel->SendImage("X", {{kBid, "10", "2"}});
+    bench->zel->SendImage("IM_X", {{kAsk, "12", "1"}});
+    bench->zel->SendStale("X", true);
+    bench->Run();
+    const auto stale = observer->books.back()->staleComponents;
+    bench->zel->SendTrade("X", "10", "1");
+    bench->Run();
+    const std::size_t before = observer->books.size();
+    bench->zel->SendImage("IM_X", {{kAsk, "12", "1"}});
+    bench->Run();
+    EXPECT_EQ(observer->books.size(), before) << "nothing has changed";
+    EXPECT_EQ(observer->books.back()->staleComponents, stale);
+}
+
+TEST_F(PriceDeliveryTest, ForgetsALostFeedWithTheImageOfAnotherProvider)
 {
     Start();
     bench->zel->SendImage("X", {{kBid, "10", "2"}});
@@ -335,6 +372,10 @@ TEST_F(PriceDeliveryTest, ForgetsALostFeedWhenAnotherProviderIsToServe)
     Live().SwitchProvider(CompositeComponentType::Direct, ProviderType::Mds);
     bench->Run();
     bench->mds->Answer("X");
+    bench->zel->SendImage("IM_X", {{kAsk, "13", "1"}});
+    bench->Run();
+    EXPECT_EQ(observer->books.back()->staleComponents.count(CompositeComponentType::Direct), 1U)
+        << "the old provider's levels are still there";
     bench->mds->SendImage("X", {{kBid, "12", "1"}});
     bench->Run();
     EXPECT_EQ(observer->books.back()->staleComponents.count(CompositeComponentType::Direct), 0U);
@@ -352,6 +393,27 @@ TEST_F(PriceDeliveryTest, CountsAndTimesItsCallbacks)
     EXPECT_EQ(bench->manager->GetSnapshotCallbackTime().count.load(), 1U);
     EXPECT_EQ(bench->manager->GetTradesCallbackTime().count.load(), 2U);
     EXPECT_GT(bench->manager->GetTradesCallbackTime().total.load(), 0U);
+}
+
+TEST_F(PriceDeliveryTest, CountsAndTimesTheCallbacksOfEachFlexibleClient)
+{
+    Start();
+    const std::vector<CompositeSubscriptionInfo> scopes{
+        {5, 0, false, false}, {3, 0, false, false}, {5, 1000, false, false}};
+    std::vector<std::shared_ptr<RecordingFlexibleObserver>> clients;
+    for (std::size_t i = 0; i < scopes.size(); ++i)
+    {
+        clients.push_back(bench->MakeFlexibleObserver("F" + std::to_string(i)));
+        bench->manager->Subscribe(def, scopes[i], bench->factory, clients.back(), 10 + i);
+    }
+    bench->Run();
+    bench->zel->SendImage("X", {{kBid, "10", "1"}});
+    bench->Run();
+    EXPECT_EQ(Live().GetCountsAsString(), "books=4 trades=0 customFields=0") << "the own observer's and three";
+    const CallbackTimeStats& times = bench->manager->GetSnapshotCallbackTime();
+    EXPECT_EQ(times.count.load(), 4U);
+    EXPECT_GE(times.total.load(), times.min.load() * 3 + times.max.load());
+    EXPECT_LE(times.total.load(), times.max.load() * 3 + times.min.load());
 }
 
 TEST_F(PriceDeliveryTest, RetargetsTheProvidersAndSendsABookOfTheNewDepth)

@@ -35,7 +35,7 @@ public:
     bool wantsDirect = false;
     bool wantsImplied = false;
     bool wantsAggregated = false;
-    bool isStale = false;      ///< a live component has been silent for longer than the monitoring interval
+    bool isStale = false;      ///< a live component has been silent for too long, or its provider has lost the feed
     std::int32_t provider = 0; ///< a ProviderType::Value
 
     // A collaborator that wants to hand its clients on with a state files them here. The composite subscription of this

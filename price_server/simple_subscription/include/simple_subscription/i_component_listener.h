@@ -19,8 +19,8 @@ namespace ps_ns
 /// Threads: the provider calls from one of its threads at a time for one listener, or from within Subscribe,
 /// ChangeScope or Unsubscribe. Implementations hand on and return: they neither block nor call the provider.
 ///
-/// Order: OnSubscribed once; then an image, updates, trades, fields and staleness in any mixture; OnUnsubscribed once, as the last
-/// call, after Unsubscribe.
+/// Order: OnSubscribed once; then an image, updates, trades, fields and staleness in any mixture; OnUnsubscribed once,
+/// as the last call, after Unsubscribe.
 class IComponentListener
 {
 public:

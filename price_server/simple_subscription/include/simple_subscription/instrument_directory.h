@@ -4,8 +4,8 @@
 #include "composite_instrument/submarket.h"
 
 #include <atomic>
-#include <cstdint>
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
 #include <optional>
 #include <string>
