@@ -184,7 +184,10 @@ public:
     {
         return m_publisher->GetDirectory().GetEntries();
     }
-    std::uint64_t GetDirectoryVersion() const override { return m_publisher->GetDirectory().GetVersion(); }
+    gateway::DirectoryVersion GetDirectoryVersion() const override
+    {
+        return {m_publisher->GetDirectory().GetVersion(), 0};
+    }
     std::vector<gateway::ProviderView> GetProviders() const override { return {}; }
     bool IsReady() const override { return true; }
 

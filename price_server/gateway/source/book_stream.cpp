@@ -178,14 +178,16 @@ json::object ToObject(const Map& map)
 void BookRun::Begin(const SharedBook& book)
 {
     books.clear();
-    isOneEpoch = true;
+    isOneAfterAnother = true;
     levels = 0;
     Add(book);
 }
 
 void BookRun::Add(const SharedBook& book)
 {
-    isOneEpoch = isOneEpoch && (books.empty() || books.back()->epoch == book->epoch);
+    isOneAfterAnother =
+        isOneAfterAnother &&
+        (books.empty() || (books.back()->epoch == book->epoch && books.back()->sequence < book->sequence));
     levels = std::max(levels, std::max(book->bids.count, book->asks.count));
     books.push_back(book);
 }
@@ -196,6 +198,7 @@ const Lines& BookStream::GetUpdates(const SharedBook& previous, const BookRun& r
     {
         return m_run;
     }
+    m_runPrevious.reset(); // should writing fail, this is nobody's
     m_run.text.clear();
     m_run.count = run.books.size();
     const MergedOrderBook* before = previous.get();

@@ -20,9 +20,9 @@ using SharedBook = std::shared_ptr<const MergedOrderBook>;
 /// Books that came one after another for the same subscriptions.
 struct BookRun
 {
-    std::vector<SharedBook> books; ///< at least one; each newer than the one before
-    bool isOneEpoch = true;
-    std::uint32_t levels = 0; ///< of the larger side of any of them
+    std::vector<SharedBook> books; ///< at least one
+    bool isOneAfterAnother = true; ///< in one epoch, each with a larger sequence
+    std::uint32_t levels = 0;      ///< of the larger side of any of them
 
     void Begin(const SharedBook& book);
     void Add(const SharedBook& book);

@@ -55,7 +55,7 @@ void ClientSession::Take(SessionSubscription& subscription, const Mailbox::Overf
 bool ClientSession::TakesAtOnce(const Subscription& subscription, const BookRun& run) const
 {
     return subscription.kinds.book && subscription.sent != nullptr && subscription.waiting == nullptr &&
-           subscription.skipped == 0 && run.isOneEpoch && subscription.sent->epoch == run.books.front()->epoch &&
+           subscription.skipped == 0 && run.isOneAfterAnother && subscription.sent->epoch == run.books.front()->epoch &&
            subscription.sent->sequence < run.books.front()->sequence &&
            run.levels <= static_cast<std::uint32_t>(subscription.scope.depth);
 }
@@ -65,7 +65,7 @@ void ClientSession::Take(SessionSubscription& subscription, const BookRun& run)
     if (TakesAtOnce(subscription, run))
     {
         const Lines& lines = subscription.stream->GetUpdates(subscription.sent, run);
-        if (m_out.StaysFluentWith(lines.text.size()))
+        if (lines.text.size() <= OutboundQueue::kWriteBytes && m_out.StaysFluentWith(lines.text.size()))
         {
             m_out.Push(lines.text, lines.count);
             subscription.sent = run.books.back();
@@ -155,7 +155,7 @@ void ClientSession::SendBook(Subscription& subscription, SharedBook book)
     {
         book = book->Cut(static_cast<std::uint32_t>(subscription.scope.depth));
     }
-    if (subscription.sent != nullptr && subscription.sent->epoch != book->epoch)
+    if (std::exchange(subscription.toldEpoch, book->epoch) != book->epoch)
     {
         TellRename(subscription, book->epoch);
     }

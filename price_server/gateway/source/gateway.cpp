@@ -192,11 +192,11 @@ private:
                 });
             return;
         }
+        Accept(); // whatever becomes of this one
         if (m_context.core.Counts().connections < GetOptions().limits.connections)
         {
             Begin(std::move(socket));
         }
-        Accept();
     }
 
     void Begin(tcp::socket socket)
@@ -230,11 +230,11 @@ private:
                 {
                     return;
                 }
+                Check(); // whatever becomes of this one
                 for (const auto& connection : m_context.GetConnections())
                 {
                     connection->CheckProgress(std::chrono::steady_clock::now());
                 }
-                Check();
             });
     }
 

@@ -2,6 +2,7 @@
 
 #include "client_session.h"
 #include "composite_instrument/local_observer_factory.h"
+#include "logging/logging.h"
 #include "price_unifier/source/composite_subscription_mgr.h"
 
 #include <algorithm>
@@ -18,6 +19,27 @@ LocalObserverFactory& GetFactory()
 {
     static LocalObserverFactory factory;
     return factory;
+}
+
+const std::shared_ptr<const zel::logging::Source>& LogSource()
+{
+    static const auto source = std::make_shared<const zel::logging::Source>("gateway");
+    return source;
+}
+
+/// One mailbox's or session's failure is not the others'.
+template <class Work>
+void Guarded(Work work)
+{
+    try
+    {
+        work();
+    }
+    catch (const std::exception& failure)
+    {
+        zel::logging::Log(30, LogSource(),
+                          [&](std::ostream& text) { text << "a turn has failed: " << failure.what(); });
+    }
 }
 
 /// What an instrument is known by, whatever it has been renamed to.
@@ -41,26 +63,21 @@ GatewayCore::~GatewayCore()
     CloseMailboxes();
 }
 
-const std::vector<ListedInstrument>& GatewayCore::GetInstruments()
-{
-    constexpr std::chrono::seconds kOld{1};
-    return ReadInstruments(kOld);
-}
-
 std::string GatewayCore::GetSymbolNow(const DirectoryEntry& entry)
 {
-    // Young enough to know a rename that has just been made, and old enough to serve all sessions that meet it.
-    constexpr std::chrono::milliseconds kOld{20};
-    const std::vector<ListedInstrument>& instruments = ReadInstruments(kOld);
+    const std::vector<ListedInstrument>& instruments = GetInstruments();
     const auto found = m_instrumentByFirstSymbol.find(GetFirstName(entry));
     return found == m_instrumentByFirstSymbol.end() ? entry.symbol : instruments[found->second].entry.symbol;
 }
 
-const std::vector<ListedInstrument>& GatewayCore::ReadInstruments(std::chrono::milliseconds oldest)
+const std::vector<ListedInstrument>& GatewayCore::GetInstruments()
 {
-    const std::uint64_t version = m_backend.GetDirectoryVersion();
+    constexpr std::chrono::seconds kOldest{1}; // thousands may be added one after another
+    const DirectoryVersion version = m_backend.GetDirectoryVersion();
     const auto now = std::chrono::steady_clock::now();
-    if (m_instrumentsVersion == version || (m_instrumentsVersion && now - m_instrumentsRead < oldest))
+    // What has been renamed must not be found under its old name: that may be another instrument's by now.
+    const bool isGood = m_instrumentsVersion && m_instrumentsVersion->changes == version.changes;
+    if (isGood && (m_instrumentsVersion->entries == version.entries || now - m_instrumentsRead < kOldest))
     {
         return m_instruments;
     }
@@ -83,6 +100,13 @@ FoundInstrument GatewayCore::FindInstrument(const std::string& name, const Right
     if (const auto found = m_instrumentByName.find(name); found != m_instrumentByName.end())
     {
         return {instruments[found->second], ""};
+    }
+    const bool isSymbol =
+        std::any_of(instruments.begin(), instruments.end(),
+                    [&](const ListedInstrument& instrument) { return instrument.entry.symbol == name; });
+    if (!isSymbol && !m_nearNames.Take(RateLimit::Clock::now()))
+    {
+        return {std::nullopt, "there is no instrument \"" + name + "\""};
     }
     try
     {
@@ -254,16 +278,19 @@ void GatewayCore::TakeMail()
     }
     for (const auto& mailbox : woken)
     {
-        mailbox->Take(m_content);
-        Distribute(m_content);
+        Guarded(
+            [&]
+            {
+                mailbox->Take(m_content);
+                Distribute(m_content);
+            });
     }
     m_content.Clear();
     m_run.books.clear();
-    for (const auto& session : m_turn)
+    for (const auto& session : std::exchange(m_turn, {}))
     {
-        session->FinishTurn();
+        Guarded([&] { session->FinishTurn(); });
     }
-    m_turn.clear();
 }
 
 void GatewayCore::Distribute(const Mailbox::Content& content)

@@ -7,6 +7,7 @@
 #include "gateway/gateway_options.h"
 #include "gateway/instrument_list.h"
 #include "mailbox.h"
+#include "rate_limit.h"
 #include "subscriber.h"
 #include "subscription_slots.h"
 
@@ -65,12 +66,15 @@ public:
     IBackend& GetBackend() noexcept { return m_backend; }
     GatewayCounts& Counts() noexcept { return m_counts; }
 
-    /// The instruments as they were at most a second ago, or as they are.
+    /// The instruments, under the names that they have now; those that were added within the last second may be
+    /// missing.
     const std::vector<ListedInstrument>& GetInstruments();
     /// What an instrument is called now; it may have been renamed since `entry` was read.
     std::string GetSymbolNow(const DirectoryEntry& entry);
     /// The names that a problem suggests are of markets that `rights` open.
     FoundInstrument FindInstrument(const std::string& name, const Rights& rights);
+    /// Wrong names that are answered with near ones, a second: looking for them takes tens of milliseconds.
+    static constexpr double kNearNamesPerSecond = 5;
 
     // --- Subscriptions. False: the server takes no requests just now. ---
 
@@ -102,7 +106,6 @@ public:
     void CloseMailboxes();
 
 private:
-    const std::vector<ListedInstrument>& ReadInstruments(std::chrono::milliseconds oldest);
     void Wake(std::shared_ptr<Mailbox> mailbox);
     void TakeMail();
     void Distribute(const Mailbox::Content& content);
@@ -121,8 +124,9 @@ private:
     std::uint64_t m_lastSession = 0;
 
     std::chrono::steady_clock::time_point m_instrumentsRead{};
-    std::optional<std::uint64_t> m_instrumentsVersion; ///< none: never read
+    std::optional<DirectoryVersion> m_instrumentsVersion; ///< none: never read
     std::vector<ListedInstrument> m_instruments;
+    RateLimit m_nearNames{kNearNamesPerSecond, RateLimit::Clock::now()};
     std::unordered_map<std::string, std::size_t> m_instrumentByName;
     std::unordered_map<std::string, std::size_t> m_instrumentByFirstSymbol; ///< behind its market's id
 

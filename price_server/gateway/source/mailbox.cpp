@@ -15,19 +15,16 @@ void Mailbox::Content::Clear()
 template <class Add>
 void Mailbox::Change(Add add)
 {
+    const std::lock_guard lock(m_mutex);
+    if (m_isClosed)
     {
-        const std::lock_guard lock(m_mutex);
-        if (m_isClosed)
-        {
-            return;
-        }
-        add();
-        if (std::exchange(m_isWoken, true))
-        {
-            return;
-        }
+        return;
     }
-    m_wake(shared_from_this());
+    add();
+    if (!std::exchange(m_isWoken, true))
+    {
+        m_wake(shared_from_this()); // under the lock: once Close has returned, whoever is woken may be gone
+    }
 }
 
 template <class Shared>

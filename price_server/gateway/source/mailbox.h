@@ -27,8 +27,8 @@ using SharedFields = std::shared_ptr<const CustomFields>;
 /// Bounded: when the I/O thread lags, only the latest book of each subscription and its latest fields are kept, and
 /// trades are counted as lost.
 ///
-/// Threads: Push from any; Take from the I/O thread. `wake` is called from Push, without the lock, when something waits
-/// that did not before.
+/// Threads: Push from any; Take from the I/O thread. `wake` is called from Push, under the lock, when something waits
+/// that did not before; it must not call the mailbox.
 class Mailbox : public std::enable_shared_from_this<Mailbox>
 {
 public:

@@ -1,5 +1,6 @@
 #include "outbound_queue.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace ps_ns::gateway
@@ -17,6 +18,10 @@ void OutboundQueue::Push(std::string_view text, std::uint64_t lines)
     {
         m_batches.push_back({std::exchange(m_spare, {}), 0});
         m_batches.back().lines.clear();
+        if (m_batches.size() > 1)
+        {
+            m_batches.back().lines.reserve(std::max(m_write, text.size())); // growing, it would take up to twice that
+        }
     }
     Batch& batch = m_batches.back();
     const std::size_t before = batch.lines.size();

@@ -28,12 +28,13 @@ struct SessionSubscription
     Kinds kinds;
     std::shared_ptr<BookStream> stream;
     std::shared_ptr<Subscriber> subscriber;
-    SharedBook latest;          ///< whatever the client wants or has been sent
-    SharedBook sent;            ///< the client's state; null: it needs an image
-    SharedBook waiting;         ///< the latest of those that conflate
-    SharedFields waitingFields; ///< the latest of those that conflate
-    bool isWaiting = false;     ///< it is among those of its session that wait
-    std::uint64_t skipped = 0;  ///< books left out since the one that was sent last
+    SharedBook latest;           ///< whatever the client wants or has been sent
+    SharedBook sent;             ///< the client's state; null: it needs an image
+    std::uint64_t toldEpoch = 0; ///< that the client knows of, with the name that the instrument had then
+    SharedBook waiting;          ///< the latest of those that conflate
+    SharedFields waitingFields;  ///< the latest of those that conflate
+    bool isWaiting = false;      ///< it is among those of its session that wait
+    std::uint64_t skipped = 0;   ///< books left out since the one that was sent last
     std::uint64_t lostTrades = 0;
 };
 

@@ -1,6 +1,7 @@
 #include "client_session.h"
 
 #include "gateway_core.h"
+#include "price_unifier/source/composite_instrument_subscription.h"
 #include "testing/manager_bench.h"
 
 #include <boost/json.hpp>
@@ -37,7 +38,10 @@ public:
     bool RunOnQueue(std::function<void(CompositeSubscriptionMgr&, SimpleSubscriptionMgr&)>) override { return false; }
     const MarketTable& GetMarkets() const override { return bench.simple->GetMarkets(); }
     std::vector<DirectoryEntry> GetDirectoryEntries() const override { return bench.mds->Directory().GetEntries(); }
-    std::uint64_t GetDirectoryVersion() const override { return bench.mds->Directory().GetVersion(); }
+    DirectoryVersion GetDirectoryVersion() const override
+    {
+        return {bench.mds->Directory().GetVersion(), bench.mds->Directory().GetChangeCount()};
+    }
     std::vector<ProviderView> GetProviders() const override { return {}; }
     bool IsReady() const override { return isReady; }
 
@@ -294,6 +298,60 @@ TEST_F(ClientSessionTest, NamesTheSubscriptionThatThereIsAlready)
     EXPECT_EQ(objects[0].at("code"), "duplicate_subscription");
     EXPECT_EQ(objects[0].at("subscription"), "first");
     EXPECT_NE(objects[0].at("message").as_string().find("called \"first\""), std::string::npos);
+}
+
+TEST_F(ClientSessionTest, SuggestsNearNamesOnlySoOften)
+{
+    std::size_t suggestions = 0;
+    for (int i = 0; i < 50; ++i)
+    {
+        session->OnMessage(R"({"type":"subscribe","request":"a","instrument":"ONE:BTX"})");
+        const Objects objects = Drain(*session);
+        ASSERT_EQ(objects.size(), 1U);
+        EXPECT_EQ(objects[0].at("code"), "unknown_instrument");
+        suggestions += objects[0].at("message").as_string().find("ONE:BTC") != std::string::npos ? 1U : 0U;
+    }
+    EXPECT_GE(suggestions, 1U);
+    EXPECT_LE(suggestions, 20U);
+    EXPECT_EQ(Subscribe("a", "BTC"), "result 100") << "a symbol alone is no wrong name";
+}
+
+TEST_F(ClientSessionTest, FindsAnInstrumentUnderTheNameThatItHasNow)
+{
+    Subscribe("a", "ONE:BTC"); // the list has been read
+    ASSERT_TRUE(backend.bench.mds->Directory().Rename(1, "ETH", "OLD"));
+    ASSERT_TRUE(backend.bench.mds->Directory().Rename(1, "XRP", "ETH"));
+    EXPECT_EQ(Subscribe("b", "ONE:XRP"), "error unknown_instrument");
+    session->OnMessage(R"({"type":"subscribe","request":"c","instrument":"ONE:ETH"})");
+    Drain(*session);
+    Run();
+    CompositeInstrumentDef renamed;
+    backend.bench.simple->GetRegistry().ForEach(
+        [&](const EnrolledSubscription& enrolled)
+        {
+            const auto& def = dynamic_cast<const CompositeInstrumentSubscription&>(enrolled).GetDefinition();
+            renamed = def.GetSymbol() == "ETH" ? def : renamed;
+        });
+    DirectoryEntry xrp;
+    xrp.submarket = {1, -1};
+    xrp.symbol = xrp.firstSymbol = "XRP";
+    EXPECT_EQ(renamed.instrumentId, MakeDefinition({xrp, "ONE", true, false}).instrumentId) << "XRP's identity";
+}
+
+TEST_F(ClientSessionTest, IsToldOfARenameThatWasMadeWhileItWantedNoBooks)
+{
+    Open("a", "BTC");
+    Change("a", R"("kinds":["trades"])");
+    Run();
+    ASSERT_TRUE(backend.bench.mds->Directory().Rename(1, "BTC", "NEW"));
+    backend.bench.manager->ChangeSymbol(1, "BTC", "NEW");
+    Run();
+    backend.bench.mds->Answer("NEW");
+    backend.bench.mds->SendImage("NEW", {{BookSideType::Bid, "7", "1"}});
+    Run();
+    Drain(*session);
+    const std::string seen = Change("a", R"("kinds":["book"])");
+    EXPECT_EQ(seen.rfind("result 100, renamed, image", 0), 0U) << seen;
 }
 
 TEST_F(ClientSessionTest, SaysThatTheServerIsNotReadyAndChangesNothing)

@@ -36,7 +36,7 @@ public:
     bool RunOnQueue(std::function<void(CompositeSubscriptionMgr&, SimpleSubscriptionMgr&)>) override { return false; }
     const MarketTable& GetMarkets() const override { return m_markets; }
     std::vector<DirectoryEntry> GetDirectoryEntries() const override { return {}; }
-    std::uint64_t GetDirectoryVersion() const override { return 0; }
+    DirectoryVersion GetDirectoryVersion() const override { return {}; }
     std::vector<ProviderView> GetProviders() const override { return {{"mds", "serving", 0}}; }
     bool IsReady() const override { return true; }
 

@@ -300,10 +300,23 @@ std::vector<DirectoryEntry> PriceServer::GetDirectoryEntries() const
     return entries;
 }
 
-std::uint64_t PriceServer::GetDirectoryVersion() const
+gateway::DirectoryVersion PriceServer::GetDirectoryVersion() const
 {
-    return (m_mds == nullptr ? 0 : m_mds->GetDirectory().GetVersion()) +
-           (m_zel == nullptr ? 0 : m_zel->GetDirectory().GetVersion());
+    gateway::DirectoryVersion version;
+    const auto add = [&](const InstrumentDirectory& directory)
+    {
+        version.entries += directory.GetVersion();
+        version.changes += directory.GetChangeCount();
+    };
+    if (m_mds != nullptr)
+    {
+        add(m_mds->GetDirectory());
+    }
+    if (m_zel != nullptr)
+    {
+        add(m_zel->GetDirectory());
+    }
+    return version;
 }
 
 std::vector<gateway::ProviderView> PriceServer::GetProviders() const

@@ -16,7 +16,9 @@ void InstrumentDirectory::AddAll(const std::vector<DirectoryEntry>& entries)
     const std::lock_guard lock(m_mutex);
     for (const DirectoryEntry& entry : entries)
     {
-        DirectoryEntry& added = m_entries[entry.submarket.marketId][entry.symbol];
+        const auto [place, isNew] = m_entries[entry.submarket.marketId].try_emplace(entry.symbol);
+        DirectoryEntry& added = place->second;
+        m_changes += isNew ? 0U : 1U;
         added = entry;
         added.firstSymbol = entry.firstSymbol.empty() ? entry.symbol : entry.firstSymbol;
     }
@@ -42,6 +44,7 @@ bool InstrumentDirectory::Rename(short marketId, const std::string& oldSymbol, c
     symbols.erase(found);
     entry.symbol = newSymbol;
     symbols[newSymbol] = std::move(entry);
+    ++m_changes;
     ++m_version;
     return true;
 }

@@ -26,6 +26,15 @@ struct ProviderView
     std::size_t instruments = 0;
 };
 
+/// Which instruments there were, and what they were called.
+struct DirectoryVersion
+{
+    std::uint64_t entries = 0; ///< another one with each addition, change and rename
+    std::uint64_t changes = 0; ///< another one when what was there has changed, or is called something else
+
+    friend bool operator==(const DirectoryVersion&, const DirectoryVersion&) = default;
+};
+
 /// The server that a gateway stands in, as the gateway sees it.
 ///
 /// Threads: any.
@@ -44,8 +53,8 @@ public:
     virtual const MarketTable& GetMarkets() const = 0;
     /// The instruments that the providers know so far.
     virtual std::vector<DirectoryEntry> GetDirectoryEntries() const = 0;
-    /// Another one when those have changed; read before them.
-    virtual std::uint64_t GetDirectoryVersion() const = 0;
+    /// Read before those.
+    virtual DirectoryVersion GetDirectoryVersion() const = 0;
     virtual std::vector<ProviderView> GetProviders() const = 0;
     /// True between the moment when all providers know their instruments and the beginning of the stop.
     virtual bool IsReady() const = 0;

@@ -98,7 +98,7 @@ private:
     bool TryRequest(const std::function<void(CompositeSubscriptionMgr&)>& request) override;
     bool RunOnQueue(std::function<void(CompositeSubscriptionMgr&, SimpleSubscriptionMgr&)> task) override;
     bool IsReady() const override;
-    std::uint64_t GetDirectoryVersion() const override;
+    gateway::DirectoryVersion GetDirectoryVersion() const override;
     std::vector<gateway::ProviderView> GetProviders() const override;
 
     void StartAll();

@@ -56,15 +56,17 @@ public:
     std::optional<DirectoryEntry> Find(short marketId, short submarketId, const std::string& symbol) const;
 
     std::size_t GetSize() const;
-    /// Grows with each change of the entries, after it: who has read the version and then the entries has not missed
-    /// what the version counts.
-    std::uint64_t GetVersion() const noexcept { return m_version.load(); }
+    /// Both grow after what they count: who has read them and then the entries has not missed what they count.
+    std::uint64_t GetVersion() const noexcept { return m_version.load(); } ///< additions, changes, renames
+    /// Of entries that were there: what was read before may name another instrument by now.
+    std::uint64_t GetChangeCount() const noexcept { return m_changes.load(); }
 
     /// A copy of all entries, by market and symbol.
     std::vector<DirectoryEntry> GetEntries() const;
 
 private:
     std::atomic<std::uint64_t> m_version{0};
+    std::atomic<std::uint64_t> m_changes{0};
     mutable std::mutex m_mutex;
     std::unordered_map<short, std::unordered_map<std::string, DirectoryEntry>> m_entries; ///< under m_mutex
     std::unordered_set<short> m_complete;                                                 ///< under m_mutex
