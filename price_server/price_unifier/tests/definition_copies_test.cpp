@@ -40,6 +40,11 @@ std::atomic<std::uint64_t> g_allocations{0};
     }
     return memory;
 }
+[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+    g_allocations.fetch_add(1, std::memory_order_relaxed);
+    return std::malloc(size);
+}
 [[gnu::noinline]] void operator delete(void* memory) noexcept
 {
     std::free(memory);

@@ -162,11 +162,11 @@ TEST_F(ClientProgram, EndsWellAtASignal)
 }
 
 /// The bytes that a reader gets of a client that is interrupted after two seconds, and what timeout(1) says of it: 124,
-/// or 137 when it had to be killed a second later.
+/// or 137 when it had to be killed five seconds later.
 std::pair<std::size_t, int> InterruptWhileRead(const std::string& url, const std::string& reader)
 {
     const Ended shell = RunShell(url, R"(
-        timeout -s INT -k 1 2 "$CLIENT" subscribe --books --depth max GOLD-MAR27 GOLD-JUN27 GOLD-SEP27 CRUDE-MAR27 \
+        timeout -s INT -k 5 2 "$CLIENT" subscribe --books --depth max GOLD-MAR27 GOLD-JUN27 GOLD-SEP27 CRUDE-MAR27 \
             CRUDE-JUN27 CRUDE-SEP27 WHEAT-MAR27 WHEAT-JUN27 | )" +
                                           reader + R"(
         echo "${PIPESTATUS[0]}")");
@@ -179,7 +179,7 @@ std::pair<std::size_t, int> InterruptWhileRead(const std::string& url, const std
 TEST_F(ClientProgram, EndsAtASignalThoughItsReaderDoesNotRead)
 {
     const auto [allBytes, exitCodeWhenRead] = InterruptWhileRead(Url(), "wc -c");
-    const auto [someBytes, exitCodeWhenUnread] = InterruptWhileRead(Url(), "{ sleep 3.2; wc -c; }");
+    const auto [someBytes, exitCodeWhenUnread] = InterruptWhileRead(Url(), "{ sleep 7.2; wc -c; }");
     EXPECT_EQ(exitCodeWhenRead, 124);
     EXPECT_EQ(exitCodeWhenUnread, 124);
     EXPECT_GT(someBytes, 0U);
