@@ -34,7 +34,7 @@ const closeReasons: Record<number, string> = {
     1001: "the server has stopped, or this page was silent for too long",
     1006: "the server cannot be reached",
     1008: "the server wants another token",
-    1013: "this page was too slow, or there are too many sessions",
+    1013: "this page was too slow",
 };
 
 const pingIntervalMs = 5000;
