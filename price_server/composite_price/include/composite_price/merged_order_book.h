@@ -44,8 +44,8 @@ public:
 
     /// Wanted components that have not delivered an image yet; empty in a complete book.
     std::unordered_set<CompositeComponentType::Type> missingComponents;
-    /// Components that have been silent for too long, or whose provider has lost the feed, and since when (ns since 1970
-    /// UTC); empty in a fresh book.
+    /// Components that have been silent for too long, or whose provider has lost the feed, and since when (ns since
+    /// 1970 UTC); empty in a fresh book.
     std::unordered_map<CompositeComponentType::Type, std::uint64_t> staleComponents;
 
     double lastTradePrice = sbe_common_ns::kNullPrice; ///< of the direct component; null: no trade seen
