@@ -243,9 +243,9 @@ void ZelProvider::Lose(ZelMarket& market, const char* why)
 void ZelProvider::OnTransportMessage(const TransportAddress& from, std::span<const std::byte> payload)
 {
     ZelMarket* const market = FindMarket(from.market);
-    if (market == nullptr)
+    if (market == nullptr || !m_transport->IsConnected())
     {
-        return; // of a market that this server does not have
+        return; // of a market that this server does not have; or left over from a connection that is gone
     }
     if (from.channel == TransportChannel::Prices)
     {
@@ -278,15 +278,16 @@ bool ZelProvider::IsHeard(ZelMarket& market, std::uint64_t epoch)
     {
         return false; // late, or of a publisher that another has replaced
     }
-    market.lastHeard = m_options.now();
     if (epoch > market.epoch)
     {
+        // Until its directory is there, what is shown gets nothing: the market is as silent as without a publisher.
         if (!std::exchange(market.wantsDirectory, true))
         {
             Wake();
         }
         return false;
     }
+    market.lastHeard = m_options.now();
     if (std::exchange(market.isLost, false))
     {
         zel::logging::Log(10, ZelLogSource(),

@@ -285,16 +285,26 @@ void ZelPublisher::SendDirectory(Market& market)
 
 void ZelPublisher::SendHeartbeat(Market& market)
 {
+    constexpr std::size_t kMostInOne = 50'000; // twelve bytes each: below what a broker takes as one message
     WireHeartbeat heartbeat;
     heartbeat.sendTime_ns = m_options.wallTime_ns();
+    const auto send = [&]
+    {
+        WriteHeartbeat(m_buffer, {WireKind::Heartbeat, 0, m_epoch, market.revision}, heartbeat);
+        Send({TransportChannel::Control, market.name, {}});
+        heartbeat.progress.clear();
+    };
     for (const InstrumentIndex number : market.moved)
     {
         m_instruments[number].hasMoved = false;
         heartbeat.progress.push_back({m_instruments[number].index, m_instruments[number].sequence});
+        if (heartbeat.progress.size() == kMostInOne)
+        {
+            send();
+        }
     }
     market.moved.clear();
-    WriteHeartbeat(m_buffer, {WireKind::Heartbeat, 0, m_epoch, market.revision}, heartbeat);
-    Send({TransportChannel::Control, market.name, {}});
+    send();
 }
 
 void ZelPublisher::Answer(Market& market, WireBytes request)
@@ -307,6 +317,9 @@ void ZelPublisher::Answer(Market& market, WireBytes request)
     if (header->kind == WireKind::DirectoryRequest)
     {
         SendDirectory(market);
+        // Who asks is new, or has missed something: the next heartbeat tells how far everything is.
+        std::for_each(market.instruments.begin(), market.instruments.end(),
+                      [this](InstrumentIndex number) { NoteMoved(number); });
         return;
     }
     const std::optional<std::vector<std::uint32_t>> indexes = ReadImageRequest(request);

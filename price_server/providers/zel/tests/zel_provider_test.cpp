@@ -182,6 +182,61 @@ TEST(ZelProvider, AsksForImagesOfANewEpochThoughItsOwnConnectionHeld)
     EXPECT_EQ(listener->GetOrderFaults(), 0U);
 }
 
+TEST(ZelProvider, NoticesWhatItMissedWhenAnImageFromBeforeComesAfterItsConnection)
+{
+    ZelBench bench;
+    bench.Start();
+    bench.Publish(0, true, {Bid("10", "1")});
+    const auto listener = bench.Subscribe("A");
+    bench.Pass(400ms);
+    bench.Publish(0, true, {Bid("9", "1")});
+    const CarriedMessage late = bench.broker.waiting.back();
+    bench.broker.waiting.clear();
+    bench.providerTransport->SetCut(true);
+    bench.Publish(0, false, {Bid("9", "0"), Bid("8", "1")});
+    bench.Pass(400ms); // the heartbeat that tells of it goes nowhere either
+    bench.providerTransport->SetCut(false);
+    bench.broker.waiting.push_front(late);
+    bench.broker.Deliver();
+    EXPECT_EQ(listener->PrintBook(), "9x1 |") << "it is what there was";
+    bench.Pass(2s);
+    EXPECT_EQ(listener->PrintBook(), "8x1 |");
+    EXPECT_EQ(listener->PrintBook(), bench.PublishedBook(0));
+}
+
+TEST(ZelProvider, PassesOverWhatComesWithoutAConnection)
+{
+    ZelBench bench;
+    bench.Start();
+    bench.Publish(0, true, {Bid("10", "1")});
+    const auto listener = bench.Subscribe("A");
+    bench.Settle();
+    bench.Publish(0, true, {Bid("9", "1")});
+    const CarriedMessage late = bench.broker.waiting.back();
+    bench.providerTransport->SetCut(true);
+    bench.providerTransport->Hand(late);
+    EXPECT_TRUE(listener->IsStale());
+    EXPECT_EQ(listener->PrintBook(), "10x1 |");
+}
+
+TEST(ZelProvider, IsStaleWhileTheDirectoryOfANewerEpochDoesNotCome)
+{
+    ZelBench bench;
+    bench.Start();
+    bench.Publish(0, true, {Bid("10", "1")});
+    const auto listener = bench.Subscribe("A");
+    bench.Pass(300ms);
+    bench.broker.passes = [](const CarriedMessage& message)
+    { return ReadHeader(message.payload)->kind != WireKind::Directory; };
+    bench.publisherTransport->SetCut(true);
+    bench.publisherTransport->SetCut(false);
+    bench.Pass(1000ms);
+    EXPECT_TRUE(listener->IsStale());
+    bench.broker.passes = nullptr;
+    bench.Pass(500ms);
+    EXPECT_FALSE(listener->IsStale());
+}
+
 TEST(ZelProvider, PassesOverMessagesOfAnOldEpoch)
 {
     ZelBench bench;

@@ -11,6 +11,7 @@
 
 #include <cstdio>
 #include <exception>
+#include <memory>
 #include <fstream>
 #include <stdexcept>
 #include <string>
@@ -102,8 +103,11 @@ ExitCode Publish(const Options& options)
                 progress.Show(sample);
             }
         });
+    // Also when the run throws: the transport calls it until it is stopped.
+    const auto stop = [](NatsTransport* stopped) { stopped->Stop(); };
+    std::unique_ptr<NatsTransport, decltype(stop)> stopper(&transport, stop);
     const ExitCode code = run.Run();
-    transport.Stop();
+    stopper.reset();
     progress.End();
     if (!options.isQuiet)
     {

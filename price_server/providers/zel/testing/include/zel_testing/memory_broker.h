@@ -70,6 +70,11 @@ public:
 
     /// Cuts this connection alone, or mends it.
     void SetCut(bool isCut);
+    /// Hands a message over whatever the connection is: as a transport that had it waiting when the connection broke.
+    void Hand(const CarriedMessage& message)
+    {
+        m_listener->OnTransportMessage({message.channel, message.market, message.instrument}, message.payload);
+    }
     /// As a transport that had to drop messages.
     void ReportLoss() { m_listener->OnTransportLoss(); }
 
