@@ -11,8 +11,8 @@
 
 #include <cstdio>
 #include <exception>
-#include <memory>
 #include <fstream>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <unistd.h>
