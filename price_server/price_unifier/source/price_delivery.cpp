@@ -8,6 +8,7 @@
 #include "price_unifier/source/detail/call_observer.h"
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 namespace ps_ns
@@ -365,18 +366,34 @@ void PriceDelivery::ArmMonitor()
         return;
     }
     m_monitorTimer = m_makeTimer("InstrumentMonitor", [this] { OnMonitor(); });
-    m_monitorTimer->Run(m_settings.monitoringInterval_sec * 1000);
+    RunMonitorAfter(std::chrono::seconds(m_settings.monitoringInterval_sec));
+}
+
+/// Never early: what is looked at then has been silent for all of its time.
+void PriceDelivery::RunMonitorAfter(Clock::duration time)
+{
+    const auto time_ms = std::chrono::ceil<std::chrono::milliseconds>(time).count();
+    m_monitorTimer->Run(static_cast<unsigned>(std::clamp<std::int64_t>(time_ms, 1, std::numeric_limits<int>::max())));
 }
 
 void PriceDelivery::OnMonitor()
 {
     const auto interval = std::chrono::seconds(m_settings.monitoringInterval_sec);
     const Clock::time_point now = m_now();
+    Clock::duration untilNext = interval;
     bool hasChanged = false;
     for (const auto type : kComponentTypes)
     {
         Component& component = Get(type);
-        if (component.isAnswered && !component.IsStale() && now - component.lastSpoke >= interval)
+        if (!component.isAnswered || component.IsStale())
+        {
+            continue;
+        }
+        if (const Clock::duration silence = now - component.lastSpoke; silence < interval)
+        {
+            untilNext = std::min(untilNext, interval - silence);
+        }
+        else
         {
             hasChanged = true;
             SetStale(component, component.isSilent, true);
@@ -392,7 +409,7 @@ void PriceDelivery::OnMonitor()
     {
         Publish();
     }
-    m_monitorTimer->Run(m_settings.monitoringInterval_sec * 1000);
+    RunMonitorAfter(untilNext);
 }
 
 } // namespace ps_ns

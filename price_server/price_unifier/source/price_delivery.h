@@ -160,6 +160,7 @@ private:
     void SetStale(Component& component, bool& reason, bool isStale);
     void ArmMonitor();
     void OnMonitor();
+    void RunMonitorAfter(Clock::duration time);
     /// Calls an observer; what it throws is logged, so that those behind it are served.
     template <class Call>
     void CallObserver(const std::string& name, const Call& call);

@@ -291,6 +291,23 @@ TEST_F(PriceDeliveryTest, ReportsASilentComponentAsStaleAndFreshWhenItSpeaksAgai
     EXPECT_NE(exported().find("subscriptions_stale 0"), std::string::npos);
 }
 
+TEST_F(PriceDeliveryTest, ReportsSilenceWhenItsTimeIsUpWheneverTheComponentSpokeLast)
+{
+    ManagerBench::Options options;
+    options.configuration = R"(<PriceServer><General InstrumentMonitoringInterval_sec="10"/></PriceServer>)";
+    Start(options);
+    bench->time.Advance(1s);
+    bench->zel->SendImage("X", {{kBid, "10", "2"}});
+    bench->zel->SendImage("IM_X", {});
+    bench->Run();
+    bench->time.Advance(9999ms);
+    bench->Run();
+    EXPECT_FALSE(Live().GetState().isStale);
+    bench->time.Advance(1ms);
+    bench->Run();
+    EXPECT_TRUE(Live().GetState().isStale);
+}
+
 TEST_F(PriceDeliveryTest, ShowsAtOnceThatAFeedIsLostAndThatItIsThereAgainWithTheImage)
 {
     Start();
