@@ -271,8 +271,13 @@ void LoadClients::TakeFrames(Connection& connection, const char* data, std::size
             if (ReadHeader(connection.header, payload) != 0)
             {
                 constexpr unsigned kControl = 8;
+                constexpr unsigned kPing = 9;
                 const unsigned opcode = static_cast<unsigned char>(connection.header[0]) & 0xFU;
                 deliveries += opcode < kControl ? 1 : 0; // the last line has no end
+                if (opcode == kPing)
+                {
+                    WriteAll(connection.socket, std::string("\x8A\x80\0\0\0\0", 6)); // its pings have no text
+                }
                 connection.payload = payload;
                 connection.header.clear();
             }

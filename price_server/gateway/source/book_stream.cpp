@@ -199,14 +199,20 @@ const Lines& BookStream::GetUpdates(const SharedBook& previous, const BookRun& r
         return m_run;
     }
     m_runPrevious.reset(); // should writing fail, this is nobody's
-    m_run.text.clear();
-    m_run.count = run.books.size();
+    std::string text;
     const MergedOrderBook* before = previous.get();
     for (const SharedBook& book : run.books)
     {
-        m_run.text.append(m_run.text.empty() ? "" : "\n").append(FormatUpdate(m_instrument, m_depth, *before, *book));
+        const std::string update = FormatUpdate(m_instrument, m_depth, *before, *book);
+        if (text.empty())
+        {
+            constexpr std::size_t kMore = 32; // of a longer one
+            text.reserve((update.size() + kMore) * run.books.size());
+        }
+        text.append(text.empty() ? "" : "\n").append(update);
         before = book.get();
     }
+    m_run = {std::make_shared<const std::string>(std::move(text)), run.books.size()};
     m_runPrevious = previous;
     m_runFirst = run.books.front();
     m_runLast = run.books.back();

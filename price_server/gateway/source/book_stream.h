@@ -3,6 +3,7 @@
 #include "composite_price/custom_fields.h"
 #include "composite_price/merged_order_book.h"
 #include "composite_price/trade.h"
+#include "shared_text.h"
 
 #include <cstdint>
 #include <memory>
@@ -13,8 +14,6 @@
 namespace ps_ns::gateway
 {
 
-/// A message that many sessions may have in their queues at once.
-using SharedText = std::shared_ptr<const std::string>;
 using SharedBook = std::shared_ptr<const MergedOrderBook>;
 
 /// Books that came one after another for the same subscriptions.
@@ -31,7 +30,7 @@ struct BookRun
 /// Messages as lines, without an end of the last one.
 struct Lines
 {
-    std::string text;
+    SharedText text;
     std::uint64_t count = 0;
 };
 

@@ -88,9 +88,9 @@ public:
 
     bool HasOutput() const noexcept { return !m_out.IsEmpty(); }
     /// Lines for one message.
-    std::string BeginWrite();
-    /// The lines come back.
-    void FinishWrite(std::string lines);
+    OutboundBatch BeginWrite();
+    /// They have been written.
+    void FinishWrite(OutboundBatch batch);
     /// The client takes nothing just now: the books that it had, which nobody else needs any more, are let go where
     /// newer ones wait. It gets images when it wakes.
     void ForgetSent();

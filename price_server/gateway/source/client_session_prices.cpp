@@ -65,7 +65,7 @@ void ClientSession::Take(SessionSubscription& subscription, const BookRun& run)
     if (TakesAtOnce(subscription, run))
     {
         const Lines& lines = subscription.stream->GetUpdates(subscription.sent, run);
-        if (lines.text.size() <= OutboundQueue::kWriteBytes && m_out.StaysFluentWith(lines.text.size()))
+        if (lines.text->size() <= OutboundQueue::kWriteBytes && m_out.StaysFluentWith(lines.text->size()))
         {
             m_out.Push(lines.text, lines.count);
             subscription.sent = run.books.back();
@@ -133,7 +133,7 @@ void ClientSession::OnFields(Subscription& subscription, const SharedFields& fie
 {
     if (!m_out.MustConflate() && subscription.waitingFields == nullptr)
     {
-        m_out.Push(*m_core.GetFieldsText(subscription.stream->GetInstrument(), fields));
+        m_out.Push(m_core.GetFieldsText(subscription.stream->GetInstrument(), fields));
         return;
     }
     subscription.waitingFields = fields; // they are whole: the latest says it all
@@ -159,7 +159,7 @@ void ClientSession::SendBook(Subscription& subscription, SharedBook book)
     {
         TellRename(subscription, book->epoch);
     }
-    m_out.Push(*subscription.stream->GetMessage(subscription.sent, book));
+    m_out.Push(subscription.stream->GetMessage(subscription.sent, book));
     subscription.sent = std::move(book);
 }
 
@@ -180,7 +180,7 @@ void ClientSession::OnTrades(Subscription& subscription, const SharedTrades& tra
     const SharedText text = m_core.GetTradesText(subscription.stream->GetInstrument(), trades);
     if (subscription.lostTrades == 0 && m_out.HasRoomFor(text->size() + kReserve))
     {
-        m_out.Push(*text);
+        m_out.Push(text);
         return;
     }
     subscription.lostTrades += trades->size();
@@ -216,27 +216,27 @@ void ClientSession::SendWaiting()
         }
         if (const SharedFields fields = std::exchange(subscription.waitingFields, nullptr))
         {
-            m_out.Push(*m_core.GetFieldsText(instrument, fields));
+            m_out.Push(m_core.GetFieldsText(instrument, fields));
         }
     }
 }
 
 // --- Writing ---------------------------------------------------------------------------------------------------------
 
-std::string ClientSession::BeginWrite()
+OutboundBatch ClientSession::BeginWrite()
 {
     m_isWriting = true;
     m_writeBegan = Clock::now();
-    OutboundQueue::Batch batch = m_out.BeginWrite();
-    m_sentMessages += batch.count;
-    return std::move(batch.lines);
+    OutboundBatch batch = m_out.BeginWrite();
+    m_sentMessages += batch.GetLineCount();
+    return batch;
 }
 
-void ClientSession::FinishWrite(std::string lines)
+void ClientSession::FinishWrite(OutboundBatch batch)
 {
     m_isWriting = false;
-    m_sentBytes += lines.size();
-    m_out.FinishWrite(std::move(lines));
+    m_sentBytes += batch.GetSize();
+    m_out.FinishWrite(std::move(batch));
     Settle();
 }
 

@@ -1,6 +1,5 @@
 #include "outbound_queue.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace ps_ns::gateway
@@ -12,43 +11,94 @@ constexpr std::size_t kSpareBytes = 32 * 1024; // a session keeps no more memory
 
 } // namespace
 
-void OutboundQueue::Push(std::string_view text, std::uint64_t lines)
+// --- OutboundBatch ---------------------------------------------------------------------------------------------------
+
+void OutboundBatch::Append(std::string_view text, std::uint64_t lines)
 {
-    if (m_batches.empty() || m_batches.back().lines.size() + 1 + text.size() > m_write)
-    {
-        m_batches.push_back({std::exchange(m_spare, {}), 0});
-        m_batches.back().lines.clear();
-        if (m_batches.size() > 1)
-        {
-            m_batches.back().lines.reserve(std::max(m_write, text.size())); // growing, it would take up to twice that
-        }
-    }
-    Batch& batch = m_batches.back();
-    const std::size_t before = batch.lines.size();
-    if (std::exchange(batch.count, batch.count + lines) != 0)
-    {
-        batch.lines += '\n';
-    }
-    batch.lines += text;
-    m_queued += batch.lines.size() - before;
+    EndLine();
+    AppendOwn(text);
+    m_lines += lines;
 }
 
-OutboundQueue::Batch OutboundQueue::BeginWrite()
+void OutboundBatch::Append(const SharedText& text, std::uint64_t lines)
 {
-    Batch batch = std::move(m_batches.front());
+    if (text->size() < kShareFrom_bytes)
+    {
+        return Append(std::string_view(*text), lines);
+    }
+    EndLine();
+    m_parts.push_back({text, 0, text->size()});
+    m_size += text->size();
+    m_lines += lines;
+}
+
+void OutboundBatch::EndLine()
+{
+    if (!IsEmpty())
+    {
+        AppendOwn("\n");
+    }
+}
+
+void OutboundBatch::AppendOwn(std::string_view text)
+{
+    if (m_parts.empty() || m_parts.back().shared != nullptr)
+    {
+        m_parts.push_back({nullptr, m_own.size(), 0});
+    }
+    m_own += text;
+    m_parts.back().size += text.size();
+    m_size += text.size();
+}
+
+void OutboundBatch::Clear() noexcept
+{
+    if (m_own.capacity() > kSpareBytes)
+    {
+        m_own = {};
+    }
+    m_own.clear();
+    m_parts.clear();
+    m_size = 0;
+    m_lines = 0;
+}
+
+// --- OutboundQueue ---------------------------------------------------------------------------------------------------
+
+template <class Text>
+void OutboundQueue::PushText(const Text& text, std::size_t bytes, std::uint64_t lines)
+{
+    if (m_batches.empty() || m_batches.back().GetSize() + 1 + bytes > m_write)
+    {
+        m_batches.push_back(std::exchange(m_spare, {}));
+        if (m_batches.size() > 1 && bytes < OutboundBatch::kShareFrom_bytes)
+        {
+            m_batches.back().Reserve(m_write);
+        }
+    }
+    OutboundBatch& batch = m_batches.back();
+    const std::size_t before = batch.GetSize();
+    batch.Append(text, lines);
+    m_queued += batch.GetSize() - before;
+}
+
+template void OutboundQueue::PushText(const std::string_view& text, std::size_t bytes, std::uint64_t lines);
+template void OutboundQueue::PushText(const SharedText& text, std::size_t bytes, std::uint64_t lines);
+
+OutboundBatch OutboundQueue::BeginWrite()
+{
+    OutboundBatch batch = std::move(m_batches.front());
     m_batches.pop_front();
-    m_writing = batch.lines.size();
+    m_writing = batch.GetSize();
     m_queued -= m_writing;
     return batch;
 }
 
-void OutboundQueue::FinishWrite(std::string written) noexcept
+void OutboundQueue::FinishWrite(OutboundBatch written) noexcept
 {
     m_writing = 0;
-    if (written.capacity() <= kSpareBytes)
-    {
-        m_spare = std::move(written);
-    }
+    written.Clear();
+    m_spare = std::move(written);
 }
 
 void OutboundQueue::Clear() noexcept

@@ -14,6 +14,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -31,6 +32,16 @@ template <class Stream>
 class WsConnection final : public IConnection, public std::enable_shared_from_this<WsConnection<Stream>>
 {
     using Clock = std::chrono::steady_clock;
+
+    /// What a write is given: it copies its buffers several times, and so it gets no vector of them.
+    struct PartsView
+    {
+        using value_type = asio::const_buffer;
+        const value_type* first;
+        const value_type* last;
+        const value_type* begin() const noexcept { return first; }
+        const value_type* end() const noexcept { return last; }
+    };
 
 public:
     WsConnection(GatewayCore& core, Stream&& stream)
@@ -224,8 +235,10 @@ private:
             return;
         }
         m_isWriting = true;
-        m_lines = m_session->BeginWrite();
-        m_ws.async_write(asio::buffer(m_lines),
+        m_batch = m_session->BeginWrite();
+        m_parts.clear();
+        m_batch.ForEachPart([this](std::string_view part) { m_parts.emplace_back(part.data(), part.size()); });
+        m_ws.async_write(PartsView{m_parts.data(), m_parts.data() + m_parts.size()},
                          beast::bind_front_handler(&WsConnection::OnWrite, this->shared_from_this()));
     }
 
@@ -237,7 +250,7 @@ private:
             EndSession();
             return;
         }
-        m_session->FinishWrite(std::move(m_lines));
+        m_session->FinishWrite(std::move(m_batch));
         AfterSession();
     }
 
@@ -304,7 +317,9 @@ private:
     bool m_isPinging = false;
     Clock::time_point m_lastHeard; ///< a message, or a control frame
     Clock::time_point m_lastPing{};
-    std::string m_lines; ///< of the write under way
+    // Of the write under way:
+    OutboundBatch m_batch;
+    std::vector<asio::const_buffer> m_parts;
 };
 
 } // namespace ps_ns::gateway

@@ -60,14 +60,21 @@ inline GatewayOptions MakeOptions()
     return options;
 }
 
+inline std::string ToText(const OutboundBatch& batch)
+{
+    std::string text;
+    batch.ForEachPart([&](std::string_view part) { text += part; });
+    return text;
+}
+
 /// What a session has to send, as objects.
 inline Objects Write(ClientSession& session)
 {
     Objects objects;
     while (session.HasOutput())
     {
-        std::string batch = session.BeginWrite();
-        std::istringstream lines(batch);
+        OutboundBatch batch = session.BeginWrite();
+        std::istringstream lines(ToText(batch));
         for (std::string line; std::getline(lines, line);)
         {
             objects.push_back(json::parse(line).as_object());

@@ -148,8 +148,8 @@ TEST_F(ClientSessionTest, GetsTheSameTextsAsOtherSessionsWithTheSameBooks)
     Drain(*session);
     Drain(*other); // from now on both have the same book
     SendBooks("BTC", 1);
-    const std::string text = session->BeginWrite();
-    EXPECT_EQ(text, other->BeginWrite());
+    const std::string text = ToText(session->BeginWrite());
+    EXPECT_EQ(text, ToText(other->BeginWrite()));
     EXPECT_NE(text.find(R"("type":"update")"), std::string::npos);
     other->End();
     Run();

@@ -31,6 +31,13 @@ SharedTrades MakeTrades(std::size_t count)
     return std::make_shared<const std::vector<Trade>>(count);
 }
 
+std::string ToText(const OutboundBatch& batch)
+{
+    std::string text;
+    batch.ForEachPart([&](std::string_view part) { text += part; });
+    return text;
+}
+
 // --- OutboundQueue ---
 
 TEST(OutboundQueue, CountsWhatIsQueuedAndWhatIsBeingWritten)
@@ -40,11 +47,11 @@ TEST(OutboundQueue, CountsWhatIsQueuedAndWhatIsBeingWritten)
     queue.Push(std::string(60, 'a'));
     queue.Push(std::string(50, 'b'));
     EXPECT_EQ(queue.GetUnsent(), 110U);
-    OutboundQueue::Batch batch = queue.BeginWrite();
-    EXPECT_EQ(batch.lines, std::string(60, 'a'));
-    EXPECT_EQ(batch.count, 1U);
+    OutboundBatch batch = queue.BeginWrite();
+    EXPECT_EQ(ToText(batch), std::string(60, 'a'));
+    EXPECT_EQ(batch.GetLineCount(), 1U);
     EXPECT_EQ(queue.GetUnsent(), 110U) << "written is not sent";
-    queue.FinishWrite(std::move(batch.lines));
+    queue.FinishWrite(std::move(batch));
     EXPECT_EQ(queue.GetUnsent(), 50U);
 }
 
@@ -59,10 +66,10 @@ TEST(OutboundQueue, WritesLinesInTheirOrderAsManyAtATimeAsFit)
     std::uint64_t count = 0;
     while (!queue.IsEmpty())
     {
-        OutboundQueue::Batch batch = queue.BeginWrite();
-        all += batch.lines + '|';
-        count += batch.count;
-        queue.FinishWrite(std::move(batch.lines));
+        OutboundBatch batch = queue.BeginWrite();
+        all += ToText(batch) + '|';
+        count += batch.GetLineCount();
+        queue.FinishWrite(std::move(batch));
     }
     EXPECT_EQ(all, "0\n1\n2|3\n4\n5|6|");
     EXPECT_EQ(count, 7U);
@@ -74,9 +81,9 @@ TEST(OutboundQueue, TakesSeveralLinesAtOnce)
     OutboundQueue queue(100, 1000);
     queue.Push("a");
     queue.Push("b\nc", 2);
-    const OutboundQueue::Batch batch = queue.BeginWrite();
-    EXPECT_EQ(batch.lines, "a\nb\nc");
-    EXPECT_EQ(batch.count, 3U);
+    const OutboundBatch batch = queue.BeginWrite();
+    EXPECT_EQ(ToText(batch), "a\nb\nc");
+    EXPECT_EQ(batch.GetLineCount(), 3U);
 }
 
 TEST(OutboundQueue, WritesATextThatIsLongerThanAWriteAlone)
@@ -84,10 +91,10 @@ TEST(OutboundQueue, WritesATextThatIsLongerThanAWriteAlone)
     OutboundQueue queue(100, 1000, 10);
     queue.Push(std::string(500, 'a'));
     queue.Push("b");
-    OutboundQueue::Batch batch = queue.BeginWrite();
-    EXPECT_EQ(batch.lines.size(), 500U);
-    queue.FinishWrite(std::move(batch.lines));
-    EXPECT_EQ(queue.BeginWrite().lines, "b");
+    OutboundBatch batch = queue.BeginWrite();
+    EXPECT_EQ(batch.GetSize(), 500U);
+    queue.FinishWrite(std::move(batch));
+    EXPECT_EQ(ToText(queue.BeginWrite()), "b");
 }
 
 TEST(OutboundQueue, ConflatesAndEndsAboveItsMarksAndNotAtThem)
@@ -110,11 +117,11 @@ TEST(OutboundQueue, KeepsOnlyWhatIsBeingWrittenWhenItIsCleared)
     OutboundQueue queue(100, 200, 30);
     queue.Push(std::string(30, 'a'));
     queue.Push(std::string(30, 'b'));
-    OutboundQueue::Batch batch = queue.BeginWrite();
+    OutboundBatch batch = queue.BeginWrite();
     queue.Clear();
     EXPECT_TRUE(queue.IsEmpty());
     EXPECT_EQ(queue.GetUnsent(), 30U);
-    queue.FinishWrite(std::move(batch.lines));
+    queue.FinishWrite(std::move(batch));
     EXPECT_EQ(queue.GetUnsent(), 0U);
 }
 
@@ -122,9 +129,50 @@ TEST(OutboundQueue, BeginsAfreshWithTheMemoryOfWhatWasWritten)
 {
     OutboundQueue queue(100, 200);
     queue.Push("old");
-    queue.FinishWrite(queue.BeginWrite().lines);
+    queue.FinishWrite(queue.BeginWrite());
     queue.Push("new");
-    EXPECT_EQ(queue.BeginWrite().lines, "new");
+    EXPECT_EQ(ToText(queue.BeginWrite()), "new");
+}
+
+TEST(OutboundQueue, SharesLongTextsAndCopiesShortOnes)
+{
+    OutboundQueue queue(100'000, 100'000);
+    const auto shortText = std::make_shared<const std::string>("short");
+    const auto longText = std::make_shared<const std::string>(OutboundBatch::kShareFrom_bytes, 'x');
+    queue.Push(shortText);
+    queue.Push(longText, 7);
+    queue.Push(longText);
+    queue.Push("end");
+    EXPECT_EQ(shortText.use_count(), 1);
+    EXPECT_EQ(longText.use_count(), 3);
+    OutboundBatch batch = queue.BeginWrite();
+    EXPECT_EQ(ToText(batch), "short\n" + *longText + "\n" + *longText + "\nend");
+    EXPECT_EQ(batch.GetSize(), ToText(batch).size());
+    EXPECT_EQ(batch.GetLineCount(), 10U);
+    queue.FinishWrite(std::move(batch));
+    EXPECT_EQ(longText.use_count(), 1) << "what has been written is let go";
+    EXPECT_EQ(queue.GetUnsent(), 0U);
+}
+
+TEST(OutboundQueue, KeepsTheOrderOfManyTextsOfAllLengths)
+{
+    OutboundQueue queue(100'000'000, 100'000'000);
+    std::string expected;
+    for (std::size_t i = 0; i < 2000; ++i)
+    {
+        const auto text = std::make_shared<const std::string>((i * 37) % 5000, static_cast<char>('a' + i % 26));
+        expected += *text + '\n';
+        queue.Push(text);
+    }
+    std::string all;
+    while (!queue.IsEmpty())
+    {
+        OutboundBatch batch = queue.BeginWrite();
+        EXPECT_LE(batch.GetSize(), OutboundQueue::kWriteBytes);
+        all += ToText(batch) + '\n';
+        queue.FinishWrite(std::move(batch));
+    }
+    EXPECT_EQ(all, expected);
 }
 
 // --- Mailbox ---
