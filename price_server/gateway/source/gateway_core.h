@@ -41,7 +41,8 @@ struct GatewayCounts
     std::atomic<std::uint64_t> connections{0}; ///< open now
     std::atomic<std::uint64_t> sessions{0};    ///< open now
     std::atomic<std::uint64_t> sessionsEver{0};
-    std::atomic<std::uint64_t> requests{0}; ///< HTTP
+    std::atomic<std::uint64_t> requests{0};        ///< HTTP
+    std::atomic<std::uint64_t> refusedRequests{0}; ///< HTTP, for being too many
     std::atomic<std::uint64_t> refusedTokens{0};
     std::atomic<std::uint64_t> tooSlow{0};    ///< sessions ended for it
     std::atomic<std::uint64_t> conflated{0};  ///< books, of sessions that have ended
@@ -101,6 +102,8 @@ public:
     void Enter(const std::shared_ptr<ClientSession>& session);
     void Leave(std::uint64_t number);
     std::vector<std::shared_ptr<ClientSession>> GetSessions() const;
+    /// False: HTTP requests come faster than they may, all of them together.
+    bool AdmitRequest() { return m_httpRequests.Take(RateLimit::Clock::now()); }
     void CountRefusedToken() noexcept { ++m_counts.refusedTokens; }
     /// Nothing is taken from the executors any more. Before what runs `post`'s tasks dies.
     void CloseMailboxes();
@@ -126,6 +129,7 @@ private:
     std::chrono::steady_clock::time_point m_instrumentsRead{};
     std::optional<DirectoryVersion> m_instrumentsVersion; ///< none: never read
     std::vector<ListedInstrument> m_instruments;
+    RateLimit m_httpRequests{static_cast<double>(m_options.limits.httpRequests_per_second), RateLimit::Clock::now()};
     RateLimit m_nearNames{kNearNamesPerSecond, RateLimit::Clock::now()};
     std::unordered_map<std::string, std::size_t> m_instrumentByName;
     std::unordered_map<std::string, std::size_t> m_instrumentByFirstSymbol; ///< behind its market's id

@@ -68,6 +68,8 @@ std::string WriteMetrics(GatewayCore& core)
         number(counts.sessionsEver));
     add("price_server_gateway_http_requests_total", "HTTP requests served.", MetricType::Counter,
         number(counts.requests));
+    add("price_server_gateway_refused_requests_total", "HTTP requests refused because they came too fast.",
+        MetricType::Counter, number(counts.refusedRequests));
     add("price_server_gateway_refused_tokens_total", "Tokens that were wrong.", MetricType::Counter,
         number(counts.refusedTokens));
     add("price_server_gateway_slow_sessions_total", "Sessions ended because they were too slow.", MetricType::Counter,

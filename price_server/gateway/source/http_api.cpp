@@ -1,13 +1,9 @@
 #include "http_api.h"
 
 #include "client_session.h"
-#include "gateway/component_name.h"
 #include "gateway/protocol.h"
 #include "gateway_metrics.h"
 #include "metrics/metrics.h"
-#include "price_unifier/source/composite_instrument_subscription.h"
-#include "price_unifier/source/composite_subscription_mgr.h"
-#include "simple_subscription/simple_subscription_mgr.h"
 
 #include <boost/json.hpp>
 
@@ -20,7 +16,6 @@ namespace ps_ns::gateway
 {
 
 namespace json = boost::json;
-using ps_messages_ns::SubscriptionResult;
 
 namespace
 {
@@ -41,16 +36,10 @@ HttpAnswer MakeJson(const json::value& value)
     return answer;
 }
 
-std::string GetParameter(const HttpQuery& query, std::string_view name)
-{
-    const auto found = query.parameters.find(name);
-    return found == query.parameters.end() ? "" : found->second;
-}
-
 /// Nothing when the parameter is there and is no such number.
 std::optional<std::size_t> GetNumber(const HttpQuery& query, std::string_view name, std::size_t absent)
 {
-    const std::string text = GetParameter(query, name);
+    const std::string text = query.GetParameter(name);
     if (text.empty())
     {
         return absent;
@@ -58,66 +47,6 @@ std::optional<std::size_t> GetNumber(const HttpQuery& query, std::string_view na
     std::size_t number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     return error == std::errc() && end == text.data() + text.size() ? std::optional<std::size_t>(number) : std::nullopt;
-}
-
-const char* GetProviderName(ProviderType::Value provider)
-{
-    return provider == ProviderType::Mds ? "mds" : "zel";
-}
-
-json::object ToObject(const CompositeSubscriptionInfo& scope)
-{
-    return {{"depth", scope.depth},
-            {"interval_ms", scope.conflationInterval_ms},
-            {"trades", scope.trades},
-            {"fields", scope.customFields}};
-}
-
-json::object ToObject(SubscriptionResult::Value result)
-{
-    return {{"code", static_cast<int>(result)},
-            {"name", SubscriptionResult::GetName(result)},
-            {"meaning", SubscriptionResult::GetMeaning(result)}};
-}
-
-json::array GetComponents(const CompositeInstrumentSubscription& subscription)
-{
-    json::array components;
-    for (const auto type : kComponents)
-    {
-        const ComponentView view = subscription.GetComponentView(type);
-        if (view.isWanted)
-        {
-            components.push_back(json::object{{"component", GetComponentName(type)},
-                                              {"symbol", view.symbol},
-                                              {"provider", GetProviderName(view.provider)},
-                                              {"is_final", view.isDecided},
-                                              {"is_subscribed", view.isSubscribed},
-                                              {"result", ToObject(view.result)}});
-        }
-    }
-    return components;
-}
-
-json::object ToObject(const CompositeInstrumentSubscription& subscription, const MarketTable& markets)
-{
-    const CompositeInstrumentDef& def = subscription.GetDefinition();
-    json::array holders;
-    subscription.ForEachScope(
-        [&](unsigned long id, const CompositeSubscriptionInfo& scope, const std::string& holder) {
-            holders.push_back(json::object{{"id", id}, {"holder", holder}, {"scope", ToObject(scope)}});
-        });
-    const auto time_ns = subscription.GetLastUpdateTime_ns();
-    return {
-        {"instrument", markets.Get(def.marketId).name + ":" + def.GetSymbol()},
-        {"symbol", subscription.GetSymbol()},
-        {"provider", GetProviderName(subscription.GetProviderType())},
-        {"state", subscription.GetLifeState() == CompositeInstrumentSubscription::Active ? "active" : "unsubscribed"},
-        {"merged_scope", ToObject(subscription.GetMergedScope())},
-        {"components", GetComponents(subscription)},
-        {"holders", std::move(holders)},
-        {"callbacks", subscription.GetCountsAsString()},
-        {"last_update_ns", time_ns == 0 ? json::value(nullptr) : json::value(std::to_string(time_ns))}};
 }
 
 json::object ToObject(const SessionView& view)
@@ -245,8 +174,8 @@ HttpAnswer HttpApi::GetInstruments(const HttpQuery& query) const
     {
         return MakeHttpError(400, "bad_value", "offset", "a whole number expected");
     }
-    const std::string search = ToLower(GetParameter(query, "search"));
-    const std::string market = GetParameter(query, "market");
+    const std::string search = ToLower(query.GetParameter("search"));
+    const std::string market = query.GetParameter("market");
     json::array listed;
     std::size_t total = 0;
     for (const ListedInstrument& instrument : m_core.GetInstruments())
@@ -278,53 +207,9 @@ HttpAnswer HttpApi::GetSessions() const
     return MakeJson(json::object{{"sessions", std::move(sessions)}});
 }
 
-void HttpApi::ReadSubscriptions(std::function<HttpAnswer(std::string)> make, const Respond& respond,
-                                std::function<bool(const CompositeInstrumentDef&)> matches)
-{
-    const bool isTaken = m_core.GetBackend().RunOnQueue(
-        [make, respond, matches = std::move(matches), post = m_post](CompositeSubscriptionMgr&,
-                                                                     SimpleSubscriptionMgr& simple)
-        {
-            json::array found;
-            simple.GetRegistry().ForEach(
-                [&](const EnrolledSubscription& enrolled)
-                {
-                    const auto* const subscription = dynamic_cast<const CompositeInstrumentSubscription*>(&enrolled);
-                    if (subscription != nullptr && matches(subscription->GetDefinition()))
-                    {
-                        found.push_back(ToObject(*subscription, simple.GetMarkets()));
-                    }
-                });
-            std::sort(found.begin(), found.end(),
-                      [](const json::value& a, const json::value& b)
-                      { return a.at("instrument").as_string() < b.at("instrument").as_string(); });
-            post([respond, answer = make(json::serialize(found))] { respond(answer); });
-        });
-    if (!isTaken)
-    {
-        respond(MakeHttpError(503, "not_ready", "", "the server is starting or stopping"));
-    }
-}
-
-void HttpApi::GetSubscriptions(const HttpQuery& query, const Respond& respond)
-{
-    const std::string market = GetParameter(query, "market");
-    const std::string symbol = GetParameter(query, "symbol");
-    ReadSubscriptions(
-        [](std::string found) {
-            return HttpAnswer{200, "application/json", "{\"subscriptions\":" + std::move(found) + "}", {}};
-        },
-        respond,
-        [market, symbol, markets = &m_core.GetBackend().GetMarkets()](const CompositeInstrumentDef& def)
-        {
-            return (symbol.empty() || def.GetSymbol() == symbol) &&
-                   (market.empty() || markets->Get(def.marketId).name == market);
-        });
-}
-
 void HttpApi::Explain(const HttpQuery& query, const Respond& respond)
 {
-    const std::string name = GetParameter(query, "instrument");
+    const std::string name = query.GetParameter("instrument");
     if (name.empty())
     {
         return respond(MakeHttpError(400, "bad_value", "instrument", "MARKET:SYMBOL expected"));

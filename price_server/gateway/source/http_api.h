@@ -4,10 +4,14 @@
 #include "gateway_core.h"
 #include "static_files.h"
 
+#include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace ps_ns::gateway
@@ -21,6 +25,13 @@ struct HttpQuery
     std::optional<Identity> identity; ///< empty: a token is demanded, and none was shown
     bool acceptsGzip = false;
     std::string ifNoneMatch;
+
+    /// Empty when there is none.
+    std::string GetParameter(std::string_view name) const
+    {
+        const auto found = parameters.find(name);
+        return found == parameters.end() ? "" : found->second;
+    }
 };
 
 struct HttpAnswer
@@ -60,14 +71,19 @@ private:
     void GetSubscriptions(const HttpQuery& query, const Respond& respond);
     void Explain(const HttpQuery& query, const Respond& respond);
     HttpAnswer GetFile(const HttpQuery& query) const;
+    class Reading;
     /// Reads the composite subscriptions on the data-queue thread: those of an identity, or all.
     void ReadSubscriptions(std::function<HttpAnswer(std::string)> make, const Respond& respond,
                            std::function<bool(const CompositeInstrumentDef&)> matches);
+
+    void Answer(std::uint64_t reading, HttpAnswer answer);
 
     GatewayCore& m_core;
     const StaticFiles& m_files;
     const std::function<void(std::function<void()>)> m_post;
     const std::uint64_t m_started_ns;
+    std::uint64_t m_lastReading = 0;
+    std::unordered_map<std::uint64_t, Respond> m_awaiting; ///< by number of the reading
 };
 
 } // namespace ps_ns::gateway

@@ -33,6 +33,7 @@ public:
         : m_context(context)
         , m_stream(std::move(stream))
         , m_remote(std::move(remote))
+        , m_rate(GetLimits().requests_per_second, RateLimit::Clock::now())
     {
         ++m_context.core.Counts().connections;
     }
@@ -140,6 +141,13 @@ private:
             answer.headers.emplace_back("Allow", "GET, HEAD");
             return Respond(std::move(answer));
         }
+        if (!Admits(query.path))
+        {
+            ++m_context.core.Counts().refusedRequests;
+            HttpAnswer answer = MakeHttpError(429, "too_many_requests", "", "requests come too fast; try again later");
+            answer.headers.emplace_back("Retry-After", "1");
+            return Respond(std::move(answer));
+        }
         query.identity = Identify(request);
         if (query.path == "/ws")
         {
@@ -150,6 +158,12 @@ private:
         beast::get_lowest_layer(m_stream).expires_after(GetLimits().handshake);
         m_context.api.Handle(query, [self = this->shared_from_this()](HttpAnswer answer)
                              { self->Respond(std::move(answer)); });
+    }
+
+    /// Whoever watches the server's health is not kept out by others who ask too much.
+    bool Admits(const std::string& path)
+    {
+        return m_rate.Take(RateLimit::Clock::now()) && (path.starts_with("/-/") || m_context.core.AdmitRequest());
     }
 
     std::optional<Identity> Identify(const HttpRequest& request) const
@@ -330,6 +344,7 @@ private:
     GatewayContext& m_context;
     Stream m_stream;
     const std::string m_remote;
+    RateLimit m_rate;
     beast::flat_buffer m_buffer;
     std::optional<http::request_parser<http::empty_body>> m_parser;
     std::optional<http::response<http::string_body>> m_response;

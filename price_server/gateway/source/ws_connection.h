@@ -4,6 +4,7 @@
 #include "gateway_core.h"
 #include "handshake.h"
 #include "i_connection.h"
+#include "socket_progress.h"
 
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -11,6 +12,8 @@
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
 
+#include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -109,12 +112,13 @@ public:
         }
         const Limits& limits = m_core.GetOptions().limits;
         constexpr std::chrono::seconds kAsleep{1};
-        if (m_session->GetWriteAge(now) > kAsleep)
+        const Clock::duration stall = GetStall(now);
+        if (stall > kAsleep)
         {
             m_session->ForgetSent();
         }
         const Clock::duration silence = now - m_lastHeard;
-        if (m_session->GetWriteAge(now) > limits.stall)
+        if (stall > limits.stall)
         {
             ++m_core.Counts().tooSlow;
             Close({1013, "too slow: nothing was taken for too long"});
@@ -195,6 +199,21 @@ private:
         m_buffer.consume(m_buffer.size());
         AfterSession();
         Read(); // also while closing: the answer to the close comes this way
+    }
+
+    /// For how long the client has taken nothing of the write under way; zero when there is none.
+    Clock::duration GetStall(Clock::time_point now)
+    {
+        if (!m_isWriting)
+        {
+            return Clock::duration::zero();
+        }
+        const std::uint64_t taken = GetTakenBytes(beast::get_lowest_layer(m_ws).socket().native_handle());
+        if (std::exchange(m_takenBytes, taken) != taken)
+        {
+            m_lastTaken = now;
+        }
+        return std::min(m_session->GetWriteAge(now), now - m_lastTaken);
     }
 
     void Ping(Clock::time_point now)
@@ -317,6 +336,8 @@ private:
     bool m_isPinging = false;
     Clock::time_point m_lastHeard; ///< a message, or a control frame
     Clock::time_point m_lastPing{};
+    Clock::time_point m_lastTaken{}; ///< when that was last seen to grow:
+    std::uint64_t m_takenBytes = 0;  ///< by the client's system
     // Of the write under way:
     OutboundBatch m_batch;
     std::vector<asio::const_buffer> m_parts;

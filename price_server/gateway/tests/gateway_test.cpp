@@ -5,11 +5,13 @@
 #include <boost/asio/connect.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <chrono>
 #include <future>
 #include <memory>
@@ -23,6 +25,7 @@ namespace
 
 namespace asio = boost::asio;
 namespace beast = boost::beast;
+namespace http = beast::http;
 namespace websocket = beast::websocket;
 using asio::ip::tcp;
 using Clock = std::chrono::steady_clock;
@@ -50,10 +53,16 @@ protected:
     /// Blocks in its calls, as a simple client does.
     struct Client
     {
-        explicit Client(std::uint16_t port)
+        /// `receiveBuffer_bytes`: of the system; 0: as it likes.
+        explicit Client(std::uint16_t port, int receiveBuffer_bytes = 0)
             : ws(io)
         {
-            beast::get_lowest_layer(ws).connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), port));
+            ws.next_layer().open(tcp::v4());
+            if (receiveBuffer_bytes != 0)
+            {
+                ws.next_layer().set_option(asio::socket_base::receive_buffer_size(receiveBuffer_bytes));
+            }
+            ws.next_layer().connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), port));
         }
         void Shake() { ws.handshake("127.0.0.1", "/ws"); }
         /// Reads until the session ends; its close code, or 0.
@@ -69,6 +78,33 @@ protected:
             return error == websocket::error::closed ? ws.reason().code : 0U;
         }
 
+        http::response<http::string_body> Ask(const std::string& path)
+        {
+            constexpr unsigned kVersion11 = 11;
+            http::request<http::empty_body> request(http::verb::get, path, kVersion11);
+            request.set(http::field::host, "127.0.0.1");
+            http::write(ws.next_layer(), request);
+            beast::flat_buffer buffer;
+            http::response<http::string_body> response;
+            http::read(ws.next_layer(), buffer, response);
+            return response;
+        }
+        /// Thousands of requests, whose answers are not read.
+        void Flood()
+        {
+            ws.text(true);
+            const std::string line = R"({"type":"ping","request":"0123456789012345678901234567890123456789"})";
+            std::string message;
+            while (message.size() + line.size() < 60'000)
+            {
+                message += line + "\n";
+            }
+            for (int i = 0; i < 200; ++i)
+            {
+                ws.write(asio::buffer(message));
+            }
+        }
+
         asio::io_context io;
         websocket::stream<tcp::socket> ws;
         int messages = 0;
@@ -81,6 +117,8 @@ protected:
         gateway->Start();
         return *gateway;
     }
+
+    std::string Get(const std::string& path) const { return Client(gateway->GetPort()).Ask(path).body(); }
 
     GatewayOptions options;
     EmptyBackend backend;
@@ -161,21 +199,65 @@ TEST_F(GatewayTest, TellsASessionThatWakesInTimeThatItWasTooSlow)
     Client client(Start().GetPort());
     client.Shake();
     // Answers to thousands of requests that it does not read.
-    client.ws.text(true);
-    const std::string line = R"({"type":"ping","request":"0123456789012345678901234567890123456789"})";
-    std::string message;
-    while (message.size() + line.size() < 60'000)
-    {
-        message += line + "\n";
-    }
-    for (int i = 0; i < 200; ++i)
-    {
-        client.ws.write(asio::buffer(message));
-    }
+    client.Flood();
     // Longer than the session may stall, and shorter than its end is waited for.
     std::promise<void> never;
     never.get_future().wait_for(1500ms);
     EXPECT_EQ(client.ReadToEnd(), 1013U);
+}
+
+TEST_F(GatewayTest, LetsASlowClientBeThatTakesALittleNowAndThen)
+{
+    options.limits.stall = 700ms;
+    options.limits.requests_per_second = 1'000'000;
+    options.limits.close_bytes = 64'000'000;
+    options.limits.idle = 60'000ms;
+    Client client(Start().GetPort(), 8192);
+    client.Shake();
+    client.Flood();
+    // One write of the server takes longer than it may stall, and is seen to go on.
+    beast::error_code error;
+    std::array<char, 4096> some{};
+    for (const auto end = Clock::now() + 4s; Clock::now() < end && !error;)
+    {
+        asio::read(client.ws.next_layer(), asio::buffer(some), error);
+        std::promise<void> never;
+        never.get_future().wait_for(100ms);
+    }
+    EXPECT_FALSE(error) << error.message();
+    EXPECT_NE(Get("/metrics").find("price_server_gateway_slow_sessions_total 0\n"), std::string::npos);
+}
+
+TEST_F(GatewayTest, RefusesRequestsThatComeTooFastOfAConnectionAndOfAllTogether)
+{
+    options.limits.requests_per_second = 3; // six at once
+    options.limits.httpRequests_per_second = 5;
+    Start();
+    Client first(gateway->GetPort());
+    int served = 0;
+    auto answer = first.Ask("/-/healthy");
+    for (; answer.result() == http::status::ok && served < 100; ++served)
+    {
+        answer = first.Ask("/-/healthy");
+    }
+    EXPECT_GE(served, 6);
+    EXPECT_LT(served, 100);
+    EXPECT_EQ(answer.result_int(), 429U);
+    EXPECT_EQ(answer[http::field::retry_after], "1");
+    EXPECT_NE(answer.body().find("too_many_requests"), std::string::npos);
+
+    served = 0;
+    std::vector<std::unique_ptr<Client>> others;
+    do
+    {
+        others.push_back(std::make_unique<Client>(gateway->GetPort()));
+        answer = others.back()->Ask("/api/v1/status");
+        ++served;
+    } while (answer.result() == http::status::ok && served < 200);
+    EXPECT_GE(served, 10);
+    EXPECT_LT(served, 200);
+    EXPECT_EQ(answer.result_int(), 429U);
+    EXPECT_EQ(others.back()->Ask("/-/healthy").result(), http::status::ok) << "health is told to anybody";
 }
 
 TEST_F(GatewayTest, StopsWithConnectionsOfEveryKindOpen)

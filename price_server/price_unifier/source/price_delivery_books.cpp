@@ -1,5 +1,6 @@
 #include "price_unifier/source/price_delivery.h"
 
+#include "common/tick_clock.h"
 #include "composite_price/i_composite_price_factory.h"
 #include "price_unifier/source/composite_subscription_mgr.h"
 #include "price_unifier/source/detail/call_observer.h"
@@ -121,7 +122,8 @@ public:
     CallbackTimer(CompositeSubscriptionMgr& manager, CallbackCounts& counts)
         : m_manager(manager)
         , m_counts(counts)
-        , m_begin(PriceDelivery::Clock::now())
+        , m_clock(TickClock::Get())
+        , m_begin(m_clock.Now())
     {
     }
     ~CallbackTimer() { Finish(); }
@@ -130,19 +132,19 @@ public:
 
     void NoteCallback()
     {
-        const PriceDelivery::Clock::time_point now = PriceDelivery::Clock::now();
-        const auto duration = std::chrono::duration_cast<std::chrono::nanoseconds>(now - m_begin);
-        m_times.Add(static_cast<std::uint64_t>(duration.count()));
+        const std::uint64_t now = m_clock.Now();
+        m_times.Add(now - m_begin);
         m_begin = now;
     }
     /// The next callback begins now.
-    void Restart() { m_begin = PriceDelivery::Clock::now(); }
+    void Restart() { m_begin = m_clock.Now(); }
     /// Adds what has been measured.
     void Finish()
     {
         if (m_times.count != 0)
         {
-            m_manager.UpdateSnapshotTimes(m_times);
+            m_manager.UpdateSnapshotTimes({m_clock.ToNanoseconds(m_times.min), m_clock.ToNanoseconds(m_times.max),
+                                           m_clock.ToNanoseconds(m_times.total), m_times.count});
             m_counts.books.fetch_add(m_times.count, std::memory_order_relaxed);
             m_times = {};
         }
@@ -151,8 +153,9 @@ public:
 private:
     CompositeSubscriptionMgr& m_manager;
     CallbackCounts& m_counts;
-    PriceDelivery::Clock::time_point m_begin;
-    CallbackTimes m_times;
+    const TickClock& m_clock;
+    std::uint64_t m_begin;
+    CallbackTimes m_times; ///< in ticks
 };
 
 } // namespace

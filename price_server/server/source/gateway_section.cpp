@@ -48,6 +48,8 @@ public:
             settings.maxSessions = Number(At(*limits), "sessions", settings.maxSessions);
             settings.maxSubscriptions = Number(At(*limits), "subscriptions", settings.maxSubscriptions);
             settings.maxRequestsPerSecond = Number(At(*limits), "requestsPerSecond", settings.maxRequestsPerSecond);
+            settings.maxHttpRequestsPerSecond =
+                Number(At(*limits), "httpRequestsPerSecond", settings.maxHttpRequestsPerSecond);
         }
         return std::move(m_result);
     }

@@ -59,6 +59,7 @@ gateway::GatewayOptions MakeGatewayOptions(const GatewaySettings& settings)
     options.limits.connections = 2 * std::size_t{settings.maxSessions};
     options.limits.subscriptions = settings.maxSubscriptions;
     options.limits.requests_per_second = settings.maxRequestsPerSecond;
+    options.limits.httpRequests_per_second = settings.maxHttpRequestsPerSecond;
     options.version = PRICE_SERVER_VERSION;
     options.build = PRICE_SERVER_REVISION;
     return options;

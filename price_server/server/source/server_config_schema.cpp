@@ -117,7 +117,8 @@ ElementRule GatewayRule()
     const ElementRule limits{.name = "Limits",
                              .attributes = {Optional("sessions", ValueRule::Unsigned(1, kMillion)),
                                             Optional("subscriptions", ValueRule::Unsigned(1, kMillion)),
-                                            Optional("requestsPerSecond", ValueRule::Unsigned(1, kMillion))}};
+                                            Optional("requestsPerSecond", ValueRule::Unsigned(1, kMillion)),
+                                            Optional("httpRequestsPerSecond", ValueRule::Unsigned(1, kMillion))}};
     return {.name = "Gateway",
             .attributes = {Optional("address", ValueRule::Text(1, 255)),
                            Optional("port", ValueRule::Unsigned(0, 65535)), Optional("webRoot", ValueRule::FilePath()),

@@ -45,7 +45,8 @@ struct Limits
     std::size_t sessions = 4096;               ///< WebSocket sessions at a time
     std::size_t connections = 8192;            ///< connections at a time, those that are no sessions included
     std::size_t subscriptions = 200;           ///< of one session
-    unsigned requests_per_second = 100;        ///< of one session; twice as many at once
+    unsigned requests_per_second = 100;        ///< of one session or HTTP connection; twice as many at once
+    unsigned httpRequests_per_second = 1000;   ///< of all HTTP connections; twice as many at once; /-/… is free
     std::size_t conflate_bytes = 256 * 1024;   ///< unsent; above it books conflate
     std::size_t close_bytes = 1024 * 1024;     ///< unsent; above it the session ends
     std::chrono::milliseconds handshake{5000}; ///< for TLS, for a request's header, for a token

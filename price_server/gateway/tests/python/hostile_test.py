@@ -103,7 +103,8 @@ def is_healthy(port):
 def main():
     arguments = parse_arguments(("count", int, 100_000), ("seed", int, 20270601))
     rng = random.Random(arguments.seed)
-    server = Server(arguments.server, duration=3600)
+    server = Server(arguments.server, gateway='<Gateway port="0"><Limits httpRequestsPerSecond="1000000"/></Gateway>',
+                    duration=3600)
     silent = []
     frames = handshakes = 0
     samples = []

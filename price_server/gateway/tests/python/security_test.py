@@ -370,6 +370,14 @@ def limits(program):
                     ("3", "too_many_subscriptions"))
         client.send(*[{"type": "ping", "request": "p"} for _ in range(12)])
         cases.equal(group, "the rate", client.receive_type("error")["code"], "too_many_requests")
+        with socket.create_connection(("127.0.0.1", server.port)) as eager:
+            eager.sendall(b"GET /-/healthy HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n" * 30)
+            eager.settimeout(5)
+            text = b""
+            while text.count(b"HTTP/1.1") < 30:
+                text += eager.recv(65536)
+        cases.equal(group, "requests on one connection that come too fast", b" 429 " in text, True)
+        cases.equal(group, "those before are served", b" 200 " in text, True)
         idle = [socket.create_connection(("127.0.0.1", server.port)) for _ in range(20)]
         time.sleep(0.2)
         late = http(server.port, "GET", "/-/healthy")

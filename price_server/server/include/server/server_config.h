@@ -115,7 +115,8 @@ struct GatewaySettings
     unsigned drain_ms = 0;            ///< how long a stop lets clients be after it has stopped being ready
     unsigned maxSessions = 4096;
     unsigned maxSubscriptions = 200; ///< of one session
-    unsigned maxRequestsPerSecond = 100;
+    unsigned maxRequestsPerSecond = 100;      ///< of one session or HTTP connection
+    unsigned maxHttpRequestsPerSecond = 1000; ///< of all HTTP connections
 };
 
 /// Everything that the server is told by its configuration file, with the defaults in place. A plain value.
