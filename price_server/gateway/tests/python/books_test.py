@@ -1,5 +1,6 @@
 """Books of recorded markets: what updates make of an image is what the server's images show."""
 
+import collections
 import glob
 import json
 import sys
@@ -30,15 +31,33 @@ def cut(book, depth):
     return {side: book[side][:depth] for side in ("bids", "asks")}
 
 
+class History:
+    """The newest books that a session has had, by instrument, depth, epoch and sequence."""
+    MOST = 200_000
+
+    def __init__(self):
+        self.books = collections.OrderedDict()
+
+    def add(self, key, book):
+        self.books[key] = book
+        if len(self.books) > self.MOST:
+            self.books.popitem(last=False)
+
+    def get(self, key):
+        return self.books.get(key)
+
+
 class Follower:
-    """Applies what one session brings, and keeps the books it has had, by instrument, depth, epoch and sequence."""
+    """Applies what one session brings, and compares it: its images with the books that it has applied, each with what
+    the other session had, and with the books of other depths."""
 
     def __init__(self, port, instruments, asks_images, keep):
         self.client = Client(port, timeout=10, protocol="price-server.v1")
         self.hello = self.client.receive_type("hello")
         self.asks_images = asks_images
         self.keep = keep
-        self.books, self.names, self.history = {}, {}, {}
+        self.books, self.names, self.history, self.other = {}, {}, History(), None
+        self.across = self.between = 0
         self.images = self.updates = self.compared = self.asked = 0
         self.differences, self.broken, self.conflated = [], [], 0
         for instrument in instruments:
@@ -87,23 +106,43 @@ class Follower:
         except AssertionError as error:
             self.broken.append(f"{key}: {error}")
         if self.keep:
-            self.history[(*key, book.epoch, book.sequence)] = book.as_image()
+            self.note((*key, book.epoch, book.sequence), book.as_image())
         elif kind == "image":
-            self.history[(*key, book.epoch, book.sequence)] = {side: message[side] for side in ("bids", "asks")}
+            self.note((*key, book.epoch, book.sequence), {side: message[side] for side in ("bids", "asks")})
 
+    def note(self, key, book):
+        self.history.add(key, book)
+        instrument, depth, epoch, sequence = key
+        theirs = self.other.history.get(key)
+        if theirs is not None:
+            self.across += 1
+            self.expect(theirs == book, f"{key}: another session had another book")
+        if not self.keep:
+            return
+        at = DEPTHS.index(depth)
+        for other in DEPTHS[at - 1:at] + DEPTHS[at + 1:at + 2] if at else DEPTHS[1:2]:
+            same = self.history.get((instrument, other, epoch, sequence))
+            if same is not None:
+                self.between += 1
+                self.expect(cut(same, min(depth, other)) == cut(book, min(depth, other)), f"{key}: not as at {other}")
 
-def common(asked, applied):
-    """The books that both have had, by instrument, depth, epoch and sequence."""
-    return list(asked.history.copy().keys() & applied.history.copy().keys())
+    def expect(self, is_true, difference):
+        if not is_true:
+            self.differences.append(difference)
 
 
 def wait(applied, asked, seconds, least):
     """At least so long, and until enough was compared: how long that takes is the machine's affair."""
     begin = time.monotonic()
+    next_word = begin + 30
     while time.monotonic() < begin + seconds + PATIENCE:
         time.sleep(0.25)
-        if time.monotonic() >= begin + seconds and asked.compared >= least and len(common(asked, applied)) >= least:
+        if time.monotonic() >= begin + seconds and min(asked.compared, asked.across + applied.across) >= least:
             break
+        if time.monotonic() >= next_word:
+            next_word += 30
+            print(f"{time.monotonic() - begin:.0f} s: {applied.updates + asked.updates} updates applied, "
+                  f"{len(applied.differences) + len(asked.differences)} differences", file=sys.stderr, flush=True)
     return time.monotonic() - begin
 
 
@@ -120,6 +159,7 @@ def main():
         listed = json.loads(http(server.port, "GET", "/api/v1/instruments?limit=1000").body)["instruments"]
         instruments = [entry["instrument"] for entry in listed]
         followers = [Follower(server.port, instruments, asks_images=i == 1, keep=i == 0) for i in range(2)]
+        followers[0].other, followers[1].other = followers[1], followers[0]
         end = threading.Event()
         threads = [threading.Thread(target=follower.run, args=(end,)) for follower in followers]
         for thread in threads:
@@ -133,25 +173,15 @@ def main():
     applied, asked = followers
     for name, follower in (("applying", applied), ("asking", asked)):
         cases.equal("protocol", f"{name} session: rules that were broken", follower.broken[:5], [])
-        cases.equal("images against applied books", f"{name} session: differences", follower.differences[:5], [])
+        cases.equal("books", f"{name} session: differences", follower.differences[:5], [])
         follower.client.close()
     cases.check("images against applied books", f"{asked.compared} compared on one session", asked.compared >= least)
-    across = common(asked, applied)
-    differences = [key for key in across if asked.history[key] != applied.history[key]]
-    cases.equal("images of one session against books of another", "differences", differences[:5], [])
-    cases.check("images of one session against books of another", f"{len(across)} compared", len(across) >= least)
-    between = differing = 0
-    for (instrument, depth, epoch, sequence), book in applied.history.items():
-        deeper = applied.history.get((instrument, DEPTHS[DEPTHS.index(depth) + 1], epoch, sequence)) \
-            if depth != DEPTHS[-1] else None
-        if deeper is not None:
-            between += 1
-            differing += cut(deeper, depth) != book
-    cases.equal("depths", "a book is the top of the deeper one: differences", differing, 0)
-    cases.check("depths", f"{between} compared", between >= least)
+    across = asked.across + applied.across
+    cases.check("books of one session against those of another", f"{across} compared", across >= least)
+    cases.check("depths", f"{applied.between} compared", applied.between >= least)
     print(f"{len(instruments)} instruments at speed {speed}, depths {DEPTHS}, {lasted:.1f} s: "
           f"{applied.images + asked.images} images, {applied.updates + asked.updates} updates applied, "
-          f"{asked.compared + len(across) + between} comparisons, {applied.conflated + asked.conflated} books conflated")
+          f"{asked.compared + across + applied.between} comparisons, {applied.conflated + asked.conflated} books conflated")
     return cases.finish()
 
 
