@@ -74,6 +74,7 @@ void CompareKeys(Runner& runner);
 void CompareMerge(Runner& runner);
 void CompareDelivery(Runner& runner);
 void CompareRequests(Runner& runner);
+void CompareLifeCycles(Runner& runner);
 void CompareReplay(Runner& runner);
 
 } // namespace compare

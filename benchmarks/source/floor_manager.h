@@ -6,6 +6,7 @@
 
 #include <absl/container/flat_hash_map.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -27,7 +28,7 @@ public:
     FloorManager() = default;
     ~FloorManager()
     {
-        for (Block* const block : m_byHandle)
+        for (const auto& [identity, block] : m_byIdentity)
         {
             Destroy(block);
         }
@@ -54,7 +55,41 @@ public:
         Destroy(block);
     }
 
+    // Flexible clients: a block for the instrument, with a list of them.
+
+    void Join(const ps_ns::CompositeInstrumentDef& def, unsigned long id)
+    {
+        const auto [entry, isNew] = m_byIdentity.try_emplace(Identity(def), nullptr);
+        if (isNew)
+        {
+            entry->second = Make(def);
+        }
+        entry->second->clients.push_back({id, {5, 0, false, false}, m_flexibleObserver});
+    }
+    void ChangeScope(const ps_ns::CompositeInstrumentDef& def, unsigned long id, std::int32_t depth)
+    {
+        FindClient(*m_byIdentity.find(Identity(def))->second, id)->scope.depth = depth;
+    }
+    void Leave(const ps_ns::CompositeInstrumentDef& def, unsigned long id)
+    {
+        const auto entry = m_byIdentity.find(Identity(def));
+        Block* const block = entry->second;
+        block->clients.erase(FindClient(*block, id));
+        if (block->clients.empty())
+        {
+            m_byIdentity.erase(entry);
+            Destroy(block);
+        }
+    }
+
 private:
+    struct Client
+    {
+        unsigned long id;
+        ps_ns::CompositeSubscriptionInfo scope;
+        std::shared_ptr<ps_ns::IFlexiblePriceObserver> observer;
+    };
+
     /// The identity of a direct instrument.
     struct Identity
     {
@@ -86,7 +121,14 @@ private:
         ps_ns::CompositeSubscriptionInfo scope;
         std::shared_ptr<ps_ns::ICompositePriceObserver> observer;
         std::uint32_t textBytes;
+        std::vector<Client> clients; ///< empty: a direct client has it
     };
+
+    static std::vector<Client>::iterator FindClient(Block& block, unsigned long id)
+    {
+        return std::find_if(block.clients.begin(), block.clients.end(),
+                            [id](const Client& client) { return client.id == id; });
+    }
 
     static std::size_t SizeOfTexts(const ps_ns::CompositeInstrumentDef& def)
     {
@@ -107,7 +149,8 @@ private:
                    static_cast<std::uint64_t>(def.changeTime_ns), def.flags, def.priority, def.segment, def.assetClass},
                   {5, 0, false, false},
                   m_observer,
-                  static_cast<std::uint32_t>(texts)};
+                  static_cast<std::uint32_t>(texts),
+                  {}};
         char* out = reinterpret_cast<char*>(block + 1);
         const auto put = [&out](const std::string& text)
         {
@@ -137,8 +180,9 @@ private:
     }
 
     const std::shared_ptr<ps_ns::ICompositePriceObserver> m_observer = std::make_shared<QuietObserver>();
-    absl::flat_hash_map<Identity, Block*> m_byIdentity;
-    std::vector<Block*> m_byHandle; ///< owned; the handle is the index and one
+    absl::flat_hash_map<Identity, Block*> m_byIdentity; ///< owned
+    const std::shared_ptr<ps_ns::IFlexiblePriceObserver> m_flexibleObserver = MakeQuietFlexibleObserver(0);
+    std::vector<Block*> m_byHandle; ///< of direct clients; the handle is the index and one
 };
 
 } // namespace compare

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "composite_instrument/local_observer_factory.h"
 #include "composite_price/default_composite_price_factory.h"
 #include "config/config.h"
 #include "price_unifier/source/composite_subscription_mgr.h"
@@ -39,7 +40,8 @@ private:
     ps_ns::InstrumentDirectory m_directory;
 };
 
-/// The project's manager, with everything it posts run at once on the calling thread: queue, then executors.
+/// The project's manager, with everything it posts run at once on the calling thread: queue, then executors. Direct
+/// clients have handles, flexible ones ids.
 class LiveManager
 {
 public:
@@ -77,6 +79,21 @@ public:
         m_manager->Unsubscribe(handle);
         Run();
     }
+    void Join(const ps_ns::CompositeInstrumentDef& def, unsigned long id)
+    {
+        m_manager->Subscribe(def, {5, 0, false, false}, m_factory, m_flexibleObserver, id);
+        Run();
+    }
+    void ChangeScope(const ps_ns::CompositeInstrumentDef& def, unsigned long id, std::int32_t depth)
+    {
+        m_manager->ChangeScope(def, {depth, 0, false, false}, m_flexibleObserver, id, false);
+        Run();
+    }
+    void Leave(const ps_ns::CompositeInstrumentDef& def, unsigned long id)
+    {
+        m_manager->Unsubscribe(def, m_flexibleObserver, id);
+        Run();
+    }
 
 private:
     void Run()
@@ -91,6 +108,8 @@ private:
         std::make_shared<ps_ns::testing::HandDrivenExecutors>();
     ps_ns::SimpleSubscriptionMgr m_simple;
     std::unique_ptr<ps_ns::CompositeSubscriptionMgr> m_manager;
+    ps_ns::LocalObserverFactory m_factory;
+    const std::shared_ptr<ps_ns::IFlexiblePriceObserver> m_flexibleObserver = MakeQuietFlexibleObserver(0);
     const std::shared_ptr<ps_ns::ICompositePriceObserver> m_observer = std::make_shared<QuietObserver>();
 };
 

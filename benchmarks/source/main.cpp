@@ -1,5 +1,6 @@
 #include "comparison.h"
 #include "logging/logging.h"
+#include "resident.h"
 
 #include <CLI/CLI.hpp>
 
@@ -16,11 +17,19 @@ int main(int argc, char** argv)
     app.add_option("--rounds", rounds, "Rounds that count, after one to warm up")->check(CLI::Range(1, 1000));
     app.add_option("--filter", filter, "Only comparisons whose \"group/name\" contains this");
     app.add_option("--json", json, "Write the results to this file as well");
+    std::string resident;
+    std::size_t live = 0;
+    app.add_option("--resident", resident, "Print the memory of a live subscription; for this program itself");
+    app.add_option("--live", live, "Of how many");
     CLI11_PARSE(app, argc, argv);
 
     zel::logging::g_minLogLevel = 100;
     try
     {
+        if (!resident.empty())
+        {
+            return compare::PrintResident(resident, live);
+        }
         compare::Runner runner(rounds, filter, std::cout);
         compare::CompareQueues(runner);
         compare::ComparePacedQueues(runner);
@@ -28,6 +37,7 @@ int main(int argc, char** argv)
         compare::CompareMerge(runner);
         compare::CompareDelivery(runner);
         compare::CompareRequests(runner);
+        compare::CompareLifeCycles(runner);
         compare::CompareReplay(runner);
         if (!json.empty())
         {
