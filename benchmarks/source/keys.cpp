@@ -142,7 +142,8 @@ void CompareKeys(Runner& runner)
                 "hash of a direct instrument's key",
                 {HashAlone<Key::Hasher>("CompositeInstrumentID::Hasher", few),
                  HashAlone<BoostHash>("boost::hash_combine", few), HashAlone<AbslHash>("absl::HashOf", few)}});
-    for (const std::size_t count : {std::size_t{1000}, std::size_t{100'000}, std::size_t{1'000'000}})
+    for (const std::size_t count :
+         {std::size_t{1000}, std::size_t{10'000}, std::size_t{100'000}, std::size_t{1'000'000}})
     {
         const std::string name = "look-up among " + std::to_string(count);
         if (!runner.IsWanted("keys", name))

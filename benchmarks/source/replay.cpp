@@ -16,6 +16,7 @@
 #include <atomic>
 #include <functional>
 #include <map>
+#include <memory>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -118,8 +119,61 @@ void CopyTen(const Levels& levels, Top& top)
     }
 }
 
-/// The same files through the same reader into maps, and the first ten levels copied out after each message: no late
-/// subscriber could be served, nothing is merged, nothing goes to another thread, and the observer is the loop itself.
+/// The direct quantity and the implied one of a price.
+using MergedQuantity = std::pair<std::int64_t, std::int64_t>;
+
+struct MergedMaps
+{
+    std::map<std::int64_t, MergedQuantity, std::greater<>> bids;
+    std::map<std::int64_t, MergedQuantity> asks;
+};
+
+template <class Levels, class Merged>
+void MergeTen(const Levels& direct, const Levels& implied, Merged& merged)
+{
+    std::size_t count = 0;
+    for (auto level = direct.begin(); level != direct.end() && count < 10; ++level, ++count)
+    {
+        merged[level->first].first += level->second;
+    }
+    count = 0;
+    for (auto level = implied.begin(); level != implied.end() && count < 10; ++level, ++count)
+    {
+        merged[level->first].second += level->second;
+    }
+}
+
+/// After a message the first ten levels are copied out: nothing is merged, and the observer is the loop itself.
+struct CopyOut
+{
+    void operator()(const MapBook& book)
+    {
+        top.clear();
+        CopyTen(book.bids, top);
+        CopyTen(book.asks, top);
+        Keep(top);
+    }
+    Top top;
+};
+
+/// After a message the book is merged with an implied one (which is empty, as those of these recordings are) into maps
+/// of its own, which an observer gets to keep.
+struct MergeAnew
+{
+    void operator()(const MapBook& book)
+    {
+        const auto merged = std::make_shared<MergedMaps>();
+        MergeTen(book.bids, implied.bids, merged->bids);
+        MergeTen(book.asks, implied.asks, merged->asks);
+        last = merged;
+        Keep(last);
+    }
+    const MapBook implied;
+    std::shared_ptr<const MergedMaps> last;
+};
+
+/// The same files through the same reader into maps, on one thread, without a book for late subscribers.
+template <class AfterMessage>
 Figures ReplayIntoMaps(const RecordingScan& scan)
 {
     std::uint64_t messages = 0;
@@ -127,7 +181,7 @@ Figures ReplayIntoMaps(const RecordingScan& scan)
         [&]
         {
             std::map<std::string, MapBook, std::less<>> books;
-            Top top;
+            AfterMessage afterMessage;
             for (const std::string& file : ThreeSegments())
             {
                 ProblemLog problems(file, LogProblems());
@@ -145,10 +199,7 @@ Figures ReplayIntoMaps(const RecordingScan& scan)
                     if (row.isLast)
                     {
                         book.inImage = false;
-                        top.clear();
-                        CopyTen(book.bids, top);
-                        CopyTen(book.asks, top);
-                        Keep(top);
+                        afterMessage(book);
                         ++messages;
                     }
                 }
@@ -172,7 +223,8 @@ void CompareReplay(Runner& runner)
     runner.Run({"replay",
                 name,
                 {{"MdsProvider to observer", [&scan] { return Replay(scan); }},
-                 {"std::map book", [&scan] { return ReplayIntoMaps(scan); }}}});
+                 {"std::map book", [&scan] { return ReplayIntoMaps<CopyOut>(scan); }},
+                 {"std::map book, merged into a new one", [&scan] { return ReplayIntoMaps<MergeAnew>(scan); }}}});
 }
 
 } // namespace compare
