@@ -154,7 +154,8 @@ def main():
         return 1
     speed = "1" if arguments.sanitized else arguments.speed  # what it can do; a flood leaves nothing to compare
     least = 5 if arguments.sanitized else 50  # comparisons of each kind, or the test has seen nothing
-    server = Server(arguments.server, arguments=["--replay", *files, "--loop", "--speed", speed])
+    server = Server(arguments.server, arguments=["--replay", *files, "--loop", "--speed", speed],
+                    duration=int(arguments.seconds) + 2 * PATIENCE)
     try:
         listed = json.loads(http(server.port, "GET", "/api/v1/instruments?limit=1000").body)["instruments"]
         instruments = [entry["instrument"] for entry in listed]
