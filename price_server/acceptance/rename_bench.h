@@ -87,8 +87,8 @@ public:
     EventLog events;
     LogCapture capture{events};
     HandDrivenTime time;
+    ClientGate clients; // outlives the queue: a step that never runs lets go of it
     HandDrivenQueue queue;
-    ClientGate clients;
     RecordingObserverFactory factory{events, &queue.Get()};
     std::shared_ptr<HandDrivenExecutors> executors = std::make_shared<HandDrivenExecutors>();
     std::shared_ptr<MdsProvider> provider;

@@ -233,7 +233,8 @@ void ClientSession::Handle(const SubscribeRequest& request)
     subscription.stream = m_core.GetStream(name, subscription.scope.depth);
     subscription.subscriber = std::make_shared<Subscriber>("gateway-" + std::to_string(m_number), request.request,
                                                            m_core.GetMailbox(subscription.def), weak_from_this());
-    if (!m_core.Subscribe(subscription.def, subscription.scope, subscription.subscriber, subscription.id))
+    if (!m_core.Subscribe(subscription.def, subscription.entry, subscription.scope, subscription.subscriber,
+                          subscription.id))
     {
         m_core.GetSlots().Remove(subscription.id);
         return Refuse(request.request, "not_ready", "", "the server is starting or stopping");

@@ -125,11 +125,17 @@ FoundInstrument GatewayCore::FindInstrument(const std::string& name, const Right
     }
 }
 
-bool GatewayCore::Subscribe(const CompositeInstrumentDef& def, const CompositeSubscriptionInfo& scope,
-                            const std::shared_ptr<Subscriber>& subscriber, unsigned long id)
+bool GatewayCore::Subscribe(CompositeInstrumentDef& def, const DirectoryEntry& entry,
+                            const CompositeSubscriptionInfo& scope, const std::shared_ptr<Subscriber>& subscriber,
+                            unsigned long id)
 {
-    return m_backend.TryRequest([&](CompositeSubscriptionMgr& manager)
-                                { manager.Subscribe(def, scope, GetFactory(), subscriber, id); });
+    return m_backend.TryRequest(
+        [&](CompositeSubscriptionMgr& manager)
+        {
+            // The request may have waited for a rename; none is made now.
+            def.instrument.symbol = GetSymbolNow(entry);
+            manager.Subscribe(def, scope, GetFactory(), subscriber, id);
+        });
 }
 
 bool GatewayCore::ChangeScope(const CompositeInstrumentDef& def, const CompositeSubscriptionInfo& scope,

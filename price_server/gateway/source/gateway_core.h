@@ -82,7 +82,8 @@ public:
     SubscriptionSlots& GetSlots() noexcept { return m_slots; }
     /// Where the prices of an instrument arrive, for all who subscribe it.
     std::shared_ptr<Mailbox> GetMailbox(const CompositeInstrumentDef& def);
-    bool Subscribe(const CompositeInstrumentDef& def, const CompositeSubscriptionInfo& scope,
+    /// The instrument gets the symbol that it has when the request is made.
+    bool Subscribe(CompositeInstrumentDef& def, const DirectoryEntry& entry, const CompositeSubscriptionInfo& scope,
                    const std::shared_ptr<Subscriber>& subscriber, unsigned long id);
     bool ChangeScope(const CompositeInstrumentDef& def, const CompositeSubscriptionInfo& scope,
                      const std::shared_ptr<Subscriber>& subscriber, unsigned long id, bool generateSnapshot);

@@ -14,6 +14,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace ps_ns::gateway
@@ -29,6 +30,7 @@ class BenchBackend final : public IBackend
 public:
     bool TryRequest(const std::function<void(CompositeSubscriptionMgr&)>& request) override
     {
+        std::exchange(beforeRequest, [] {})();
         if (isOpen)
         {
             request(*bench.manager);
@@ -46,6 +48,7 @@ public:
     bool IsReady() const override { return isReady; }
 
     ManagerBench bench{ManagerBench::Options{.withZel = false}};
+    std::function<void()> beforeRequest = [] {}; ///< while the next request waits to be made
     bool isOpen = true;
     bool isReady = true;
 };

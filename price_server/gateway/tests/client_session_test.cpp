@@ -136,6 +136,15 @@ TEST_F(ClientSessionTest, IsToldOfARenameThatWasMadeWhileItWantedNoBooks)
     EXPECT_EQ(seen.rfind("result 100, renamed, image", 0), 0U) << seen;
 }
 
+TEST_F(ClientSessionTest, SubscribesTheNewSymbolWhenARenameIsMadeWhileTheRequestWaits)
+{
+    backend.beforeRequest = [&] { ASSERT_TRUE(backend.bench.mds->Directory().Rename(1, "BTC", "NEW")); };
+    EXPECT_EQ(Subscribe("a", "ONE:BTC"), "result 100");
+    Run();
+    EXPECT_EQ(backend.bench.mds->GetListenerCount("NEW"), 1U);
+    EXPECT_EQ(backend.bench.mds->GetListenerCount("BTC"), 0U);
+}
+
 TEST_F(ClientSessionTest, SaysThatTheServerIsNotReadyAndChangesNothing)
 {
     backend.isOpen = false;

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <exception>
 #include <future>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -28,7 +29,8 @@ struct RenameRelay::Step
     std::vector<SymbolRename> renames;
     std::function<void()> make;
     std::function<void()> done;
-    std::chrono::steady_clock::time_point begin{}; ///< queue thread: of the first try
+    std::chrono::steady_clock::time_point begin{};    ///< queue thread: of the first try
+    std::optional<ClientGate::Suspension> suspension; ///< from the changes to the provider's rename
 };
 
 void RenameRelay::Insert(std::function<void()> action, const char* name)
@@ -38,16 +40,18 @@ void RenameRelay::Insert(std::function<void()> action, const char* name)
 
 void RenameRelay::Post(std::vector<SymbolRename> renames, std::function<void()> make, std::function<void()> done)
 {
-    const auto step = std::make_shared<Step>(Step{OrderRenames(std::move(renames)), std::move(make), std::move(done)});
+    const auto step =
+        std::make_shared<Step>(Step{OrderRenames(std::move(renames)), std::move(make), std::move(done), {}, {}});
     Insert([this, step] { Try(step); }, "RenameTry");
 }
 
 /// Requests are not waited for on this thread, which a client may wait for in the middle of one.
 void RenameRelay::Try(const std::shared_ptr<Step>& step)
 {
-    if (m_clients.TryHold([&] { PostActions(step); }))
+    if (std::optional<ClientGate::Suspension> suspension = m_clients.TrySuspend())
     {
-        return;
+        step->suspension.emplace(std::move(*suspension));
+        return PostActions(step);
     }
     const auto now = std::chrono::steady_clock::now();
     step->begin = step->begin == std::chrono::steady_clock::time_point{} ? now : step->begin;
@@ -82,6 +86,7 @@ void RenameRelay::PostActions(const std::shared_ptr<Step>& step)
         [this, step]
         {
             step->make();
+            step->suspension.reset();
             Insert([step] { step->done(); }, "RenameDone"); // behind the resubscribes, which the changes have posted
         },
         "Rename");

@@ -23,8 +23,9 @@ namespace ps_ns
 /// | the provider's own rename | everybody has let go of the old symbols, and nobody has the new ones yet |
 /// | the resubscribes of what has answered its unsubscribe at once | posted by the changes |
 ///
-/// The changes and the provider's rename are posted by one action, so that no resubscribe comes between them, and while
-/// no client makes a request: a subscription in between would be missed by its change, or moved by another's.
+/// The changes and the provider's rename are posted by one action, so that no resubscribe comes between them. Clients'
+/// requests wait until the rename is made: a subscription in between would be missed by its change, or moved by
+/// another's, and one that follows must name the new symbol.
 ///
 /// What has been published is delivered first: an unsubscribe would drop it. The feed publishes nothing meanwhile, so
 /// no update of a renamed instrument is lost.
