@@ -1,5 +1,7 @@
 #include "book_stream.h"
 
+#include "outbound_queue.h"
+
 #include "composite_price/fixed_point.h"
 #include "composite_price/price.h"
 #include "gateway/component_name.h"
@@ -76,7 +78,15 @@ public:
         m_text.append(1, ']');
     }
     std::string& Text() noexcept { return m_text; }
-    std::string Finish() { return std::move(m_text.append(1, '}')); }
+    std::string Finish()
+    {
+        m_text.append(1, '}');
+        if (m_text.size() >= OutboundBatch::kShareFrom_bytes)
+        {
+            m_text.shrink_to_fit(); // it may wait in many queues
+        }
+        return std::move(m_text);
+    }
 
 private:
     std::string m_text;
@@ -207,11 +217,12 @@ const Lines& BookStream::GetUpdates(const SharedBook& previous, const BookRun& r
         if (text.empty())
         {
             constexpr std::size_t kMore = 32; // of a longer one
-            text.reserve((update.size() + kMore) * run.books.size());
+            text.reserve(std::min((update.size() + kMore) * run.books.size(), OutboundQueue::kWriteBytes));
         }
         text.append(text.empty() ? "" : "\n").append(update);
         before = book.get();
     }
+    text.shrink_to_fit();
     m_run = {std::make_shared<const std::string>(std::move(text)), run.books.size()};
     m_runPrevious = previous;
     m_runFirst = run.books.front();

@@ -249,6 +249,7 @@ private:
                        m_isDraining = true;
                        beast::error_code ignored;
                        m_acceptor.close(ignored);
+                       m_context.api.EndReadings();
                        for (const auto& connection : m_context.GetConnections())
                        {
                            connection->Drain();

@@ -95,6 +95,11 @@ void HttpApi::Handle(const HttpQuery& query, const Respond& respond)
     {
         return respond(MakeHttpError(401, "unauthenticated", "Authorization", "a token is needed"));
     }
+    if (!m_core.AdmitRequest())
+    {
+        ++m_core.Counts().refusedRequests;
+        return respond(MakeTooManyRequests());
+    }
     if (query.path == "/api/v1/instruments")
     {
         return respond(GetInstruments(query));
@@ -237,8 +242,8 @@ void HttpApi::Explain(const HttpQuery& query, const Respond& respond)
     ReadSubscriptions(
         [text = json::serialize(head)](const std::string& subscriptions)
         {
-            const std::string body = text.substr(0, text.size() - 1) + ",\"subscriptions\":" + subscriptions + "}";
-            return HttpAnswer{200, "application/json", body, {}};
+            std::string body = text.substr(0, text.size() - 1) + ",\"subscriptions\":" + subscriptions + "}";
+            return HttpAnswer{200, "application/json", std::move(body), {}};
         },
         respond, [identity](const CompositeInstrumentDef& other) { return CompositeInstrumentID(other) == identity; });
 }

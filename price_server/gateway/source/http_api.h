@@ -5,12 +5,13 @@
 #include "static_files.h"
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -47,6 +48,7 @@ bool ParseTarget(std::string_view target, HttpQuery& query);
 
 HttpAnswer MakeHttpError(unsigned status, const std::string& code, const std::string& where,
                          const std::string& message);
+HttpAnswer MakeTooManyRequests();
 
 /// Everything that is served over HTTP: the page, health, metrics, and what operators ask.
 ///
@@ -62,6 +64,8 @@ public:
 
     /// Calls `respond` once, perhaps later, unless the server stops meanwhile.
     void Handle(const HttpQuery& query, const Respond& respond);
+    /// Who still waits for an answer is told that the server stops, and so is who asks from now on.
+    void EndReadings();
 
 private:
     HttpAnswer GetMetrics() const;
@@ -71,19 +75,32 @@ private:
     void GetSubscriptions(const HttpQuery& query, const Respond& respond);
     void Explain(const HttpQuery& query, const Respond& respond);
     HttpAnswer GetFile(const HttpQuery& query) const;
+
     class Reading;
-    /// Reads the composite subscriptions on the data-queue thread: those of an identity, or all.
+    /// Who waits for what is read on the data-queue thread.
+    struct Asked
+    {
+        std::uint64_t number;
+        Respond respond;
+        std::shared_ptr<Reading> reading; ///< null: it has begun
+    };
+    /// Those that wait; more are told to come again.
+    static constexpr std::size_t kMostAsked = 32;
+
+    /// Reads the composite subscriptions on the data-queue thread, one list after another: those that `matches` wants.
     void ReadSubscriptions(std::function<HttpAnswer(std::string)> make, const Respond& respond,
                            std::function<bool(const CompositeInstrumentDef&)> matches);
-
-    void Answer(std::uint64_t reading, HttpAnswer answer);
+    void BeginReading();
+    /// Nothing happens when nobody waits for it any more.
+    void Answer(std::uint64_t number, HttpAnswer answer);
 
     GatewayCore& m_core;
     const StaticFiles& m_files;
     const std::function<void(std::function<void()>)> m_post;
     const std::uint64_t m_started_ns;
     std::uint64_t m_lastReading = 0;
-    std::unordered_map<std::uint64_t, Respond> m_awaiting; ///< by number of the reading
+    std::deque<Asked> m_asked; ///< the first is being read
+    bool m_isEnding = false;
 };
 
 } // namespace ps_ns::gateway

@@ -118,6 +118,11 @@ private:
         m_keepsAlive = request.keep_alive() && !m_isDraining;
         m_isHead = request.method() == http::verb::head;
         m_version = request.version();
+        if (!m_rate.Take(RateLimit::Clock::now()))
+        {
+            ++m_context.core.Counts().refusedRequests;
+            return Respond(MakeTooManyRequests());
+        }
         if (request.count(http::field::host) > 1 || (m_version >= kVersion11 && request.count(http::field::host) == 0))
         {
             return Fail(400, "bad_host", "a request names one host");
@@ -141,13 +146,6 @@ private:
             answer.headers.emplace_back("Allow", "GET, HEAD");
             return Respond(std::move(answer));
         }
-        if (!Admits(query.path))
-        {
-            ++m_context.core.Counts().refusedRequests;
-            HttpAnswer answer = MakeHttpError(429, "too_many_requests", "", "requests come too fast; try again later");
-            answer.headers.emplace_back("Retry-After", "1");
-            return Respond(std::move(answer));
-        }
         query.identity = Identify(request);
         if (query.path == "/ws")
         {
@@ -158,12 +156,6 @@ private:
         beast::get_lowest_layer(m_stream).expires_after(GetLimits().handshake);
         m_context.api.Handle(query, [self = this->shared_from_this()](HttpAnswer answer)
                              { self->Respond(std::move(answer)); });
-    }
-
-    /// Whoever watches the server's health is not kept out by others who ask too much.
-    bool Admits(const std::string& path)
-    {
-        return m_rate.Take(RateLimit::Clock::now()) && (path.starts_with("/-/") || m_context.core.AdmitRequest());
     }
 
     std::optional<Identity> Identify(const HttpRequest& request) const

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -83,38 +84,47 @@ json::object ToObject(const CompositeInstrumentSubscription& subscription, const
         {"last_update_ns", time_ns == 0 ? json::value(nullptr) : json::value(std::to_string(time_ns))}};
 }
 
+HttpAnswer MakeNotReady()
+{
+    return MakeHttpError(503, "not_ready", "", "the server is starting or stopping");
+}
+
 } // namespace
 
-/// Reads the composite subscriptions in slices, each with an action of its own, so that a long list holds up nobody's
-/// requests. What is made or dropped between two slices may be in the list or not.
+/// Reads the composite subscriptions in slices, each with an action of its own, so that requests get their turn between
+/// them. What is made or dropped between two slices may be in the list or not, or twice.
 ///
 /// Threads: the data-queue thread, once it has begun.
+/// Failure: when it is dropped before it is done, as by a server that takes no actions any more, it answers 503.
 class HttpApi::Reading : public std::enable_shared_from_this<Reading>
 {
 public:
     using Matches = std::function<bool(const CompositeInstrumentDef&)>;
-    using Finish = std::function<void(std::string)>;
+    using Make = std::function<HttpAnswer(std::string)>;
 
-    /// `finish` gets what has been found, as a JSON array; on the data-queue thread.
-    Reading(IBackend& backend, Matches matches, Finish finish)
+    /// `make` gets what has been found, as a JSON array; `answer` is called once, on whatever thread lets go of it
+    /// last.
+    Reading(IBackend& backend, Matches matches, Make make, Respond answer)
         : m_backend(backend)
         , m_matches(std::move(matches))
-        , m_finish(std::move(finish))
+        , m_make(std::move(make))
+        , m_answer(std::move(answer))
     {
     }
+    ~Reading() { m_answer(m_found ? std::move(*m_found) : MakeNotReady()); }
+    Reading(const Reading&) = delete;
+    Reading& operator=(const Reading&) = delete;
 
-    /// False: the server takes no actions. One that stops drops what it has taken.
-    bool Go()
+    void Go()
     {
-        return m_backend.RunOnQueue(
-            [self = shared_from_this()](CompositeSubscriptionMgr&, SimpleSubscriptionMgr& simple)
-            { self->ReadSlice(simple); });
+        m_backend.RunOnQueue([self = shared_from_this()](CompositeSubscriptionMgr&, SimpleSubscriptionMgr& simple)
+                             { self->ReadSlice(simple); });
     }
 
 private:
     static constexpr std::size_t kSlice = 500;
 
-    struct Found
+    struct Row
     {
         std::string instrument;
         std::string text;
@@ -139,13 +149,14 @@ private:
             Go();
             return;
         }
-        m_finish(Write());
+        m_found = m_make(Write());
     }
 
     bool IsInSlice(const EnrolledSubscription& enrolled) const
     {
-        constexpr std::uintptr_t kBlock = 64; // of the heap; the bits below are the same for all
-        return reinterpret_cast<std::uintptr_t>(&enrolled) / kBlock % m_slices == m_slice;
+        constexpr std::uint64_t kMix = 0x9E3779B97F4A7C15; // addresses come at even distances
+        constexpr unsigned kHalf = 32;
+        return (reinterpret_cast<std::uintptr_t>(&enrolled) * kMix >> kHalf) % m_slices == m_slice;
     }
 
     void Read(const EnrolledSubscription& enrolled, const MarketTable& markets)
@@ -154,26 +165,27 @@ private:
         if (subscription != nullptr && m_matches(subscription->GetDefinition()))
         {
             const json::object object = ToObject(*subscription, markets);
-            m_found.push_back({std::string(object.at("instrument").as_string()), json::serialize(object)});
+            m_rows.push_back({std::string(object.at("instrument").as_string()), json::serialize(object)});
         }
     }
 
     std::string Write()
     {
-        std::sort(m_found.begin(), m_found.end(),
-                  [](const Found& a, const Found& b) { return a.instrument < b.instrument; });
+        std::sort(m_rows.begin(), m_rows.end(), [](const Row& a, const Row& b) { return a.instrument < b.instrument; });
         std::string text = "[";
-        for (const Found& found : m_found)
+        for (const Row& row : m_rows)
         {
-            text.append(text.size() > 1 ? "," : "").append(found.text);
+            text.append(text.size() > 1 ? "," : "").append(row.text);
         }
         return text + "]";
     }
 
     IBackend& m_backend;
     const Matches m_matches;
-    const Finish m_finish;
-    std::vector<Found> m_found;
+    const Make m_make;
+    const Respond m_answer;
+    std::vector<Row> m_rows;
+    std::optional<HttpAnswer> m_found; ///< once it is done
     std::size_t m_slice = 0;
     std::size_t m_slices = 1;
 };
@@ -182,24 +194,56 @@ private:
 void HttpApi::ReadSubscriptions(std::function<HttpAnswer(std::string)> make, const Respond& respond,
                                 std::function<bool(const CompositeInstrumentDef&)> matches)
 {
-    const std::uint64_t number = ++m_lastReading;
-    m_awaiting.emplace(number, respond);
-    const auto reading = std::make_shared<Reading>(
-        m_core.GetBackend(), std::move(matches),
-        [this, number, make = std::move(make), post = m_post](std::string found)
-        { post([this, number, answer = make(std::move(found))]() mutable { Answer(number, std::move(answer)); }); });
-    if (!reading->Go())
+    if (m_isEnding)
     {
-        Answer(number, MakeHttpError(503, "not_ready", "", "the server is starting or stopping"));
+        return respond(MakeNotReady());
+    }
+    if (m_asked.size() >= kMostAsked)
+    {
+        HttpAnswer answer = MakeHttpError(503, "busy", "", "too many lists are being read; try again later");
+        answer.headers.emplace_back("Retry-After", "1");
+        return respond(std::move(answer));
+    }
+    const std::uint64_t number = ++m_lastReading;
+    auto reading = std::make_shared<Reading>(
+        m_core.GetBackend(), std::move(matches), std::move(make),
+        [this, number, post = m_post](HttpAnswer answer)
+        { post([this, number, answer = std::move(answer)]() mutable { Answer(number, std::move(answer)); }); });
+    m_asked.push_back({number, respond, std::move(reading)});
+    if (m_asked.size() == 1)
+    {
+        BeginReading();
     }
 }
 
-void HttpApi::Answer(std::uint64_t reading, HttpAnswer answer)
+void HttpApi::BeginReading()
 {
-    const auto found = m_awaiting.find(reading);
-    const Respond respond = std::move(found->second);
-    m_awaiting.erase(found);
+    const std::shared_ptr<Reading> reading = std::move(m_asked.front().reading);
+    reading->Go();
+}
+
+void HttpApi::Answer(std::uint64_t number, HttpAnswer answer)
+{
+    if (m_asked.empty() || m_asked.front().number != number)
+    {
+        return;
+    }
+    const Respond respond = std::move(m_asked.front().respond);
+    m_asked.pop_front();
+    if (!m_asked.empty())
+    {
+        BeginReading();
+    }
     respond(std::move(answer));
+}
+
+void HttpApi::EndReadings()
+{
+    m_isEnding = true;
+    for (const Asked& asked : std::exchange(m_asked, {}))
+    {
+        asked.respond(MakeNotReady());
+    }
 }
 
 void HttpApi::GetSubscriptions(const HttpQuery& query, const Respond& respond)

@@ -103,4 +103,11 @@ HttpAnswer MakeHttpError(unsigned status, const std::string& code, const std::st
     return answer;
 }
 
+HttpAnswer MakeTooManyRequests()
+{
+    HttpAnswer answer = MakeHttpError(429, "too_many_requests", "", "requests come too fast; try again later");
+    answer.headers.emplace_back("Retry-After", "1");
+    return answer;
+}
+
 } // namespace ps_ns::gateway

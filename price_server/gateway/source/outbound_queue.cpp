@@ -1,5 +1,6 @@
 #include "outbound_queue.h"
 
+#include <new>
 #include <utility>
 
 namespace ps_ns::gateway
@@ -78,7 +79,19 @@ void OutboundQueue::PushText(const Text& text, std::size_t bytes, std::uint64_t 
     }
     OutboundBatch& batch = m_batches.back();
     const std::size_t before = batch.GetSize();
-    batch.Append(text, lines);
+    try
+    {
+        batch.Append(text, lines);
+    }
+    catch (const std::bad_alloc&)
+    {
+        m_queued += batch.GetSize() - before; // the end of the line before may stand
+        if (batch.IsEmpty())
+        {
+            m_batches.pop_back();
+        }
+        throw;
+    }
     m_queued += batch.GetSize() - before;
 }
 

@@ -32,6 +32,7 @@ public:
 
     bool IsEmpty() const noexcept { return m_lines == 0; }
     std::size_t GetSize() const noexcept { return m_size; }
+    std::size_t GetPartCount() const noexcept { return m_parts.size(); }
     std::uint64_t GetLineCount() const noexcept { return m_lines; }
     /// Calls `take` with one part of the text after another. They stay while the batch does, unchanged and where it is.
     template <class Take>

@@ -36,7 +36,8 @@ class WsConnection final : public IConnection, public std::enable_shared_from_th
 {
     using Clock = std::chrono::steady_clock;
 
-    /// What a write is given: it copies its buffers several times, and so it gets no vector of them.
+    /// What a write is given: it copies its buffers several times, and so it gets no vector of them. TLS copies the
+    /// parts into one buffer after all.
     struct PartsView
     {
         using value_type = asio::const_buffer;
@@ -253,9 +254,10 @@ private:
         {
             return;
         }
-        m_isWriting = true;
         m_batch = m_session->BeginWrite();
         m_parts.clear();
+        m_parts.reserve(m_batch.GetPartCount());
+        m_isWriting = true;
         m_batch.ForEachPart([this](std::string_view part) { m_parts.emplace_back(part.data(), part.size()); });
         m_ws.async_write(PartsView{m_parts.data(), m_parts.data() + m_parts.size()},
                          beast::bind_front_handler(&WsConnection::OnWrite, this->shared_from_this()));

@@ -37,7 +37,14 @@ public:
         }
         return isOpen;
     }
-    bool RunOnQueue(std::function<void(CompositeSubscriptionMgr&, SimpleSubscriptionMgr&)>) override { return false; }
+    bool RunOnQueue(std::function<void(CompositeSubscriptionMgr&, SimpleSubscriptionMgr&)> task) override
+    {
+        if (isOpen)
+        {
+            tasks.push_back([this, task = std::move(task)] { task(*bench.manager, *bench.simple); });
+        }
+        return isOpen;
+    }
     const MarketTable& GetMarkets() const override { return bench.simple->GetMarkets(); }
     std::vector<DirectoryEntry> GetDirectoryEntries() const override { return bench.mds->Directory().GetEntries(); }
     DirectoryVersion GetDirectoryVersion() const override
@@ -48,6 +55,7 @@ public:
     bool IsReady() const override { return isReady; }
 
     ManagerBench bench{ManagerBench::Options{.withZel = false}};
+    std::deque<std::function<void()>> tasks;     ///< for the queue thread
     std::function<void()> beforeRequest = [] {}; ///< while the next request waits to be made
     bool isOpen = true;
     bool isReady = true;

@@ -133,7 +133,7 @@ public:
     void NoteCallback()
     {
         const std::uint64_t now = m_clock.Now();
-        m_times.Add(now - m_begin);
+        m_times.Add(now > m_begin ? now - m_begin : 0); // another core's counter may be a little behind
         m_begin = now;
     }
     /// The next callback begins now.

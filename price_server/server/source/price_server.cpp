@@ -1,6 +1,7 @@
 #include "server/price_server.h"
 
 #include "common/channel_task.h"
+#include "common/tick_clock.h"
 #include "composite_price/default_composite_price_factory.h"
 #include "mds/mds_provider.h"
 #include "server/gateway_wiring.h"
@@ -52,6 +53,7 @@ PriceServer::~PriceServer()
 
 void PriceServer::Start()
 {
+    TickClock::Get(); // which takes a millisecond: not when the first prices come
     try
     {
         StartAll();

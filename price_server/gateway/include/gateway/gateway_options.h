@@ -46,7 +46,7 @@ struct Limits
     std::size_t connections = 8192;            ///< connections at a time, those that are no sessions included
     std::size_t subscriptions = 200;           ///< of one session
     unsigned requests_per_second = 100;        ///< of one session or HTTP connection; twice as many at once
-    unsigned httpRequests_per_second = 1000;   ///< of all HTTP connections; twice as many at once; /-/… is free
+    unsigned httpRequests_per_second = 1000;   ///< to /api/ and /metrics, of all; twice as many at once
     std::size_t conflate_bytes = 256 * 1024;   ///< unsent; above it books conflate
     std::size_t close_bytes = 1024 * 1024;     ///< unsent; above it the session ends
     std::chrono::milliseconds handshake{5000}; ///< for TLS, for a request's header, for a token

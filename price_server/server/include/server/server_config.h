@@ -116,7 +116,7 @@ struct GatewaySettings
     unsigned maxSessions = 4096;
     unsigned maxSubscriptions = 200; ///< of one session
     unsigned maxRequestsPerSecond = 100;      ///< of one session or HTTP connection
-    unsigned maxHttpRequestsPerSecond = 1000; ///< of all HTTP connections
+    unsigned maxHttpRequestsPerSecond = 1000; ///< to /api/ and /metrics, of all
 };
 
 /// Everything that the server is told by its configuration file, with the defaults in place. A plain value.
