@@ -1,0 +1,142 @@
+/// The provider's own thread: silence, arrears, and what is asked for.
+
+#include "zel/zel_provider.h"
+#include "zel_market.h"
+
+#include <algorithm>
+#include <map>
+#include <utility>
+
+namespace ps_ns
+{
+namespace
+{
+
+constexpr std::chrono::milliseconds kTick{50};
+
+} // namespace
+
+struct ZelProvider::Question
+{
+    std::string market;
+    WireBuffer bytes;
+};
+
+void ZelProvider::Wake()
+{
+    {
+        const std::lock_guard lock(m_wakeMutex);
+        m_isWoken = true;
+    }
+    m_wake.notify_all();
+}
+
+void ZelProvider::Run()
+{
+    while (true)
+    {
+        {
+            std::unique_lock lock(m_wakeMutex);
+            m_wake.wait_for(lock, kTick, [this] { return m_isWoken || m_isStopping; });
+            if (m_isStopping)
+            {
+                return;
+            }
+            m_isWoken = false;
+        }
+        Tick();
+    }
+}
+
+void ZelProvider::Tick()
+{
+    std::vector<Question> questions;
+    {
+        const ScopedRoleLock lock(m_mutex, m_role);
+        const TimePoint now = m_options.now();
+        CheckSilence(now);
+        CheckArrears(now);
+        if (m_transport->IsConnected())
+        {
+            questions = CollectQuestions(now);
+        }
+    }
+    for (const Question& question : questions)
+    {
+        m_transport->AskForImages(question.market, question.bytes); // what does not get through is asked again
+    }
+    MakeRenames();
+}
+
+void ZelProvider::CheckSilence(TimePoint now)
+{
+    for (const std::unique_ptr<ZelMarket>& market : m_markets)
+    {
+        if (!market->isLost && now - market->lastHeard > m_options.longestSilence)
+        {
+            Lose(*market, "its publisher is silent");
+        }
+    }
+}
+
+/// Finds those whose last messages were lost, with none behind that would show the gap.
+void ZelProvider::CheckArrears(TimePoint now)
+{
+    for (const std::unique_ptr<ZelMarket>& market : m_markets)
+    {
+        for (const std::unique_ptr<ZelInstrument>& instrument : market->instruments)
+        {
+            if (instrument->state == ZelInstrument::State::Live && instrument->sequence < instrument->promised &&
+                now - instrument->promisedSince > m_options.longestArrears)
+            {
+                ++m_counts.gaps;
+                Await(*instrument);
+            }
+        }
+    }
+}
+
+std::vector<ZelProvider::Question> ZelProvider::CollectQuestions(TimePoint now)
+{
+    constexpr std::size_t kMostInOne = 10'000;
+    std::vector<Question> questions;
+    for (const std::unique_ptr<ZelMarket>& market : m_markets)
+    {
+        if (market->wantsDirectory && now - market->directoryAskedAt > m_options.askAgain)
+        {
+            market->directoryAskedAt = now;
+            WriteDirectoryRequest(questions.emplace_back(Question{market->name, {}}).bytes,
+                                  {WireKind::DirectoryRequest, 0, market->epoch, market->revision});
+        }
+    }
+    std::map<ZelMarket*, std::vector<std::uint32_t>> wanted;
+    std::erase_if(m_awaiting,
+                  [&](ZelInstrument* instrument)
+                  {
+                      if (instrument->state != ZelInstrument::State::Awaiting)
+                      {
+                          return true;
+                      }
+                      const bool canAsk = !instrument->market.isLost && instrument->index != ZelInstrument::kNoIndex;
+                      if (canAsk && now - instrument->askedAt > m_options.askAgain)
+                      {
+                          instrument->askedAt = now;
+                          wanted[&instrument->market].push_back(instrument->index);
+                      }
+                      return false;
+                  });
+    for (auto& [market, indexes] : wanted)
+    {
+        m_counts.imagesAsked += indexes.size();
+        for (std::span<const std::uint32_t> rest = indexes; !rest.empty();)
+        {
+            const auto part = rest.first(std::min(rest.size(), kMostInOne));
+            WriteImageRequest(questions.emplace_back(Question{market->name, {}}).bytes,
+                              {WireKind::ImageRequest, 0, market->epoch, market->revision}, part);
+            rest = rest.subspan(part.size());
+        }
+    }
+    return questions;
+}
+
+} // namespace ps_ns
