@@ -41,8 +41,13 @@ bool RunChurn(const SoakOptions& options)
     Chain chain(options);
     std::string difference;
     double begin_mb = 0;
+    for (std::size_t instrument = 0; instrument < options.instruments; ++instrument)
+    {
+        WaitForABook(chain, instrument, verdict); // all of them are followed from now on
+    }
     const auto begin = Clock::now();
-    const std::uint64_t messages = chain.flow.GetMessageCount();
+    const std::uint64_t published = chain.flow.GetMessageCount();
+    const std::uint64_t taken = chain.server.GetBrokerMessageCount();
     SeededRandom random(options.seed);
     for (unsigned pair = 0; pair < options.churn; ++pair)
     {
@@ -66,9 +71,16 @@ bool RunChurn(const SoakOptions& options)
     }
     const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
     const double end_mb = GetResidentMegabytes();
-    const double rate = static_cast<double>(chain.flow.GetMessageCount() - messages) / seconds;
-    std::printf("%u pairs in %.1f s, %.0f messages a second; resident %.1f MB after a fifth, %.1f MB at the end\n",
-                options.churn, seconds, rate, begin_mb, end_mb);
+    const double sent = static_cast<double>(chain.flow.GetMessageCount() - published) / seconds;
+    const double rate = static_cast<double>(chain.server.GetBrokerMessageCount() - taken) / seconds;
+    std::printf(
+        "%u pairs in %.1f s; messages a second: %.0f published, %.0f taken by the provider, %u at least; resident "
+        "%.1f MB after a fifth, %.1f MB at the end; the machine's load is %.1f\n",
+        options.churn, seconds, sent, rate, options.leastRate, begin_mb, end_mb, GetLoad());
+    if (rate < options.leastRate)
+    {
+        verdict.Fail("the provider has taken " + std::to_string(rate) + " messages a second");
+    }
     if (end_mb - begin_mb > options.mostGrowth_mb)
     {
         verdict.Fail("memory has grown");

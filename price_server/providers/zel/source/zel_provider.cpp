@@ -28,7 +28,7 @@ ZelProvider::~ZelProvider()
 
 void ZelProvider::Start()
 {
-    m_transport->Connect(*this);
+    // First what is listened to: the answer to a question of the first connection would have no ear.
     for (const unsigned shard : m_options.shards)
     {
         m_transport->SubscribeShard(shard);
@@ -37,9 +37,11 @@ void ZelProvider::Start()
     {
         m_transport->SubscribeShard(std::nullopt);
     }
+    m_transport->Connect(*this);
     if (!m_options.isHandDriven)
     {
         m_thread = std::thread([this] { Run(); });
+        m_renamesThread = std::thread([this] { RunRenames(); });
     }
 }
 
@@ -50,11 +52,15 @@ void ZelProvider::Stop()
         m_isStopping = true;
     }
     m_wake.notify_all();
+    m_renamesWake.notify_all();
     m_pools.budget->Stop(); // a message that waits for room would hold up the transport's stop
     m_transport->Stop();
-    if (m_thread.joinable())
+    for (std::thread* const thread : {&m_thread, &m_renamesThread})
     {
-        m_thread.join();
+        if (thread->joinable())
+        {
+            thread->join();
+        }
     }
     std::unordered_map<const IComponentListener*, Subscription> left; // let go without the lock
     const ScopedRoleLock lock(m_mutex, m_role);
@@ -86,9 +92,30 @@ ZelCounts ZelProvider::GetCounts() const
 {
     const ScopedRoleLock lock(m_mutex, m_role);
     ZelCounts counts = m_counts;
-    counts.marketsLost = static_cast<std::uint64_t>(std::count_if(
-        m_markets.begin(), m_markets.end(), [](const std::unique_ptr<ZelMarket>& market) { return market->isLost; }));
+    counts.marketsLost = static_cast<std::uint64_t>(std::count_if(m_markets.begin(), m_markets.end(),
+                                                                  [](const std::unique_ptr<ZelMarket>& market)
+                                                                  { return market->epoch != 0 && market->isLost; }));
     return counts;
+}
+
+std::size_t ZelProvider::GetBehindCount() const
+{
+    const ScopedRoleLock lock(m_mutex, m_role);
+    return m_behind.size();
+}
+
+ZelState ZelProvider::GetState() const
+{
+    const ScopedRoleLock lock(m_mutex, m_role);
+    const auto hasBegun = [](const std::unique_ptr<ZelMarket>& market) { return market->epoch != 0; };
+    if (std::none_of(m_markets.begin(), m_markets.end(), hasBegun))
+    {
+        return ZelState::Starting;
+    }
+    const bool isLost = !m_transport->IsConnected() || std::any_of(m_markets.begin(), m_markets.end(),
+                                                                   [&](const std::unique_ptr<ZelMarket>& market)
+                                                                   { return hasBegun(market) && market->isLost; });
+    return isLost ? ZelState::Lost : ZelState::Running;
 }
 
 } // namespace ps_ns

@@ -5,6 +5,7 @@
 #include "zel/zel_provider.h"
 #include "zel_market.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace ps_ns
@@ -22,8 +23,9 @@ void ZelProvider::OnTransportState(bool isConnected)
         for (const std::unique_ptr<ZelMarket>& market : m_markets)
         {
             market->wantsDirectory = true; // the publisher may have begun an epoch meanwhile
-            market->directoryAskedAt = {};
+            market->askingForDirectory.Reset();
         }
+        m_connectedSince = m_options.now();
     }
     Wake();
 }
@@ -49,6 +51,7 @@ void ZelProvider::LoseAll(const char* why)
 void ZelProvider::Lose(ZelMarket& market, const char* why)
 {
     market.isLost = true;
+    market.lostAt = market.lostAt.value_or(m_options.now());
     ++m_counts.losses;
     std::size_t stale = 0;
     for (const std::unique_ptr<ZelInstrument>& instrument : market.instruments)
@@ -66,6 +69,7 @@ void ZelProvider::Lose(ZelMarket& market, const char* why)
         Await(*instrument);
         instrument->state = ZelInstrument::State::Idle;
         --m_counts.followed;
+        --market.awaited;
     }
     zel::logging::Log(20, ZelLogSource(),
                       [&](std::ostream& text) {
@@ -93,32 +97,57 @@ void ZelProvider::OnTransportMessage(const TransportAddress& from, std::span<con
     OnControl(*market, payload);
 }
 
-void ZelProvider::NoteRefused(const TransportAddress& from)
+/// The first of a market is logged, and then one a minute at most.
+void ZelProvider::NoteRefused(ZelMarket& market, const std::string& why)
 {
-    if (m_counts.refused++ == 0)
+    constexpr auto kBetweenRecords = std::chrono::minutes(1);
+    ++m_counts.refused;
+    ++market.refusedUnsaid;
+    const TimePoint now = m_options.now();
+    if (market.refusalLoggedAt && now - *market.refusalLoggedAt < kBetweenRecords)
     {
-        zel::logging::Log(30, ZelLogSource(),
-                          [&](std::ostream& text) {
-                              text << "a message of market " << from.market
-                                   << " cannot be read: it is damaged, or of another version";
-                          });
+        return;
+    }
+    market.refusalLoggedAt = now;
+    const std::uint64_t unsaid = std::exchange(market.refusedUnsaid, 0) - 1;
+    zel::logging::Log(30, ZelLogSource(),
+                      [&](std::ostream& text)
+                      {
+                          text << "market " << market.name << ": " << why;
+                          if (unsaid != 0)
+                          {
+                              text << "; " << unsaid << " others were refused meanwhile";
+                          }
+                      });
+}
+
+/// Nothing has been heard of the epoch in use for so long, in which there was a connection, that a smaller one counts.
+bool ZelProvider::MayGoBack(const ZelMarket& market) const
+{
+    const TimePoint since = std::max(market.lastHeard, m_connectedSince);
+    return market.isLost && m_transport->IsConnected() && m_options.now() - since > m_options.longestSilence;
+}
+
+void ZelProvider::WantDirectory(ZelMarket& market)
+{
+    if (!std::exchange(market.wantsDirectory, true))
+    {
+        market.askingForDirectory.Reset();
+        Wake();
     }
 }
 
 /// Notes that the market's publisher lives. False: the epoch is not the one whose directory is in use.
 bool ZelProvider::IsHeard(ZelMarket& market, std::uint64_t epoch)
 {
-    if (epoch < market.epoch)
+    if (epoch < market.epoch && !MayGoBack(market))
     {
         return false; // late, or of a publisher that another has replaced
     }
-    if (epoch > market.epoch)
+    if (epoch != market.epoch)
     {
         // Until its directory is there, what is shown gets nothing: the market is as silent as without a publisher.
-        if (!std::exchange(market.wantsDirectory, true))
-        {
-            Wake();
-        }
+        WantDirectory(market);
         return false;
     }
     market.lastHeard = m_options.now();
@@ -137,7 +166,7 @@ void ZelProvider::OnPrices(ZelMarket& market, std::span<const std::byte> payload
     const std::optional<WireHeader> header = ReadHeader(payload);
     if (!header)
     {
-        NoteRefused({TransportChannel::Prices, market.name, {}});
+        NoteRefused(market, kUnreadable);
         return;
     }
     if (!IsHeard(market, header->epoch))
@@ -180,18 +209,37 @@ void ZelProvider::OnBook(ZelInstrument& instrument, std::uint64_t sequence, std:
     }
     if (!ReadBook(payload, m_message))
     {
-        NoteRefused({TransportChannel::Prices, instrument.market.name, {}});
+        NoteRefused(instrument.market, kUnreadable);
         return; // the next message shows the gap
     }
+    m_message.epoch = instrument.market.shownEpoch;
     instrument.sequence = sequence;
     if (instrument.state == State::Awaiting)
     {
         instrument.state = State::Live;
         ++m_counts.live;
+        instrument.arrears.Restart(m_options.now()); // what comes behind the image is on its way
         instrument.feed.SetStale(false);
+        --instrument.market.awaited;
     }
     m_counts.images += isImage ? 1 : 0;
     instrument.feed.Publish(m_message, m_pools);
+    if (instrument.market.lostAt && instrument.market.awaited == 0)
+    {
+        NoteRecovered(instrument.market);
+    }
+}
+
+/// All that is followed is live again.
+void ZelProvider::NoteRecovered(ZelMarket& market)
+{
+    const auto time = std::chrono::duration_cast<std::chrono::milliseconds>(m_options.now() - *market.lostAt);
+    market.lostAt.reset();
+    zel::logging::Log(10, ZelLogSource(),
+                      [&](std::ostream& text) {
+                          text << "every book of market " << market.name << " is fresh again, " << time.count()
+                               << " ms after the loss";
+                      });
 }
 
 /// Trades have no image: they are passed on whatever the book's state is, once each.
@@ -200,7 +248,7 @@ void ZelProvider::OnTrades(ZelInstrument& instrument, std::uint64_t sequence, st
     m_message.Clear();
     if (!ReadTrades(payload, m_message.trades))
     {
-        NoteRefused({TransportChannel::Prices, instrument.market.name, {}});
+        NoteRefused(instrument.market, kUnreadable);
         return;
     }
     if (instrument.state == ZelInstrument::State::Live)

@@ -1,5 +1,7 @@
-/// The provider's own thread: silence, arrears, and what is asked for.
+/// The provider's thread for questions: silence, arrears, and what is asked for.
 
+#include "logging/logging.h"
+#include "zel/zel_log.h"
 #include "zel/zel_provider.h"
 #include "zel_market.h"
 
@@ -65,7 +67,10 @@ void ZelProvider::Tick()
     {
         m_transport->AskForImages(question.market, question.bytes); // what does not get through is asked again
     }
-    MakeRenames();
+    if (m_options.isHandDriven)
+    {
+        MakeRenames();
+    }
 }
 
 void ZelProvider::CheckSilence(TimePoint now)
@@ -82,18 +87,19 @@ void ZelProvider::CheckSilence(TimePoint now)
 /// Finds those whose last messages were lost, with none behind that would show the gap.
 void ZelProvider::CheckArrears(TimePoint now)
 {
-    for (const std::unique_ptr<ZelMarket>& market : m_markets)
-    {
-        for (const std::unique_ptr<ZelInstrument>& instrument : market->instruments)
-        {
-            if (instrument->state == ZelInstrument::State::Live && instrument->sequence < instrument->promised &&
-                now - instrument->promisedSince > m_options.longestArrears)
-            {
-                ++m_counts.gaps;
-                Await(*instrument);
-            }
-        }
-    }
+    std::erase_if(m_behind,
+                  [&](ZelInstrument* instrument)
+                  {
+                      instrument->isBehind = instrument->state != ZelInstrument::State::Idle &&
+                                             instrument->arrears.IsBehind(instrument->sequence);
+                      if (instrument->isBehind && instrument->state == ZelInstrument::State::Live &&
+                          now - instrument->arrears.GetSince() > m_options.longestArrears)
+                      {
+                          ++m_counts.gaps;
+                          Await(*instrument);
+                      }
+                      return !instrument->isBehind;
+                  });
 }
 
 std::vector<ZelProvider::Question> ZelProvider::CollectQuestions(TimePoint now)
@@ -102,9 +108,11 @@ std::vector<ZelProvider::Question> ZelProvider::CollectQuestions(TimePoint now)
     std::vector<Question> questions;
     for (const std::unique_ptr<ZelMarket>& market : m_markets)
     {
-        if (market->wantsDirectory && now - market->directoryAskedAt > m_options.askAgain)
+        if (market->wantsDirectory &&
+            market->askingForDirectory.IsDue(now, m_options.askAgain, m_options.longestAskPause))
         {
-            market->directoryAskedAt = now;
+            zel::logging::Log(0, ZelLogSource(),
+                              [&](std::ostream& text) { text << "asks for the directory of market " << market->name; });
             WriteDirectoryRequest(questions.emplace_back(Question{market->name, {}}).bytes,
                                   {WireKind::DirectoryRequest, 0, market->epoch, market->revision});
         }
@@ -118,9 +126,8 @@ std::vector<ZelProvider::Question> ZelProvider::CollectQuestions(TimePoint now)
                           return true;
                       }
                       const bool canAsk = !instrument->market.isLost && instrument->index != ZelInstrument::kNoIndex;
-                      if (canAsk && now - instrument->askedAt > m_options.askAgain)
+                      if (canAsk && instrument->asking.IsDue(now, m_options.askAgain, m_options.longestAskPause))
                       {
-                          instrument->askedAt = now;
                           wanted[&instrument->market].push_back(instrument->index);
                       }
                       return false;
@@ -128,6 +135,9 @@ std::vector<ZelProvider::Question> ZelProvider::CollectQuestions(TimePoint now)
     for (auto& [market, indexes] : wanted)
     {
         m_counts.imagesAsked += indexes.size();
+        zel::logging::Log(0, ZelLogSource(),
+                          [&market = *market, count = indexes.size()](std::ostream& text)
+                          { text << "asks for " << count << " images of market " << market.name; });
         for (std::span<const std::uint32_t> rest = indexes; !rest.empty();)
         {
             const auto part = rest.first(std::min(rest.size(), kMostInOne));

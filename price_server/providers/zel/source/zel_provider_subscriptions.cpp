@@ -76,13 +76,26 @@ void ZelProvider::Follow(ZelInstrument& instrument)
 void ZelProvider::Await(ZelInstrument& instrument)
 {
     instrument.feed.SetStale(true);
-    instrument.askedAt = {};
+    instrument.asking.Reset();
     if (instrument.state != ZelInstrument::State::Awaiting)
     {
         m_counts.followed += instrument.state == ZelInstrument::State::Idle ? 1 : 0;
         m_counts.live -= instrument.state == ZelInstrument::State::Live ? 1 : 0;
         instrument.state = ZelInstrument::State::Awaiting;
+        ++instrument.market.awaited;
         m_awaiting.push_back(&instrument);
+        NoteBehind(instrument);
+    }
+}
+
+/// Puts it into the list of those that may be in arrears, if it is one of them: the others are not looked at.
+void ZelProvider::NoteBehind(ZelInstrument& instrument)
+{
+    if (!instrument.isBehind && instrument.state != ZelInstrument::State::Idle &&
+        instrument.arrears.IsBehind(instrument.sequence))
+    {
+        instrument.isBehind = true;
+        m_behind.push_back(&instrument);
     }
 }
 
