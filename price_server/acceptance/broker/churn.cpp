@@ -1,5 +1,6 @@
 #include "broker/soak.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <thread>
 
@@ -32,6 +33,28 @@ void WaitForABook(Chain& chain, std::size_t instrument, Verdict& verdict)
     chain.server.TryRequest([&](CompositeSubscriptionMgr& manager) { manager.Unsubscribe(def, client, kId); });
 }
 
+/// Everything is followed from now on, though nobody is left who listens.
+void FollowAll(Chain& chain, Verdict& verdict)
+{
+    chain.SubscribeAll();
+    const auto deadline = Clock::now() + kPatience;
+    const auto hasBook = [](const std::shared_ptr<BookClient>& client) { return client->GetBookCount() != 0; };
+    while (!std::all_of(chain.clients.begin(), chain.clients.end(), hasBook) && Clock::now() < deadline)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    if (!std::all_of(chain.clients.begin(), chain.clients.end(), hasBook))
+    {
+        verdict.Fail("an instrument has no book at first");
+    }
+    for (std::size_t i = 0; i < chain.clients.size(); ++i)
+    {
+        chain.server.TryRequest([&](CompositeSubscriptionMgr& manager)
+                                { manager.Unsubscribe(MakeFlowDefinition(i), chain.clients[i], 1); });
+    }
+    chain.clients.clear();
+}
+
 } // namespace
 
 /// Clients come and go while the messages of all instruments flow: no crash, and memory stays what it is.
@@ -41,10 +64,7 @@ bool RunChurn(const SoakOptions& options)
     Chain chain(options);
     std::string difference;
     double begin_mb = 0;
-    for (std::size_t instrument = 0; instrument < options.instruments; ++instrument)
-    {
-        WaitForABook(chain, instrument, verdict); // all of them are followed from now on
-    }
+    FollowAll(chain, verdict);
     const auto begin = Clock::now();
     const std::uint64_t published = chain.flow.GetMessageCount();
     const std::uint64_t taken = chain.server.GetBrokerMessageCount();

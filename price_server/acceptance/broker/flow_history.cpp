@@ -67,9 +67,9 @@ void FlowHistory::Take(const MarketMessage& message)
 
 std::optional<std::string> FlowHistory::FindFault(std::size_t instrument, const MergedOrderBook& shown) const
 {
-    if (!shown.missingComponents.empty() || !shown.staleComponents.empty())
+    if (!shown.missingComponents.empty())
     {
-        return "a book that is not whole, or stale";
+        return "a book that is not whole";
     }
     const std::lock_guard lock(m_mutex);
     const std::vector<State>& states = m_states.at(instrument);

@@ -30,7 +30,7 @@ public:
     /// Before anybody else sees the message.
     void Take(const MarketMessage& message);
 
-    /// What is wrong with a delivered book; nothing: it is the flow's book at that time, whole and fresh.
+    /// What is wrong with a delivered book; nothing: it is the flow's book at that time, whole.
     std::optional<std::string> FindFault(std::size_t instrument, const MergedOrderBook& shown) const;
 
 private:

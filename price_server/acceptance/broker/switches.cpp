@@ -115,13 +115,26 @@ public:
         }
         return m_manager->GetSubscriptionCounts().second == count;
     }
-    /// From now on every book that is delivered must be one that the flow has had, whole and fresh.
-    void CheckEveryBook() { m_isChecking.store(true); }
+    /// From now on every book that is delivered must be one that the flow has had, whole and fresh. Stale ones may come
+    /// when the feed was lost, as on a machine that lets the publisher wait too long; a switch makes none.
+    void CheckEveryBook()
+    {
+        m_lossesBefore = m_zel->GetCounts().losses + m_zel->GetCounts().gaps;
+        m_isChecking.store(true);
+    }
     void ReportBooks(Verdict& verdict)
     {
         const std::lock_guard lock(m_mutex);
-        std::printf("%llu books were compared with the flow's at their time, %zu of them were wrong\n",
-                    static_cast<unsigned long long>(m_checked.load()), m_bad.size());
+        const std::uint64_t losses = m_zel->GetCounts().losses + m_zel->GetCounts().gaps - m_lossesBefore;
+        std::printf(
+            "%llu books were compared with the flow's at their time, %zu of them were wrong; %llu were stale, and "
+            "the feed was lost %llu times; the machine's load is %.1f\n",
+            static_cast<unsigned long long>(m_checked.load()), m_bad.size(),
+            static_cast<unsigned long long>(m_stale.load()), static_cast<unsigned long long>(losses), GetLoad());
+        if (m_stale.load() != 0 && losses == 0)
+        {
+            verdict.Fail("books were stale though the feed was there");
+        }
         for (const std::string& text : m_bad)
         {
             verdict.Fail(text);
@@ -190,6 +203,7 @@ private:
             return;
         }
         m_checked.fetch_add(1);
+        m_stale.fetch_add(book.staleComponents.empty() ? 0 : 1);
         if (const auto fault = m_history.FindFault(instrument, book))
         {
             const std::lock_guard lock(m_mutex);
@@ -201,6 +215,8 @@ private:
     FlowHistory m_history;
     std::atomic<bool> m_isChecking{false};
     std::atomic<std::uint64_t> m_checked{0};
+    std::atomic<std::uint64_t> m_stale{0};
+    std::uint64_t m_lossesBefore = 0;
     std::mutex m_mutex;
     std::vector<std::string> m_bad; ///< under m_mutex
     const std::shared_ptr<LateMds> m_late;
