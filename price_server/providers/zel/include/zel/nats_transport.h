@@ -50,6 +50,7 @@ struct NatsOptions
 /// | calls the error callback while it holds locks | that callback counts, and touches nothing |
 /// | may wait long for a broker that accepts connections and says nothing | each attempt is bounded |
 /// | tells of what the broker refuses for want of a right by a status alone | the connection's thread fetches the broker's words, which name the subject, and logs them once each |
+/// | sends names and passwords unquoted in JSON | they are quoted before it gets them |
 /// | gives up for good, after some errors of authorization | a new connection is made |
 ///
 /// Threads: one of its own, which connects and looks after the rest; the library's call the listener.
