@@ -36,6 +36,7 @@ int main(int argc, char** argv)
     app.add_option("--renames", options.renames, "renames");
     app.add_option("--log-level", logLevel, "write records from this level on (100)");
     CLI11_PARSE(app, argc, argv);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0); // what was seen survives a run that is cut off
     options.recovery = std::chrono::milliseconds(static_cast<long>(recovery_sec * 1000));
     zel::logging::g_minLogLevel.store(logLevel);
     std::printf("%zu instruments, %u messages a second, seed %llu\n", options.instruments, options.rate,

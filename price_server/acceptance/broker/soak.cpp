@@ -75,9 +75,9 @@ double GetLoad()
     return load;
 }
 
-Chain::Chain(const SoakOptions& options, std::shared_ptr<zel::logging::ISink> log)
+Chain::Chain(const SoakOptions& options, const std::shared_ptr<zel::logging::ISink>& log)
     : flow({broker.GetUrl(), options.instruments, options.rate, options.seed, {}})
-    , server(MakeConfig(broker.GetUrl(), log == nullptr ? 100 : 0), MakeOptions(std::move(log)))
+    , server(MakeConfig(broker.GetUrl(), log == nullptr ? 100 : 0), MakeOptions(log))
 {
     server.Start();
     const auto deadline = Clock::now() + kPatience;

@@ -50,7 +50,7 @@ class Chain
 {
 public:
     /// `log` may be null: there is none.
-    explicit Chain(const SoakOptions& options, std::shared_ptr<zel::logging::ISink> log = {});
+    explicit Chain(const SoakOptions& options, const std::shared_ptr<zel::logging::ISink>& log = {});
     ~Chain();
     Chain(const Chain&) = delete;
     Chain& operator=(const Chain&) = delete;
