@@ -28,10 +28,11 @@ def is_refused(port, **identity):
 def main():
     program, folder = sys.argv[1:3]
     table = Table()
-    with Broker(program, os.path.join(folder, "broker", "nats-server.conf")) as broker:
+    with Broker(program, os.path.join(folder, "broker", "nats-server.conf"), address=None) as broker:
+        table.check("it listens on loopback and nowhere else", broker.listens == [broker.url], broker.listens)
         table.check("a client that does not say who it is is refused", is_refused(broker.port))
         table.check("and one with an empty name", is_refused(broker.port, user="", **{"pass": ""}))
-        table.check("and one with a token", is_refused(broker.port, auth_token="servers-secret"))
+        table.check("and one with a token", is_refused(broker.port, auth_token=PASSWORDS["server"]))
         for role, word in PASSWORDS.items():
             table.check(f"{role} with a wrong password is refused", is_refused(broker.port, user=role, **{"pass": "x"}))
             table.check(f"{role} without one", is_refused(broker.port, user=role))

@@ -38,6 +38,10 @@ class BrokerServer(PriceServer):
         return [state for state in ("starting", "running", "lost")
                 if f'price_server_provider_state{{provider="zel",state="{state}"}} 1' in page]
 
+    def status(self):
+        providers = json.loads(fetch(self.url + "/api/v1/status")[1])["providers"]
+        return next(provider["state"] for provider in providers if provider["name"] == "zel")
+
     def symbols(self, market):
         body = json.loads(fetch(self.url + f"/api/v1/instruments?market={market}")[1])
         return [entry["instrument"] for entry in body["instruments"]]
@@ -100,10 +104,14 @@ def main():
                 table.check(f"outage {outage + 1}: prices go on", True)
 
             publisher.send_signal(signal.SIGSTOP)
-            wait_for(lambda: server.metric("price_server_broker_instruments_stale") == 1, "silence to be noticed", 3)
-            table.check("a publisher that is silent is noticed", True)
+            wait_for(lambda: server.metric("price_server_broker_instruments_stale") == 1, "silence to be noticed", 1)
+            table.check("a publisher that is silent is noticed within a second", True)
+            wait_for(lambda: server.status() == "lost" and server.state() == ["lost"], "state")
+            table.check("and is lost in status and metric alike", True)
             publisher.send_signal(signal.SIGCONT)
             wait_for(lambda: server.metric("price_server_broker_instruments_stale") == 0, "end of the silence")
+            wait_for(lambda: server.status() == "serving" and server.state() == ["running"], "state")
+            table.check("and serves again, though nobody publishes SIM there", True)
             client.close()
             publisher.send_signal(signal.SIGTERM)
             errors = publisher.communicate(timeout=30)[1]

@@ -8,15 +8,23 @@ import subprocess
 import tempfile
 import time
 
-PASSWORDS = {"publisher": "publishers-secret", "server": "servers-secret", "admin": "admins-secret"}
+# A number, and what has a meaning in the broker's configuration.
+PASSWORDS = {"publisher": "123", "server": "p#s {$w} \\ \"o'rd; //", "admin": "admins-secret"}
 PATIENCE = 20
 
 
-class Broker:
-    """On loopback, on a port that is free; keeps the port over kill and start. `with` kills it."""
+def quote(word):
+    """As the broker's configuration wants a text, also when it comes from the environment."""
+    return '"' + word.replace("\\", "\\\\").replace('"', '\\"') + '"'
 
-    def __init__(self, program, config=None):
-        self.program, self.config, self.port = program, config, None
+
+class Broker:
+    """On a port that is free; keeps the port over kill and start. `with` kills it. `address` None: where the
+    configuration says."""
+
+    def __init__(self, program, config=None, address="127.0.0.1"):
+        self.program, self.config, self.address, self.port = program, config, address, None
+        self.listens = []  # the addresses that it tells of
         self.folder = tempfile.TemporaryDirectory()
         self.start()
 
@@ -32,8 +40,10 @@ class Broker:
         return f"nats://127.0.0.1:{self.port}"
 
     def start(self):
-        command = [self.program, "-a", "127.0.0.1", "-p", str(self.port or -1), "--ports_file_dir", self.folder.name]
-        environment = dict(os.environ, **{f"PRICE_{role.upper()}_PASSWORD": word for role, word in PASSWORDS.items()})
+        command = [self.program, "-p", str(self.port or -1), "--ports_file_dir", self.folder.name]
+        command += ["-a", self.address] if self.address else []
+        environment = dict(os.environ, **{f"PRICE_{role.upper()}_PASSWORD": quote(word)
+                                          for role, word in PASSWORDS.items()})
         self.process = subprocess.Popen(command + (["-c", self.config] if self.config else []), env=environment,
                                         stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
         ports = os.path.join(self.folder.name, f"nats-server_{self.process.pid}.ports")
@@ -42,7 +52,8 @@ class Broker:
             try:
                 if self.port is None:
                     with open(ports, encoding="ascii") as file:
-                        self.port = int(json.load(file)["nats"][0].rsplit(":", 1)[1])
+                        self.listens = json.load(file)["nats"]
+                    self.port = int(self.listens[0].rsplit(":", 1)[1])
                 socket.create_connection(("127.0.0.1", self.port), 1).close()
                 return
             except (OSError, ValueError):

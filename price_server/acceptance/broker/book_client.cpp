@@ -81,6 +81,10 @@ void BookClient::OnOrderBook(unsigned long, const CompositeInstrumentDef&,
     }
     m_book = book;
     m_books.fetch_add(1);
+    if (onBook)
+    {
+        onBook(*book);
+    }
 }
 
 CompositeInstrumentDef MakeFlowDefinition(std::size_t instrument)

@@ -7,6 +7,7 @@
 #include "mds/level_book.h"
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -34,6 +35,8 @@ public:
     bool IsStale() const;
     /// Books that went back in epoch or sequence.
     std::uint64_t GetFaults() const noexcept { return m_faults.load(); }
+    /// Called with each book, one at a time; set before it subscribes. May be empty.
+    std::function<void(const MergedOrderBook&)> onBook;
     /// Failed answers.
     std::uint64_t GetFailures() const noexcept { return m_failures.load(); }
 

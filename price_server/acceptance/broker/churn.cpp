@@ -1,5 +1,6 @@
 #include "broker/soak.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <thread>
 
@@ -32,6 +33,28 @@ void WaitForABook(Chain& chain, std::size_t instrument, Verdict& verdict)
     chain.server.TryRequest([&](CompositeSubscriptionMgr& manager) { manager.Unsubscribe(def, client, kId); });
 }
 
+/// Everything is followed from now on, though nobody is left who listens.
+void FollowAll(Chain& chain, Verdict& verdict)
+{
+    chain.SubscribeAll();
+    const auto deadline = Clock::now() + kPatience;
+    const auto hasBook = [](const std::shared_ptr<BookClient>& client) { return client->GetBookCount() != 0; };
+    while (!std::all_of(chain.clients.begin(), chain.clients.end(), hasBook) && Clock::now() < deadline)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    if (!std::all_of(chain.clients.begin(), chain.clients.end(), hasBook))
+    {
+        verdict.Fail("an instrument has no book at first");
+    }
+    for (std::size_t i = 0; i < chain.clients.size(); ++i)
+    {
+        chain.server.TryRequest([&](CompositeSubscriptionMgr& manager)
+                                { manager.Unsubscribe(MakeFlowDefinition(i), chain.clients[i], 1); });
+    }
+    chain.clients.clear();
+}
+
 } // namespace
 
 /// Clients come and go while the messages of all instruments flow: no crash, and memory stays what it is.
@@ -41,8 +64,10 @@ bool RunChurn(const SoakOptions& options)
     Chain chain(options);
     std::string difference;
     double begin_mb = 0;
+    FollowAll(chain, verdict);
     const auto begin = Clock::now();
-    const std::uint64_t messages = chain.flow.GetMessageCount();
+    const std::uint64_t published = chain.flow.GetMessageCount();
+    const std::uint64_t taken = chain.server.GetBrokerMessageCount();
     SeededRandom random(options.seed);
     for (unsigned pair = 0; pair < options.churn; ++pair)
     {
@@ -66,9 +91,16 @@ bool RunChurn(const SoakOptions& options)
     }
     const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
     const double end_mb = GetResidentMegabytes();
-    const double rate = static_cast<double>(chain.flow.GetMessageCount() - messages) / seconds;
-    std::printf("%u pairs in %.1f s, %.0f messages a second; resident %.1f MB after a fifth, %.1f MB at the end\n",
-                options.churn, seconds, rate, begin_mb, end_mb);
+    const double sent = static_cast<double>(chain.flow.GetMessageCount() - published) / seconds;
+    const double rate = static_cast<double>(chain.server.GetBrokerMessageCount() - taken) / seconds;
+    std::printf(
+        "%u pairs in %.1f s; messages a second: %.0f published, %.0f taken by the provider, %u at least; resident "
+        "%.1f MB after a fifth, %.1f MB at the end; the machine's load is %.1f\n",
+        options.churn, seconds, sent, rate, options.leastRate, begin_mb, end_mb, GetLoad());
+    if (rate < options.leastRate)
+    {
+        verdict.Fail("the provider has taken " + std::to_string(rate) + " messages a second");
+    }
     if (end_mb - begin_mb > options.mostGrowth_mb)
     {
         verdict.Fail("memory has grown");

@@ -2,7 +2,7 @@
 /// of its own. Short runs are tests; long ones are for people:
 ///
 ///     broker_soak --kills 1000 --freezes 50
-///     broker_soak --churn 100000 --rate 50000
+///     broker_soak --churn 100000 --rate 60000 --least-rate 50000
 ///     broker_soak --switches 2000 --instruments 2000
 ///     broker_soak --renames 2000
 
@@ -30,11 +30,13 @@ int main(int argc, char** argv)
     app.add_option("--longest-freeze", options.longestFreeze_sec, "seconds (5)");
     app.add_option("--recovery", recovery_sec, "seconds in which all books must be good again (1)");
     app.add_option("--churn", options.churn, "pairs of subscribe and unsubscribe");
+    app.add_option("--least-rate", options.leastRate, "messages a second that the provider must take meanwhile (0)");
     app.add_option("--growth", options.mostGrowth_mb, "megabytes that memory may grow meanwhile (20)");
     app.add_option("--switches", options.switches, "symbols that go from ZEL to MDS");
     app.add_option("--renames", options.renames, "renames");
     app.add_option("--log-level", logLevel, "write records from this level on (100)");
     CLI11_PARSE(app, argc, argv);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0); // what was seen survives a run that is cut off
     options.recovery = std::chrono::milliseconds(static_cast<long>(recovery_sec * 1000));
     zel::logging::g_minLogLevel.store(logLevel);
     std::printf("%zu instruments, %u messages a second, seed %llu\n", options.instruments, options.rate,

@@ -15,15 +15,22 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kPatience = std::chrono::seconds(60);
 constexpr auto kLook = std::chrono::milliseconds(2);
 
-ServerConfig MakeConfig(const std::string& broker)
+ServerConfig MakeConfig(const std::string& broker, int logLevel)
 {
     ServerConfig config = MakeBuiltInServerConfig();
     config.markets = {{kMarketId, kMarket}};
     config.mds.reset();
     config.gateway.reset();
-    config.logging.level = 100;
+    config.logging.level = logLevel;
     config.zel.emplace().url = broker;
     return config;
+}
+
+PriceServerOptions MakeOptions(std::shared_ptr<zel::logging::ISink> log)
+{
+    PriceServerOptions options;
+    options.logSink = std::move(log);
+    return options;
 }
 
 } // namespace
@@ -61,9 +68,16 @@ bool AreEqual(Flow& flow, const std::vector<std::shared_ptr<BookClient>>& client
     return areEqual;
 }
 
-Chain::Chain(const SoakOptions& options)
+double GetLoad()
+{
+    double load = 0;
+    std::ifstream("/proc/loadavg") >> load;
+    return load;
+}
+
+Chain::Chain(const SoakOptions& options, const std::shared_ptr<zel::logging::ISink>& log)
     : flow({broker.GetUrl(), options.instruments, options.rate, options.seed, {}})
-    , server(MakeConfig(broker.GetUrl()))
+    , server(MakeConfig(broker.GetUrl(), log == nullptr ? 100 : 0), MakeOptions(log))
 {
     server.Start();
     const auto deadline = Clock::now() + kPatience;

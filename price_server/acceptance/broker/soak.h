@@ -27,8 +27,10 @@ struct SoakOptions
     unsigned churn = 0; ///< pairs of subscribe and unsubscribe
     unsigned switches = 0;
     unsigned renames = 0;
-    /// How long after the broker listens every book must be the publisher's.
+    /// How long after the broker listens, or goes on, every book must be the publisher's; and how long after it has
+    /// gone all of them must be stale.
     std::chrono::milliseconds recovery{1000};
+    unsigned leastRate = 0; ///< price messages a second that the provider must have taken in the churn
     double mostGrowth_mb = 20;
 };
 
@@ -47,7 +49,8 @@ private:
 class Chain
 {
 public:
-    explicit Chain(const SoakOptions& options);
+    /// `log` may be null: there is none.
+    explicit Chain(const SoakOptions& options, const std::shared_ptr<zel::logging::ISink>& log = {});
     ~Chain();
     Chain(const Chain&) = delete;
     Chain& operator=(const Chain&) = delete;
@@ -70,6 +73,8 @@ public:
 bool AreEqual(Flow& flow, const std::vector<std::shared_ptr<BookClient>>& clients, std::string& difference);
 
 double GetResidentMegabytes();
+/// The machine's, of the past minute.
+double GetLoad();
 
 // Each returns false when something was not as it should be; all of them print what they have seen.
 bool RunOutages(const SoakOptions& options);

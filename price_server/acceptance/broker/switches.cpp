@@ -1,3 +1,4 @@
+#include "broker/flow_history.h"
 #include "broker/late_mds.h"
 #include "broker/soak.h"
 
@@ -7,11 +8,14 @@
 #include "composite_price/default_composite_price_factory.h"
 #include "config/config.h"
 #include "price_unifier/source/composite_subscription_mgr.h"
+#include "server/pending_check.h"
 #include "simple_subscription/simple_subscription_mgr.h"
 #include "zel/zel_provider.h"
 
+#include <atomic>
 #include <cstdio>
 #include <future>
+#include <mutex>
 #include <thread>
 
 namespace ps_ns::broker_soak
@@ -29,9 +33,14 @@ class SwitchingServer
 {
 public:
     explicit SwitchingServer(const SoakOptions& options)
-        : m_late(std::make_shared<LateMds>(std::vector<SourceInstrument>(options.instruments)))
+        : m_history(options.instruments)
+        , m_late(std::make_shared<LateMds>(std::vector<SourceInstrument>(options.instruments)))
         , m_flow({m_broker.GetUrl(), options.instruments, options.rate, options.seed,
-                  [this](const MarketMessage& message) { m_late->Take(message); }})
+                  [this](const MarketMessage& message)
+                  {
+                      m_history.Take(message);
+                      m_late->Take(message);
+                  }})
         , m_pool(std::make_shared<ThreadPool>(2))
         , m_timers(std::make_shared<AsyncDispatcher>("switches"))
         , m_simple(std::make_unique<SimpleSubscriptionMgr>(MarketTable({{kMarketId, kMarket}}), m_pool, m_timers))
@@ -50,6 +59,8 @@ public:
                         std::make_shared<DefaultCompositePriceFactory>());
         m_reader.Start();
         m_manager->Start();
+        m_pendingCheck = std::make_unique<PendingCheck>(*m_manager, m_queue);
+        m_pendingCheck->Start();
         m_zel->Start();
     }
     ~SwitchingServer()
@@ -63,6 +74,7 @@ public:
         m_reader.Stop();
         m_timers->Shutdown();
         m_pool->Stop();
+        m_pendingCheck.reset();
         m_manager.reset();
         m_simple.reset();
     }
@@ -87,14 +99,50 @@ public:
         for (std::size_t i = 0; i < m_flow.GetInstruments().size(); ++i)
         {
             m_clients.push_back(std::make_shared<BookClient>());
+            m_clients.back()->onBook = [this, i](const MergedOrderBook& book) { Check(i, book); };
             m_manager->Subscribe(MakeFlowDefinition(i), MakeWholeScope(), m_factory, m_clients.back(), 1);
         }
         RunOnQueue([] {});
     }
-    void Switch(std::size_t instrument)
+    /// The timer of the server finds it, some time later.
+    void Switch(std::size_t instrument) { m_late->List(instrument); }
+    bool WaitForSwitches(std::size_t count)
     {
-        m_late->List(instrument);
-        RunOnQueue([this] { m_manager->CheckProviderPendingSubscriptions(); });
+        const auto deadline = Clock::now() + kPatience;
+        while (m_manager->GetSubscriptionCounts().second != count && Clock::now() < deadline)
+        {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        return m_manager->GetSubscriptionCounts().second == count;
+    }
+    /// From now on every book that is delivered must be one that the flow has had, whole and fresh. Stale ones may come
+    /// when the feed was lost, as on a machine that lets the publisher wait too long; a switch makes none.
+    void CheckEveryBook()
+    {
+        m_lossesBefore = m_zel->GetCounts().losses + m_zel->GetCounts().gaps;
+        m_isChecking.store(true);
+    }
+    void ReportBooks(Verdict& verdict)
+    {
+        const std::lock_guard lock(m_mutex);
+        const std::uint64_t losses = m_zel->GetCounts().losses + m_zel->GetCounts().gaps - m_lossesBefore;
+        std::printf(
+            "%llu books were compared with the flow's at their time, %zu of them were wrong; %llu were stale, and "
+            "the feed was lost %llu times; the machine's load is %.1f\n",
+            static_cast<unsigned long long>(m_checked.load()), m_bad.size(),
+            static_cast<unsigned long long>(m_stale.load()), static_cast<unsigned long long>(losses), GetLoad());
+        if (m_stale.load() != 0 && losses == 0)
+        {
+            verdict.Fail("books were stale though the feed was there");
+        }
+        for (const std::string& text : m_bad)
+        {
+            verdict.Fail(text);
+        }
+        if (m_checked.load() == 0)
+        {
+            verdict.Fail("no book has been compared");
+        }
     }
     bool WaitUntilBooksAreEqual(std::string& difference)
     {
@@ -132,16 +180,45 @@ public:
             }
         }
     }
+    /// Returns when the timer has decided them.
     void DecideTheRest()
     {
         m_late->MarkComplete();
-        RunOnQueue([this] { m_manager->CheckProviderPendingSubscriptions(); });
+        const auto deadline = Clock::now() + kPatience;
+        double pending = 1;
+        while (pending != 0 && Clock::now() < deadline)
+        {
+            RunOnQueue([&] { pending = m_manager->SubscriptionPendingGaugeInstance().Get(); });
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
     }
     void LetFlow(std::uint64_t messages) const { m_flow.WaitForMessages(messages); }
     std::uint64_t GetMessageCount() const { return m_flow.GetMessageCount(); }
 
 private:
+    void Check(std::size_t instrument, const MergedOrderBook& book)
+    {
+        if (!m_isChecking.load())
+        {
+            return;
+        }
+        m_checked.fetch_add(1);
+        m_stale.fetch_add(book.staleComponents.empty() ? 0 : 1);
+        if (const auto fault = m_history.FindFault(instrument, book))
+        {
+            const std::lock_guard lock(m_mutex);
+            m_bad.push_back(GetSymbol(instrument) + ": " + *fault);
+        }
+    }
+
     testing_ns::BrokerProcess m_broker;
+    FlowHistory m_history;
+    std::atomic<bool> m_isChecking{false};
+    std::atomic<std::uint64_t> m_checked{0};
+    std::atomic<std::uint64_t> m_stale{0};
+    std::uint64_t m_lossesBefore = 0;
+    std::mutex m_mutex;
+    std::vector<std::string> m_bad; ///< under m_mutex
     const std::shared_ptr<LateMds> m_late;
     Flow m_flow;
     const std::shared_ptr<ThreadPool> m_pool;
@@ -152,6 +229,7 @@ private:
     QueueReader<> m_reader;
     LocalObserverFactory m_factory;
     std::unique_ptr<CompositeSubscriptionMgr> m_manager;
+    std::unique_ptr<PendingCheck> m_pendingCheck;
     std::vector<std::shared_ptr<BookClient>> m_clients;
 };
 
@@ -169,6 +247,7 @@ bool RunSwitches(const SoakOptions& options)
     {
         verdict.Fail("before " + difference);
     }
+    server.CheckEveryBook();
     const std::size_t switches = std::min<std::size_t>(options.switches, options.instruments);
     for (std::size_t i = 0; i < switches; ++i)
     {
@@ -176,6 +255,10 @@ bool RunSwitches(const SoakOptions& options)
         server.Switch(i);
         if ((i + 1) % kBatch == 0 || i + 1 == switches)
         {
+            if (!server.WaitForSwitches(i + 1))
+            {
+                verdict.Fail("the timer has not made " + std::to_string(i + 1) + " switches");
+            }
             server.CheckGauges(options.instruments - i - 1, i + 1, options.instruments - i - 1, verdict);
             if (!server.WaitUntilBooksAreEqual(difference))
             {
@@ -186,6 +269,7 @@ bool RunSwitches(const SoakOptions& options)
     server.DecideTheRest();
     server.CheckGauges(options.instruments - switches, switches, 0, verdict);
     server.CheckClients(verdict);
+    server.ReportBooks(verdict);
     std::printf("%zu switches of %zu instruments, %llu messages published\n", switches, options.instruments,
                 static_cast<unsigned long long>(server.GetMessageCount()));
     return verdict.IsGood();

@@ -334,9 +334,12 @@ std::vector<gateway::ProviderView> PriceServer::GetProviders() const
     }
     if (m_zel != nullptr)
     {
-        const bool isLost = !m_zel->IsConnected() || m_zel->GetCounts().marketsLost != 0;
-        const char* const state = isLost ? "lost" : IsWhole(m_zel->GetDirectory(), m_markets) ? "serving" : "reading";
-        views.push_back({"zel", state, m_zel->GetDirectory().GetSize()});
+        const ZelState state = m_zel->GetState();
+        views.push_back({"zel",
+                         state == ZelState::Starting  ? "reading"
+                         : state == ZelState::Running ? "serving"
+                                                      : "lost",
+                         m_zel->GetDirectory().GetSize()});
     }
     return views;
 }
@@ -379,6 +382,11 @@ bool PriceServer::HasEnded() const
 bool PriceServer::HasFailed() const
 {
     return m_mds != nullptr && m_mds->HasFailed();
+}
+
+std::uint64_t PriceServer::GetBrokerMessageCount() const
+{
+    return m_zel == nullptr ? 0 : m_zel->GetCounts().messages;
 }
 
 void PriceServer::DrainExecutors()

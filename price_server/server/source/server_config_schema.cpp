@@ -91,11 +91,11 @@ ElementRule ProvidersRule()
         .attributes = {Optional("seed", ValueRule::Unsigned(0, std::numeric_limits<std::uint64_t>::max())),
                        Optional("updatesPerSecond", ValueRule::Unsigned(1, 1'000'000))}};
     const ElementRule mds{.name = "Mds", .children = {replay, simulation, ImpliedRuleRule(), RenamesRule()}};
-    constexpr std::uint64_t kMinute_ms = 60'000;
+    constexpr std::uint64_t kMostConnect_ms = 5000; // a stop waits for it
     const ElementRule zel{.name = "Zel",
                           .attributes = {Optional("url", ValueRule::Text(1, kMaxUrlLength)), OptionalName("user"),
                                          Optional("passwordFile", ValueRule::FilePath()),
-                                         Optional("connectTimeout_ms", ValueRule::Unsigned(10, kMinute_ms))}};
+                                         Optional("connectTimeout_ms", ValueRule::Unsigned(10, kMostConnect_ms))}};
     return {.name = "Providers", .children = {mds, zel}, .required = true};
 }
 

@@ -35,16 +35,10 @@ double ToSeconds(std::uint64_t time_ns)
 }
 
 /// What the network provider is doing.
-const char* GetFeedState(const ZelProvider& zel, const MarketTable& markets)
+const char* GetFeedState(const ZelProvider& zel)
 {
-    const auto& all = markets.GetAll();
-    const bool hasBegun = std::any_of(all.begin(), all.end(),
-                                      [&](const Market& market) { return zel.GetDirectory().IsComplete(market.id); });
-    if (!hasBegun)
-    {
-        return "starting";
-    }
-    return zel.IsConnected() && zel.GetCounts().marketsLost < all.size() ? "running" : "lost";
+    const ZelState state = zel.GetState();
+    return state == ZelState::Starting ? "starting" : state == ZelState::Running ? "running" : "lost";
 }
 
 /// What the in-process provider is doing.
@@ -144,7 +138,7 @@ private:
         if (m_sources.zel != nullptr)
         {
             AddDirectory(directory, "zel", m_sources.zel->GetDirectory());
-            AddState(state, "zel", GetFeedState(*m_sources.zel, m_sources.markets), {"starting", "running", "lost"});
+            AddState(state, "zel", GetFeedState(*m_sources.zel), {"starting", "running", "lost"});
         }
         families.push_back(std::move(directory));
         families.push_back(std::move(state));
@@ -187,12 +181,14 @@ private:
         { families.push_back(MakeCounterFamily(name, help, static_cast<double>(value))); };
         gauge("price_server_broker_connected", "1 while there is a connection to the message broker.",
               m_sources.zel->IsConnected() ? 1 : 0);
-        gauge("price_server_broker_markets_lost", "Markets whose publisher is not heard.", counts.marketsLost);
+        gauge("price_server_broker_markets_lost", "Markets that have been there, and whose publisher is not heard.",
+              counts.marketsLost);
         gauge("price_server_broker_instruments_followed", "Instruments that are kept up to date.", counts.followed);
         gauge("price_server_broker_instruments_stale", "Of those: whose image has not come.",
               counts.followed - counts.live);
         counter("price_server_broker_messages_total", "Price messages taken.", counts.messages);
-        counter("price_server_broker_refused_messages_total", "Messages that could not be read.", counts.refused);
+        counter("price_server_broker_refused_messages_total", "Messages and entries that make no sense.",
+                counts.refused);
         counter("price_server_broker_gaps_total", "Times that an instrument's sequence was broken.", counts.gaps);
         counter("price_server_broker_losses_total", "Times that a market's feed was lost.", counts.losses);
         counter("price_server_broker_images_total", "Images taken.", counts.images);

@@ -2,29 +2,12 @@
 
 #include "server/server_config.h"
 #include "zel/nats_transport.h"
+#include "zel/password_file.h"
 
-#include <fstream>
-#include <stdexcept>
 #include <utility>
 
 namespace ps_ns
 {
-namespace
-{
-
-std::string ReadFirstLine(const std::string& path)
-{
-    std::ifstream file(path);
-    std::string line;
-    if (!std::getline(file, line) || line.empty())
-    {
-        throw std::runtime_error("there is no password in " + path);
-    }
-    line.erase(line.find_last_not_of(" \r") + 1);
-    return line;
-}
-
-} // namespace
 
 std::shared_ptr<ZelProvider> MakeZelProvider(const ZelSettings& settings, const MarketTable& markets,
                                              ZelRenameStep renameStep)
@@ -35,7 +18,7 @@ std::shared_ptr<ZelProvider> MakeZelProvider(const ZelSettings& settings, const 
     if (!settings.user.empty())
     {
         nats.user = settings.user;
-        nats.password = ReadFirstLine(settings.passwordFile);
+        nats.password = ReadPasswordFile(settings.passwordFile);
     }
     ZelOptions options;
     for (const Market& market : markets.GetAll())

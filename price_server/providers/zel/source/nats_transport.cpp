@@ -24,6 +24,7 @@ constexpr std::string_view kRequests = "zel.requests.";
 constexpr auto kLook = std::chrono::milliseconds(20);
 constexpr int kMostPingsOut = 3;
 constexpr std::int64_t kPingInterval_ms = 1000;
+constexpr std::chrono::milliseconds kLongestConnectTimeout{5000}; // a stop waits for it
 
 std::string MakeSubject(const TransportAddress& to)
 {
@@ -102,6 +103,18 @@ std::string DescribeServers(const std::vector<std::string>& servers)
     return text;
 }
 
+/// As a JSON text wants it between its quotes: the library puts names and passwords there as they are.
+std::string Quote(const std::string& text)
+{
+    std::string quoted;
+    for (const char c : text)
+    {
+        quoted += c == '"' || c == '\\' ? "\\" : "";
+        quoted += c;
+    }
+    return quoted;
+}
+
 void Require(natsStatus status, const char* what)
 {
     if (status != NATS_OK)
@@ -145,18 +158,46 @@ struct NatsTransport::Link
         }
         natsMsg_Destroy(message);
     }
+    /// The state and what the listener is told of it change together, in one order.
+    void ComeUp()
+    {
+        connections.fetch_add(1);
+        isUp.store(true);
+        Tell([](ITransportListener& user) { user.OnTransportState(true); });
+    }
+    void GoDown()
+    {
+        isUp.store(false);
+        Tell([](ITransportListener& user) { user.OnTransportState(false); });
+    }
     static void OnDisconnected(natsConnection*, void* closure)
     {
         auto* const link = static_cast<Link*>(closure);
-        link->isUp.store(false);
-        link->Tell([](ITransportListener& user) { user.OnTransportState(false); });
+        const std::lock_guard lock(link->stateMutex);
+        ++link->breaks;
+        link->GoDown();
     }
     static void OnReconnected(natsConnection*, void* closure)
     {
         auto* const link = static_cast<Link*>(closure);
-        link->connections.fetch_add(1);
-        link->isUp.store(true);
-        link->Tell([](ITransportListener& user) { user.OnTransportState(true); });
+        const std::lock_guard lock(link->stateMutex);
+        link->lastError.store(NATS_OK); // of the connection that was
+        link->ComeUp();
+    }
+    /// Of a first connection that has been made; `before`: the breaks until then. It may be broken by now, and then
+    /// OnReconnected tells of it, or has told.
+    void ComeUpFirst(std::uint64_t before)
+    {
+        const std::lock_guard lock(stateMutex);
+        if (breaks == before)
+        {
+            ComeUp();
+        }
+    }
+    std::uint64_t GetBreaks()
+    {
+        const std::lock_guard lock(stateMutex);
+        return breaks;
     }
     static void OnClosed(natsConnection*, void* closure) { static_cast<Link*>(closure)->isClosed.store(true); }
     /// May come while the library holds its locks: counts, and touches nothing else.
@@ -167,6 +208,10 @@ struct NatsTransport::Link
         if (error == NATS_SLOW_CONSUMER)
         {
             link->drops.fetch_add(1);
+        }
+        if (error == NATS_NOT_PERMITTED)
+        {
+            link->refusals.fetch_add(1);
         }
     }
     static std::int64_t ChoosePause(natsConnection*, int attempts, void* closure)
@@ -179,6 +224,9 @@ struct NatsTransport::Link
     std::chrono::milliseconds shortestPause{0};
     std::chrono::milliseconds longestPause{0};
 
+    std::mutex stateMutex;    ///< before gate
+    std::uint64_t breaks = 0; ///< under stateMutex: connections that broke
+
     std::shared_mutex gate;
     ITransportListener* listener = nullptr; ///< under gate: null once stopped
 
@@ -186,6 +234,7 @@ struct NatsTransport::Link
     std::atomic<bool> isClosed{false}; ///< the library has given the connection up
     std::atomic<std::uint64_t> connections{0};
     std::atomic<std::uint64_t> drops{0};
+    std::atomic<std::uint64_t> refusals{0}; ///< for want of a right
     std::atomic<natsStatus> lastError{NATS_OK};
 
     std::shared_mutex connectionMutex;
@@ -217,8 +266,10 @@ void NatsTransport::Connect(ITransportListener& listener)
     {
         throw std::runtime_error("there is no address of a broker");
     }
-    m_listener = &listener;
-    m_link->listener = &listener;
+    {
+        const std::unique_lock lock(m_link->gate);
+        m_link->listener = &listener;
+    }
     m_thread = std::thread([this] { Run(); });
 }
 
@@ -287,9 +338,11 @@ bool NatsTransport::ConnectOnce()
     Require(natsOptions_SetName(made, m_options.clientName.c_str()), "the client's name");
     if (!m_options.user.empty())
     {
-        Require(natsOptions_SetUserInfo(made, m_options.user.c_str(), m_options.password.c_str()), "the user");
+        Require(natsOptions_SetUserInfo(made, Quote(m_options.user).c_str(), Quote(m_options.password).c_str()),
+                "the user");
     }
-    Require(natsOptions_SetTimeout(made, m_options.connectTimeout.count()), "the connect timeout");
+    Require(natsOptions_SetTimeout(made, std::min(m_options.connectTimeout, kLongestConnectTimeout).count()),
+            "the connect timeout");
     Require(natsOptions_SetWriteDeadline(made, m_options.writeTimeout.count()), "the write timeout");
     Require(natsOptions_SetPingInterval(made, kPingInterval_ms), "the ping interval");
     Require(natsOptions_SetMaxPingsOut(made, kMostPingsOut), "the number of pings");
@@ -304,6 +357,7 @@ bool NatsTransport::ConnectOnce()
 
     natsConnection* connection = nullptr;
     m_link->isClosed.store(false);
+    const std::uint64_t breaks = m_link->GetBreaks();
     if (const natsStatus status = natsConnection_Connect(&connection, made); status != NATS_OK)
     {
         ReportFailure(natsStatus_GetText(status));
@@ -313,11 +367,10 @@ bool NatsTransport::ConnectOnce()
         const std::unique_lock lock(m_link->connectionMutex);
         m_link->connection = connection;
     }
+    m_link->lastError.store(NATS_OK); // of the attempts before
     SubscribeWanted();
     ReportConnected();
-    m_link->connections.fetch_add(1);
-    m_link->isUp.store(true);
-    m_link->Tell([](ITransportListener& listener) { listener.OnTransportState(true); });
+    m_link->ComeUpFirst(breaks);
     return true;
 }
 
@@ -325,6 +378,7 @@ bool NatsTransport::ConnectOnce()
 void NatsTransport::WatchConnection()
 {
     std::uint64_t dropsSeen = m_link->drops.load();
+    std::uint64_t refusalsSeen = 0;
     bool wasUp = true;
     while (!m_link->isClosed.load() && Pause(kLook))
     {
@@ -342,14 +396,43 @@ void NatsTransport::WatchConnection()
                               { text << "messages of the broker were dropped: they came faster than they are taken"; });
             m_link->Tell([](ITransportListener& listener) { listener.OnTransportLoss(); });
         }
+        if (const std::uint64_t refusals = m_link->refusals.load(); refusals != std::exchange(refusalsSeen, refusals))
+        {
+            ReportRefusal();
+        }
     }
+}
+
+/// What the broker has refused last for want of a right: it says the subject. Each once.
+void NatsTransport::ReportRefusal()
+{
+    constexpr std::size_t kMostKept = 1000;
+    const char* said = nullptr;
+    if (natsConnection_GetLastError(m_link->connection, &said) != NATS_NOT_PERMITTED || said == nullptr)
+    {
+        return;
+    }
+    const std::string text(said);
+    if (m_refusalsSaid.size() >= kMostKept || !m_refusalsSaid.insert(text).second)
+    {
+        return;
+    }
+    zel::logging::Log(30, ZelLogSource(),
+                      [&](std::ostream& out)
+                      {
+                          out << "the message broker does not let "
+                              << (m_options.user.empty() ? "a client without a name" : "\"" + m_options.user + "\"")
+                              << " do this: " << text;
+                      });
 }
 
 /// Ends the connection and all that belongs to it.
 void NatsTransport::LetGo()
 {
-    m_link->isUp.store(false);
-    m_link->Tell([](ITransportListener& listener) { listener.OnTransportState(false); });
+    {
+        const std::lock_guard lock(m_link->stateMutex);
+        m_link->GoDown();
+    }
     for (natsSubscription* const subscription : std::exchange(m_link->subscriptions, {}))
     {
         m_link->graveyard.Bury(subscription);
@@ -389,6 +472,9 @@ void NatsTransport::SubscribeWanted()
         natsSubscription_SetPendingLimits(subscription, m_options.mostPendingMessages, m_options.mostPendingBytes);
         m_link->subscriptions.push_back(subscription);
         ++m_link->subscribed;
+        // In effect from here on; and if it was refused, the broker has said so.
+        natsConnection_FlushTimeout(m_link->connection, m_options.writeTimeout.count());
+        ReportRefusal();
     }
 }
 

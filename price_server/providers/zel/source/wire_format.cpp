@@ -41,8 +41,8 @@ void StoreLevels(std::byte* at, const std::vector<BookUpdate::Change>& changes, 
     }
 }
 
-/// The whole of it is there.
-void LoadLevels(const std::byte* at, std::span<BookUpdate::Change> changes, BookSideType side) noexcept
+/// The whole of it is there. False: a quantity is none.
+bool LoadLevels(const std::byte* at, std::span<BookUpdate::Change> changes, BookSideType side) noexcept
 {
     for (BookUpdate::Change& change : changes)
     {
@@ -51,7 +51,12 @@ void LoadLevels(const std::byte* at, std::span<BookUpdate::Change> changes, Book
         change.orderCount = Load<std::uint32_t>(at + 16);
         change.side = side;
         at += kLevelSize;
+        if (change.quantity < 0)
+        {
+            return false;
+        }
     }
+    return true;
 }
 
 /// Behind the header of a message of that kind; nothing else passes.
@@ -227,9 +232,8 @@ bool ReadBook(WireBytes bytes, MarketMessage& message)
     message.changes.resize(bids + asks);
     const std::span changes(message.changes);
     const std::byte* const levels = reader.GetRest().data();
-    LoadLevels(levels, changes.first(bids), BookSideType::Bid);
-    LoadLevels(levels + bids * kLevelSize, changes.subspan(bids), BookSideType::Ask);
-    return true;
+    return LoadLevels(levels, changes.first(bids), BookSideType::Bid) &&
+           LoadLevels(levels + bids * kLevelSize, changes.subspan(bids), BookSideType::Ask);
 }
 
 bool ReadTrades(WireBytes bytes, std::vector<Trade>& trades)
@@ -250,7 +254,7 @@ bool ReadTrades(WireBytes bytes, std::vector<Trade>& trades)
         trade.receiveTime_ns = reader->Get<std::uint64_t>();
         trade.venueId = reader->Get<std::uint64_t>();
         const auto aggressor = reader->Get<std::uint8_t>();
-        if (aggressor > static_cast<std::uint8_t>(Trade::Aggressor::Seller))
+        if (aggressor > static_cast<std::uint8_t>(Trade::Aggressor::Seller) || trade.quantity < 0)
         {
             return false;
         }

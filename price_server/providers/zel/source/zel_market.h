@@ -2,12 +2,16 @@
 
 #include "mds/instrument_feed.h"
 #include "mds/text_hash.h"
+#include "simple_subscription/instrument_directory.h"
 #include "zel/wire_format.h"
 #include "zel/zel_provider.h"
+#include "zel_arrears.h"
+#include "zel_back_off.h"
 
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -41,10 +45,10 @@ struct ZelInstrument
     std::uint32_t index;      ///< in the publisher's present directory; kNoIndex: not in it
     InstrumentFeed feed;
     State state = State::Idle;
-    std::uint64_t sequence = 0;                    ///< live: of the last message
-    std::uint64_t promised = 0;                    ///< what a heartbeat has told of this epoch
-    ZelOptions::Clock::time_point promisedSince{}; ///< when that was more than we had
-    ZelOptions::Clock::time_point askedAt{};       ///< awaiting: when last asked for; the epoch of the clock: never
+    std::uint64_t sequence = 0; ///< live: of the last message
+    ZelArrears arrears;         ///< of this epoch
+    bool isBehind = false;      ///< is in the provider's list of those that may be in arrears
+    ZelBackOff asking;          ///< awaiting: for the image
 
     static constexpr std::uint32_t kNoIndex = 0xffffffff;
 };
@@ -70,22 +74,45 @@ public:
 
     const short id;
     const std::string name;
-    std::uint64_t epoch = 0;    ///< of the directory that is in use; 0: none is
-    std::uint64_t revision = 0; ///< of the same
-    bool isLost = true;         ///< nothing has been heard of its publisher lately
+    std::uint64_t epoch = 0;      ///< of the directory that is in use; 0: none is
+    std::uint64_t revision = 0;   ///< of the same
+    std::uint64_t shownEpoch = 0; ///< what listeners see: grows with every change of the epoch, whatever that does
+    bool isLost = true;           ///< nothing has been heard of its publisher lately
     bool wantsDirectory = true;
     TimePoint lastHeard{};
-    TimePoint directoryAskedAt{};
+    std::optional<TimePoint> lostAt{}; ///< until all of its instruments are live again
+    std::size_t awaited = 0;           ///< instruments in that state
+    ZelBackOff askingForDirectory;
 
     // A directory whose parts are coming in:
     std::uint64_t incomingEpoch = 0;
     std::uint64_t incomingRevision = 0;
+    TimePoint incomingSince{}; ///< when the last part came
     std::vector<std::optional<std::vector<WireInstrument>>> incoming;
 
     std::vector<std::unique_ptr<ZelInstrument>> instruments; ///< all that there ever were
     TextMap<ZelInstrument*> byFirstSymbol;
     TextMap<ZelInstrument*> bySymbol; ///< by the name here
     std::vector<ZelInstrument*> byIndex;
+
+    std::uint64_t refusedUnsaid = 0; ///< messages and entries since the last record in the log
+    std::optional<TimePoint> refusalLoggedAt{};
 };
+
+/// As the provider's own directory has it.
+inline DirectoryEntry MakeEntry(const ZelMarket& market, const WireInstrument& listed)
+{
+    DirectoryEntry entry;
+    entry.submarket.marketId = market.id;
+    entry.symbol = listed.symbol;
+    entry.exchange = listed.exchange.empty() ? market.name : listed.exchange;
+    entry.description = listed.description;
+    entry.format = listed.format;
+    entry.firstSymbol = listed.firstSymbol;
+    return entry;
+}
+
+/// Why most messages are refused.
+inline constexpr const char* kUnreadable = "a message cannot be read: it is damaged, or of another version";
 
 } // namespace ps_ns

@@ -1,4 +1,6 @@
 #include "logging/logging.h"
+#include "wire_check.h"
+#include "zel/subject_token.h"
 #include "zel/zel_log.h"
 #include "zel/zel_provider.h"
 #include "zel_market.h"
@@ -13,18 +15,7 @@ namespace
 {
 
 constexpr std::uint32_t kMostParts = 10'000;
-
-DirectoryEntry MakeEntry(const ZelMarket& market, const WireInstrument& listed)
-{
-    DirectoryEntry entry;
-    entry.submarket.marketId = market.id;
-    entry.symbol = listed.symbol;
-    entry.exchange = listed.exchange.empty() ? market.name : listed.exchange;
-    entry.description = listed.description;
-    entry.format = listed.format;
-    entry.firstSymbol = listed.firstSymbol;
-    return entry;
-}
+constexpr std::size_t kMostShown = 40; // bytes of a refused symbol
 
 } // namespace
 
@@ -34,7 +25,7 @@ void ZelProvider::OnControl(ZelMarket& market, std::span<const std::byte> payloa
     const std::optional<WireHeader> header = ReadHeader(payload);
     if (!header)
     {
-        NoteRefused({TransportChannel::Control, market.name, {}});
+        NoteRefused(market, kUnreadable);
         return;
     }
     switch (header->kind)
@@ -46,7 +37,7 @@ void ZelProvider::OnControl(ZelMarket& market, std::span<const std::byte> payloa
     case WireKind::Rename:
         return OnRename(market, header->epoch, header->sequence, payload);
     default:
-        NoteRefused({TransportChannel::Control, market.name, {}});
+        NoteRefused(market, "a control message is of a kind that is none of that channel");
     }
 }
 
@@ -56,7 +47,7 @@ void ZelProvider::OnHeartbeat(ZelMarket& market, std::uint64_t epoch, std::uint6
     const std::optional<WireHeartbeat> heartbeat = ReadHeartbeat(payload);
     if (!heartbeat)
     {
-        NoteRefused({TransportChannel::Control, market.name, {}});
+        NoteRefused(market, kUnreadable);
         return;
     }
     if (!IsHeard(market, epoch))
@@ -65,28 +56,24 @@ void ZelProvider::OnHeartbeat(ZelMarket& market, std::uint64_t epoch, std::uint6
     }
     if (revision > market.revision)
     {
-        market.wantsDirectory = true;
-        Wake();
+        WantDirectory(market);
     }
     for (const WireProgress& progress : heartbeat->progress)
     {
         ZelInstrument* const instrument = market.FindByIndex(progress.index);
-        if (instrument == nullptr || progress.sequence <= instrument->promised)
+        if (instrument != nullptr)
         {
-            continue;
+            instrument->arrears.Promise(progress.sequence, instrument->sequence, market.lastHeard);
+            NoteBehind(*instrument);
         }
-        if (instrument->sequence >= instrument->promised)
-        {
-            instrument->promisedSince = market.lastHeard; // so far it had everything
-        }
-        instrument->promised = progress.sequence;
     }
 }
 
 void ZelProvider::OnDirectory(ZelMarket& market, std::uint32_t part, std::uint64_t epoch, std::uint64_t revision,
                               std::span<const std::byte> payload)
 {
-    const bool isNews = epoch > market.epoch || (epoch == market.epoch && revision > market.revision);
+    const bool isNews = epoch > market.epoch || (epoch == market.epoch && revision > market.revision) ||
+                        (epoch < market.epoch && MayGoBack(market));
     if (!isNews)
     {
         if (IsHeard(market, epoch))
@@ -98,13 +85,17 @@ void ZelProvider::OnDirectory(ZelMarket& market, std::uint32_t part, std::uint64
     std::optional<WireDirectory> directory = ReadDirectory(payload);
     if (!directory || directory->parts > kMostParts)
     {
-        NoteRefused({TransportChannel::Control, market.name, {}});
+        NoteRefused(market, kUnreadable);
         return;
     }
-    if (std::pair(epoch, revision) < std::pair(market.incomingEpoch, market.incomingRevision))
+    RefuseNonsense(market, directory->instruments);
+    const TimePoint now = m_options.now();
+    if (std::pair(epoch, revision) < std::pair(market.incomingEpoch, market.incomingRevision) &&
+        now - market.incomingSince <= m_options.longestSilence)
     {
-        return;
+        return; // a newer one is coming in
     }
+    market.incomingSince = now;
     if (market.incomingEpoch != epoch || market.incomingRevision != revision ||
         market.incoming.size() != directory->parts)
     {
@@ -120,9 +111,27 @@ void ZelProvider::OnDirectory(ZelMarket& market, std::uint32_t part, std::uint64
     }
 }
 
+/// Takes out the entries that nobody can use; the others stay.
+void ZelProvider::RefuseNonsense(ZelMarket& market, std::vector<WireInstrument>& instruments)
+{
+    std::erase_if(instruments,
+                  [&](const WireInstrument& listed)
+                  {
+                      const std::string fault = FindWireFault(listed);
+                      if (!fault.empty())
+                      {
+                          NoteRefused(market, "instrument " + std::to_string(listed.index) + " of the directory (" +
+                                                  EscapeToken(listed.firstSymbol.substr(0, kMostShown)) +
+                                                  ") is refused: " + fault);
+                      }
+                      return !fault.empty();
+                  });
+}
+
 void ZelProvider::AdoptDirectory(ZelMarket& market)
 {
     const bool isNewEpoch = std::exchange(market.epoch, market.incomingEpoch) != market.incomingEpoch;
+    market.shownEpoch = isNewEpoch ? std::max(market.shownEpoch + 1, market.epoch) : market.shownEpoch;
     market.revision = market.incomingRevision;
     market.wantsDirectory = false;
     market.byIndex.clear();
@@ -136,7 +145,18 @@ void ZelProvider::AdoptDirectory(ZelMarket& market)
     {
         for (const WireInstrument& listed : *part)
         {
+            if (market.FindByIndex(listed.index) != nullptr)
+            {
+                NoteRefused(market, "two instruments of a directory have the number " + std::to_string(listed.index));
+                continue;
+            }
             ZelInstrument*& known = market.byFirstSymbol[listed.firstSymbol];
+            if (known != nullptr && known->index != ZelInstrument::kNoIndex)
+            {
+                NoteRefused(market, "an instrument is twice in a directory, as numbers " +
+                                        std::to_string(known->index) + " and " + std::to_string(listed.index));
+                continue;
+            }
             if (known == nullptr)
             {
                 market.instruments.push_back(std::make_unique<ZelInstrument>(market, listed));
@@ -160,7 +180,8 @@ void ZelProvider::AdoptDirectory(ZelMarket& market)
     {
         if (isNewEpoch)
         {
-            instrument->promised = 0;
+            instrument->arrears.Clear();
+            instrument->sequence = 0;
             if (instrument->state != ZelInstrument::State::Idle)
             {
                 Await(*instrument);
@@ -179,7 +200,7 @@ void ZelProvider::AdoptDirectory(ZelMarket& market)
                       });
     if (!renames.empty())
     {
-        m_renames.push_back(std::move(renames));
+        AddRenames(std::move(renames));
     }
     AnswerWaiting(market);
     Wake();
@@ -208,138 +229,6 @@ void ZelProvider::AnswerWaiting(ZelMarket& market)
             subscription.listener->OnSubscribed(ps_messages_ns::SubscriptionResult::DirectSubscriptionFailed, {});
         }
         ++entry;
-    }
-}
-
-void ZelProvider::OnRename(ZelMarket& market, std::uint64_t epoch, std::uint64_t revision,
-                           std::span<const std::byte> payload)
-{
-    const std::optional<std::vector<WireRename>> renames = ReadRenames(payload);
-    if (!renames)
-    {
-        NoteRefused({TransportChannel::Control, market.name, {}});
-        return;
-    }
-    if (!IsHeard(market, epoch) || revision <= market.revision)
-    {
-        return;
-    }
-    if (revision != market.revision + 1)
-    {
-        market.wantsDirectory = true; // one has been missed: the directory tells of all
-        Wake();
-        return;
-    }
-    market.revision = revision;
-    std::vector<SymbolRename> step;
-    for (const WireRename& rename : *renames)
-    {
-        if (ZelInstrument* const instrument = market.FindByIndex(rename.index))
-        {
-            step.push_back({market.id, std::exchange(instrument->listedSymbol, rename.newSymbol), rename.newSymbol});
-        }
-    }
-    if (!step.empty())
-    {
-        m_renames.push_back(std::move(step));
-        Wake();
-    }
-}
-
-// --- Renames: on the provider's own thread ---------------------------------------------------------------------------
-
-void ZelProvider::MakeRenames()
-{
-    std::vector<std::vector<SymbolRename>> steps;
-    {
-        const ScopedRoleLock lock(m_mutex, m_role);
-        steps.swap(m_renames);
-    }
-    for (const std::vector<SymbolRename>& step : steps)
-    {
-        if (m_options.renameStep)
-        {
-            m_options.renameStep(step, [this, &step] { Rename(step); });
-        }
-        else
-        {
-            Rename(step);
-        }
-    }
-}
-
-/// All old names are taken before any new one is given, so that a name may be passed on.
-void ZelProvider::Rename(const std::vector<SymbolRename>& renames)
-{
-    const ScopedRoleLock lock(m_mutex, m_role);
-    std::vector<std::pair<ZelInstrument*, SymbolRename>> moves;
-    for (const SymbolRename& rename : renames)
-    {
-        ZelMarket& market = *FindMarket(rename.marketId);
-        const auto found = market.bySymbol.find(rename.oldSymbol);
-        if (found != market.bySymbol.end() && rename.oldSymbol != rename.newSymbol)
-        {
-            moves.emplace_back(found->second, rename);
-            market.bySymbol.erase(found);
-        }
-    }
-    std::vector<SymbolRename> made;
-    for (const auto& [instrument, rename] : moves)
-    {
-        ZelInstrument*& owner = instrument->market.bySymbol[rename.newSymbol];
-        if (owner != nullptr)
-        {
-            Detach(*owner);
-            owner->symbol.clear();
-        }
-        owner = instrument;
-        instrument->symbol = rename.newSymbol;
-        Detach(*instrument);
-        made.push_back(rename);
-    }
-    m_counts.renames += made.size();
-    std::set<ZelMarket*> markets;
-    for (const auto& [instrument, rename] : moves)
-    {
-        markets.insert(&instrument->market);
-    }
-    for (const SymbolRename& step : OrderRenames(made))
-    {
-        m_directory.Rename(step.marketId, step.oldSymbol, step.newSymbol);
-        zel::logging::Log(10, ZelLogSource(),
-                          [&](std::ostream& text) {
-                              text << "renamed " << step.oldSymbol << " to " << step.newSymbol << " on market "
-                                   << step.marketId;
-                          });
-    }
-    for (ZelMarket* const market : markets)
-    {
-        NameTheNameless(*market);
-    }
-}
-
-/// An instrument that was listed under a name that another still had gets it as soon as it is free.
-void ZelProvider::NameTheNameless(ZelMarket& market)
-{
-    for (const std::unique_ptr<ZelInstrument>& instrument : market.instruments)
-    {
-        if (!instrument->symbol.empty() && market.bySymbol.try_emplace(instrument->symbol, instrument.get()).second)
-        {
-            m_directory.Add(MakeEntry(market, instrument->asFirstListed));
-        }
-    }
-}
-
-/// Who listens under a name that has gone hears nothing more until it unsubscribes.
-void ZelProvider::Detach(ZelInstrument& instrument)
-{
-    instrument.feed.DropAll();
-    for (auto& [listener, subscription] : m_subscriptions)
-    {
-        if (subscription.instrument == &instrument)
-        {
-            subscription.instrument = nullptr;
-        }
     }
 }
 

@@ -4,7 +4,6 @@
 #include "zel/zel_log.h"
 
 #include <algorithm>
-#include <set>
 #include <stdexcept>
 #include <utility>
 
@@ -13,7 +12,6 @@ namespace ps_ns
 namespace
 {
 
-constexpr std::size_t kDirectoryPart = 200'000; // bytes: a part and its header are far below what a broker takes
 constexpr short kEveryMarket = -1;
 
 } // namespace
@@ -57,12 +55,16 @@ void ZelPublisher::Start(const std::vector<SourceInstrument>& instruments)
 void ZelPublisher::OnTransportMessage(const TransportAddress& from, std::span<const std::byte> payload)
 {
     constexpr std::size_t kMostWaiting = 100'000; // who has not been heard asks again
+    constexpr std::size_t kMostWaitingBytes = 8'000'000;
     {
         const std::lock_guard lock(m_mutex);
-        if (m_inbox.requests.size() < kMostWaiting)
+        if (m_inbox.requests.size() >= kMostWaiting || m_inbox.bytes + payload.size() > kMostWaitingBytes)
         {
-            m_inbox.requests.emplace_back(from.market, std::vector<std::byte>(payload.begin(), payload.end()));
+            ++m_counts.dropped;
+            return;
         }
+        m_inbox.requests.emplace_back(from.market, std::vector<std::byte>(payload.begin(), payload.end()));
+        m_inbox.bytes += payload.size();
     }
     m_hasWork.notify_all();
 }
@@ -90,6 +92,10 @@ ZelPublisherCounts ZelPublisher::GetCounts() const
 
 void ZelPublisher::WaitForWork(ZelPublisherOptions::Clock::time_point until)
 {
+    if (GetOwed() != 0 && m_transport.IsConnected())
+    {
+        return;
+    }
     std::unique_lock lock(m_mutex);
     m_hasWork.wait_until(lock, until, [this] { return m_inbox.hasNewState || !m_inbox.requests.empty(); });
 }
@@ -106,16 +112,15 @@ std::size_t ZelPublisher::Tick()
     {
         BeginEpoch();
     }
-    std::set<std::pair<std::string, std::vector<std::byte>>> answered; // the same question, many times: one answer
-    for (auto& request : inbox.requests)
+    for (const auto& [name, request] : inbox.requests)
     {
-        const auto market = m_marketByName.find(request.first);
-        if (m_epoch != 0 && market != m_marketByName.end() && answered.count(request) == 0)
+        const auto market = m_marketByName.find(name);
+        if (m_epoch != 0 && market != m_marketByName.end())
         {
-            Answer(m_markets[market->second], request.second);
-            answered.insert(std::move(request));
+            Note(m_markets[market->second], request);
         }
     }
+    PayOwed();
     const auto now = m_options.now();
     if (m_epoch != 0 && now >= m_nextHeartbeat)
     {
@@ -136,11 +141,18 @@ void ZelPublisher::BeginEpoch()
     {
         instrument.sequence = 0;
     }
+    for (const InstrumentIndex number : std::exchange(m_owed, {}))
+    {
+        m_instruments[number].isOwed = false; // who asked in the old epoch asks anew
+    }
     for (Market& market : m_markets)
     {
-        SendDirectory(market);
+        CutDirectory(market);
+        market.isOwedAgain = false;
     }
     m_nextHeartbeat = {};
+    zel::logging::Log(0, ZelLogSource(),
+                      [&](std::ostream& text) { text << "publishes in epoch " << m_epoch << " from now on"; });
 }
 
 void ZelPublisher::Publish(const MarketMessage& message)
@@ -207,133 +219,14 @@ std::vector<SymbolRename> ZelPublisher::Rename(std::span<const SymbolRename> ren
         {
             ++market.revision;
             WriteRenames(m_buffer, {WireKind::Rename, 0, m_epoch, market.revision}, step);
-            Send({TransportChannel::Control, market.name, {}});
+            SendControl(market);
+            if (market.nextPart < market.parts.size())
+            {
+                CutDirectory(market); // all parts bear one revision
+            }
         }
     }
     return made;
-}
-
-// --- Sending ---------------------------------------------------------------------------------------------------------
-
-/// Sends what is in the buffer.
-bool ZelPublisher::Send(const TransportAddress& to)
-{
-    if (m_buffer.size() > kLargestWireMessage)
-    {
-        zel::logging::Log(30, ZelLogSource(),
-                          [&](std::ostream& text)
-                          {
-                              text << "a message of " << to.market << " " << to.instrument << " has " << m_buffer.size()
-                                   << " bytes, more than a broker takes: it is not sent";
-                          });
-        return false;
-    }
-    if (m_epoch == 0 || !m_transport.Publish(to, m_buffer))
-    {
-        return false;
-    }
-    const std::lock_guard lock(m_mutex);
-    m_counts.bytes += m_buffer.size();
-    return true;
-}
-
-bool ZelPublisher::SendPrices(const Instrument& instrument)
-{
-    return Send({TransportChannel::Prices, m_markets[instrument.market].name, instrument.firstSymbol});
-}
-
-void ZelPublisher::SendImage(Instrument& instrument)
-{
-    m_image.Clear();
-    m_image.isImage = true;
-    m_image.exchangeTime_ns = instrument.exchangeTime_ns;
-    m_image.receiveTime_ns = instrument.receiveTime_ns;
-    m_image.venueSequence = instrument.venueSequence;
-    instrument.book.WriteImage(m_image.changes);
-    WriteBook(m_buffer, {WireKind::Image, instrument.index, m_epoch, instrument.sequence}, m_image);
-    if (SendPrices(instrument))
-    {
-        const std::lock_guard lock(m_mutex);
-        ++m_counts.images;
-    }
-}
-
-void ZelPublisher::SendDirectory(Market& market)
-{
-    std::vector<std::vector<WireInstrument>> parts(1);
-    std::size_t size = 0;
-    for (const InstrumentIndex number : market.instruments)
-    {
-        const Instrument& instrument = m_instruments[number];
-        WireInstrument listed{instrument.index,  instrument.format, instrument.firstSymbol,
-                              instrument.symbol, market.name,       {}};
-        size += GetWireSize(listed);
-        if (size > kDirectoryPart)
-        {
-            parts.emplace_back();
-            size = GetWireSize(listed);
-        }
-        parts.back().push_back(std::move(listed));
-    }
-    for (std::uint32_t part = 0; part < parts.size(); ++part)
-    {
-        WriteDirectory(m_buffer, {WireKind::Directory, part, m_epoch, market.revision},
-                       static_cast<std::uint32_t>(parts.size()), parts[part]);
-        Send({TransportChannel::Control, market.name, {}});
-    }
-}
-
-void ZelPublisher::SendHeartbeat(Market& market)
-{
-    constexpr std::size_t kMostInOne = 50'000; // twelve bytes each: below what a broker takes as one message
-    WireHeartbeat heartbeat;
-    heartbeat.sendTime_ns = m_options.wallTime_ns();
-    const auto send = [&]
-    {
-        WriteHeartbeat(m_buffer, {WireKind::Heartbeat, 0, m_epoch, market.revision}, heartbeat);
-        Send({TransportChannel::Control, market.name, {}});
-        heartbeat.progress.clear();
-    };
-    for (const InstrumentIndex number : market.moved)
-    {
-        m_instruments[number].hasMoved = false;
-        heartbeat.progress.push_back({m_instruments[number].index, m_instruments[number].sequence});
-        if (heartbeat.progress.size() == kMostInOne)
-        {
-            send();
-        }
-    }
-    market.moved.clear();
-    send();
-}
-
-void ZelPublisher::Answer(Market& market, WireBytes request)
-{
-    const std::optional<WireHeader> header = ReadHeader(request);
-    if (!header)
-    {
-        return;
-    }
-    if (header->kind == WireKind::DirectoryRequest)
-    {
-        SendDirectory(market);
-        // Who asks is new, or has missed something: the next heartbeat tells how far everything is.
-        std::for_each(market.instruments.begin(), market.instruments.end(),
-                      [this](InstrumentIndex number) { NoteMoved(number); });
-        return;
-    }
-    const std::optional<std::vector<std::uint32_t>> indexes = ReadImageRequest(request);
-    if (!indexes || header->epoch != m_epoch)
-    {
-        return; // who asks in an old epoch hears of the new one first
-    }
-    for (const std::uint32_t index : *indexes)
-    {
-        if (index < market.instruments.size() && m_instruments[market.instruments[index]].hasBook)
-        {
-            SendImage(m_instruments[market.instruments[index]]);
-        }
-    }
 }
 
 } // namespace ps_ns

@@ -208,6 +208,23 @@ TEST(WireFormat, RefusesNumbersThatAreNone)
     EXPECT_FALSE(ReadTrades(bytes, trades)) << "no such aggressor";
 }
 
+TEST(WireFormat, RefusesNegativeQuantities)
+{
+    WireBuffer bytes;
+    MarketMessage read;
+    for (const BookSideType side : {BookSideType::Bid, BookSideType::Ask})
+    {
+        MarketMessage message = SomeUpdate();
+        message.changes.push_back({1, -1, 0, side});
+        WriteBook(bytes, Header(WireKind::Update), message);
+        EXPECT_FALSE(ReadBook(bytes, read));
+    }
+    std::vector<Trade> trades = SomeTrades();
+    trades.back().quantity = -1;
+    WriteTrades(bytes, Header(WireKind::Trades), trades);
+    EXPECT_FALSE(ReadTrades(bytes, trades));
+}
+
 TEST(WireFormat, SurvivesRandomBytes)
 {
     SeededRandom random(1);

@@ -1,5 +1,6 @@
 #include "zel/zel_publisher.h"
 
+#include "logging/sinks.h"
 #include "zel_bench.h"
 
 namespace ps_ns
@@ -112,8 +113,158 @@ TEST(ZelPublisher, AnswersTheSameQuestionOfManyServersOnce)
     bench.broker.Deliver();
     EXPECT_EQ(bench.publisher->Tick(), 10U);
     bench.broker.Deliver();
-    EXPECT_EQ(overheard.Count(WireKind::Image), 1U) << "of the one instrument that has a book";
+    EXPECT_EQ(overheard.Count(WireKind::Image), 2U);
     EXPECT_EQ(overheard.messages.at(10).first.sequence, 1U) << "an image bears the number of the last message";
+    MarketMessage empty;
+    ASSERT_TRUE(ReadBook(overheard.messages.at(11).second.payload, empty));
+    EXPECT_TRUE(empty.changes.empty()) << "of an instrument that has no book yet";
+    EXPECT_EQ(bench.publisher->GetCounts().images, 2U);
+}
+
+/// As a server of market M in the publisher's epoch.
+void AskFor(ZelBench& bench, const std::vector<std::uint32_t>& indexes)
+{
+    CarriedMessage message{TransportChannel::Requests, "M", "", {}};
+    WriteImageRequest(message.payload, {WireKind::ImageRequest, 0, bench.publisher->GetEpoch(), 0}, indexes);
+    bench.broker.waiting.push_back(std::move(message));
+}
+
+TEST(ZelPublisher, OwesEachImageOnceHoweverTheQuestionsOverlap)
+{
+    ZelBench bench;
+    bench.StartPublisher();
+    bench.publisher->Tick();
+    bench.broker.Deliver();
+    Overheard overheard(bench.broker);
+    AskFor(bench, {0, 1});
+    AskFor(bench, {1, 2});
+    AskFor(bench, {2, 1, 0, 0});
+    bench.broker.Deliver();
+    bench.publisher->Tick();
+    bench.broker.Deliver();
+    EXPECT_EQ(overheard.Count(WireKind::Image), 3U);
+    AskFor(bench, {1});
+    bench.broker.Deliver();
+    bench.publisher->Tick();
+    bench.broker.Deliver();
+    EXPECT_EQ(overheard.Count(WireKind::Image), 4U) << "who asks after it has gone out may have missed it";
+}
+
+TEST(ZelPublisher, SendsNoMoreThanItsBytesInOneTickWhateverIsAsked)
+{
+    constexpr std::size_t kInstruments = 5000;
+    std::vector<SourceInstrument> many;
+    std::vector<std::uint32_t> all;
+    for (std::uint32_t i = 0; i < kInstruments; ++i)
+    {
+        many.push_back(Listed("INSTRUMENT-" + std::to_string(i)));
+        all.push_back(i);
+    }
+    ZelBench bench(many);
+    bench.StartPublisher();
+    while (bench.publisher->Tick(), bench.publisher->GetOwed() != 0)
+    {
+    }
+    std::vector<BookUpdate::Change> levels;
+    for (int i = 1; i <= 100; ++i)
+    {
+        levels.push_back(Bid(std::to_string(i).c_str(), "1"));
+    }
+    for (InstrumentIndex i = 0; i < kInstruments; ++i)
+    {
+        bench.Publish(i, true, levels);
+    }
+    bench.broker.Deliver();
+    std::size_t ticks = 0;
+    std::size_t images = 0;
+    do
+    {
+        AskFor(bench, all); // again and again
+        bench.broker.waiting.push_back({TransportChannel::Requests, "M", "", {}});
+        WriteDirectoryRequest(bench.broker.waiting.back().payload, {WireKind::DirectoryRequest, 0, 1, 0});
+        bench.broker.Deliver();
+        bench.publisher->Tick();
+        std::size_t bytes = 0;
+        for (const CarriedMessage& message : bench.broker.waiting)
+        {
+            const WireKind kind = ReadHeader(message.payload)->kind;
+            images += kind == WireKind::Image ? 1U : 0U;
+            bytes += kind == WireKind::Image || kind == WireKind::Directory ? message.payload.size() : 0U;
+        }
+        EXPECT_LT(bytes, ZelPublisherOptions::kUsualAnswerBytes + 210'000) << "what is over is one message";
+        bench.Publish(0, false, {Bid("1", "2")});
+        EXPECT_EQ(ReadHeader(bench.broker.waiting.back().payload)->kind, WireKind::Update) << "updates go between";
+        bench.broker.Deliver();
+    } while (++ticks < 200);
+    EXPECT_GE(images, kInstruments) << "and everybody's turn comes";
+}
+
+TEST(ZelPublisher, SendsTheDirectoryAnewToWhoAsksWhileItIsBeingSent)
+{
+    std::vector<SourceInstrument> many;
+    for (int i = 0; i < 20'000; ++i)
+    {
+        many.push_back(Listed("INSTRUMENT-" + std::to_string(i)));
+    }
+    ZelBench bench(many);
+    bench.StartPublisher();
+    bench.publisher->Tick();
+    ASSERT_GT(bench.publisher->GetOwed(), 0U) << "it takes more than a tick";
+    bench.broker.waiting.clear(); // who comes now has missed the first parts
+    bench.provider->Start();
+    bench.Settle();
+    bench.Pass(3s);
+    EXPECT_EQ(bench.provider->GetDirectory().GetSize(), 20'000U);
+}
+
+TEST(ZelPublisher, SaysOnceOfAnInstrumentThatItsImageIsTooLarge)
+{
+    const auto log = std::make_shared<zel::logging::CapturingSink>();
+    zel::logging::Logger::SetSink(log);
+    ZelBench bench;
+    bench.StartPublisher();
+    bench.publisher->Tick();
+    MarketMessage message;
+    message.isImage = true;
+    message.changes.resize(60'000);
+    for (std::size_t i = 0; i < message.changes.size(); ++i)
+    {
+        message.changes[i] = {static_cast<std::int64_t>(i + 1), 1, 0, BookSideType::Bid};
+    }
+    for (const InstrumentIndex instrument : {0U, 0U, 1U, 0U, 1U})
+    {
+        message.instrument = instrument;
+        bench.publisher->Publish(message);
+    }
+    for (int i = 0; i < 10; ++i)
+    {
+        AskFor(bench, {0});
+        bench.broker.Deliver();
+        bench.publisher->Tick();
+    }
+    zel::logging::Logger::SetSink(nullptr);
+    const auto records = log->GetRecords();
+    EXPECT_EQ(std::count_if(records.begin(), records.end(), [](const auto& record) { return record.level >= 30; }), 2)
+        << "of two instruments";
+}
+
+TEST(ZelPublisher, TakesInSoManyBytesOfQuestionsAndNoMore)
+{
+    ZelBench bench;
+    bench.StartPublisher();
+    bench.publisher->Tick();
+    bench.broker.Deliver();
+    const std::vector<std::byte> large(900'000, std::byte{1});
+    for (int i = 0; i < 50; ++i)
+    {
+        bench.broker.waiting.push_back({TransportChannel::Requests, "M", "", large});
+    }
+    bench.broker.Deliver();
+    EXPECT_EQ(bench.publisher->Tick(), 8U) << "8 MB";
+    EXPECT_EQ(bench.publisher->GetCounts().dropped, 42U);
+    AskFor(bench, {0});
+    bench.broker.Deliver();
+    EXPECT_EQ(bench.publisher->Tick(), 1U) << "then there is room again";
 }
 
 TEST(ZelPublisher, PassesOverRequestsThatAreNone)

@@ -7,6 +7,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/strand.hpp>
 
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <exception>
@@ -25,6 +26,14 @@ const std::shared_ptr<const zel::logging::Source>& LogSource()
     static const auto source = std::make_shared<const zel::logging::Source>("executor");
     return source;
 }
+
+/// The task that runs on this thread: what it posts belongs to its generation.
+struct Running
+{
+    const void* pool = nullptr;
+    unsigned generation = 0;
+};
+thread_local Running t_running;
 
 void RunGuarded(const std::function<void()>& task) noexcept
 {
@@ -62,7 +71,7 @@ public:
     {
         // The token counts the task as gone however it ends. It is taken before m_stopped is read: either we see the
         // stop here, or Stop sees the token and waits for it.
-        Token token(this);
+        Token token(this, Enter());
         if (m_stopped.load())
         {
             return;
@@ -83,7 +92,7 @@ public:
         // What still waits is destroyed here, not with the context: a task may own, by a long way round, the strand
         // that owns this pool.
         m_work.reset();
-        while (m_pending.load() != 0)
+        while (m_pending[0].load() != 0 || m_pending[1].load() != 0)
         {
             m_context.restart();
             m_context.poll();
@@ -91,10 +100,14 @@ public:
         }
     }
 
+    /// Begins a generation, and waits for the end of the one before. The one before that has ended: its Drain has
+    /// waited for it.
     void Drain()
     {
+        const std::lock_guard oneAtATime(m_drainMutex);
+        const unsigned before = m_generation.fetch_add(1) % 2;
         std::unique_lock lock(m_idleMutex);
-        m_idle.wait(lock, [this] { return m_pending.load() == 0; });
+        m_idle.wait(lock, [this, before] { return m_pending[before].load() == 0; });
     }
 
     boost::asio::io_context& Context() { return m_context; }
@@ -103,20 +116,22 @@ private:
     class Token
     {
     public:
-        explicit Token(Impl* pool) noexcept
+        /// `generation` has been entered.
+        Token(Impl* pool, unsigned generation) noexcept
             : m_pool(pool)
+            , m_generation(generation)
         {
-            pool->m_pending.fetch_add(1);
         }
         Token(Token&& other) noexcept
             : m_pool(std::exchange(other.m_pool, nullptr))
+            , m_generation(other.m_generation)
         {
         }
         ~Token()
         {
             if (m_pool != nullptr)
             {
-                m_pool->OnTaskGone();
+                m_pool->Leave(m_generation);
             }
         }
         Token(const Token&) = delete;
@@ -124,9 +139,11 @@ private:
         Token& operator=(Token&&) = delete;
 
         const Impl& GetPool() const noexcept { return *m_pool; }
+        unsigned GetGeneration() const noexcept { return m_generation; }
 
     private:
         Impl* m_pool;
+        unsigned m_generation; ///< 0 or 1
     };
 
     struct Job
@@ -135,7 +152,9 @@ private:
         {
             if (!token.GetPool().m_stopped.load())
             {
+                t_running = {&token.GetPool(), token.GetGeneration()};
                 RunGuarded(task);
+                t_running = {};
             }
         }
 
@@ -143,9 +162,29 @@ private:
         std::function<void()> task;
     };
 
-    void OnTaskGone() noexcept
+    /// Counts a task in, and returns its generation.
+    unsigned Enter() noexcept
     {
-        if (m_pending.fetch_sub(1) == 1)
+        if (t_running.pool == this)
+        {
+            m_pending[t_running.generation].fetch_add(1); // it is not over while the task that posts runs
+            return t_running.generation;
+        }
+        while (true)
+        {
+            const unsigned generation = m_generation.load();
+            m_pending[generation % 2].fetch_add(1);
+            if (m_generation.load() == generation)
+            {
+                return generation % 2;
+            }
+            Leave(generation % 2); // a drain has begun meanwhile, and may have looked already
+        }
+    }
+
+    void Leave(unsigned generation) noexcept
+    {
+        if (m_pending[generation].fetch_sub(1) == 1)
         {
             const std::lock_guard lock(m_idleMutex);
             m_idle.notify_all();
@@ -154,7 +193,9 @@ private:
 
     std::mutex m_idleMutex;
     std::condition_variable m_idle;
-    std::atomic<std::size_t> m_pending{0}; ///< tasks posted and not yet gone
+    std::mutex m_drainMutex;
+    std::atomic<unsigned> m_generation{0};               ///< of what is posted now, but for what tasks post
+    std::array<std::atomic<std::size_t>, 2> m_pending{}; ///< by generation: tasks posted and not yet gone
     std::atomic<bool> m_stopped{false};
     std::mutex m_stopMutex;
     boost::asio::io_context m_context;

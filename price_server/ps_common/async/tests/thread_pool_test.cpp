@@ -5,7 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
+#include <chrono>
+#include <future>
 #include <latch>
+#include <memory>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -121,6 +125,39 @@ TEST(ThreadPool, RunsNoTaskInsidePost)
         });
     pool.Drain();
     EXPECT_EQ(order, (std::vector{1, 2}));
+}
+
+TEST(ThreadPool, DrainsWhatWasPostedBeforeThoughItIsNeverIdle)
+{
+    ThreadPool pool(2);
+    const auto busy = pool.MakeExecutor();
+    const auto other = pool.MakeExecutor();
+    std::atomic<bool> isOver{false};
+    std::latch begun(1);
+    std::thread poster(
+        [&]
+        {
+            // Each task ends when the next one has been posted: there is always one that has not.
+            auto mayEnd = std::make_shared<std::promise<void>>();
+            busy->Post([mayEnd] { mayEnd->get_future().wait(); });
+            begun.count_down();
+            while (!isOver.load())
+            {
+                const auto last = std::exchange(mayEnd, std::make_shared<std::promise<void>>());
+                busy->Post([mayEnd] { mayEnd->get_future().wait(); });
+                last->set_value();
+            }
+            mayEnd->set_value();
+        });
+    begun.wait();
+    bool ran = false;
+    other->Post([&] { other->Post([&] { ran = true; }); });
+    auto drained = std::async(std::launch::async, [&] { pool.Drain(); });
+    EXPECT_EQ(drained.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    isOver.store(true);
+    poster.join();
+    drained.wait();
+    EXPECT_TRUE(ran) << "what a task has posted is of its generation";
 }
 
 TEST(ThreadPool, HasAThreadWhenNoneIsAskedFor)

@@ -91,6 +91,8 @@ public:
     bool HasFailed() const;
     /// Returns when everything that the providers have delivered so far has reached the observers.
     void DrainExecutors();
+    /// Price messages that the network provider has taken of instruments that somebody has subscribed; 0 without one.
+    std::uint64_t GetBrokerMessageCount() const;
 
 private:
     using Queue = DataQueue<DataMsgTask>;

@@ -25,7 +25,8 @@ Environment:
 
 Exit codes:
   0    ended as asked (a signal, --duration, the end of the recording with --once)
-  1    failure (a file that cannot be read, a recording that is cut off)
+  1    failure (a file that cannot be read, a recording that is cut off; with --once, one whose end the broker has
+       not taken)
   2    wrong command line
   3    ended without ever having had a connection to the broker
   130  a second signal came before the stop was done

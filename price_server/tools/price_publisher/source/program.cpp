@@ -8,12 +8,11 @@
 #include "server/stop_signals.h"
 #include "server/terminal.h"
 #include "zel/nats_transport.h"
+#include "zel/password_file.h"
 
 #include <cstdio>
 #include <exception>
-#include <fstream>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <unistd.h>
 
@@ -30,11 +29,7 @@ NatsOptions MakeNatsOptions(const Options& options)
     nats.user = options.user;
     if (!options.passwordFile.empty())
     {
-        std::ifstream file(options.passwordFile);
-        if (!std::getline(file, nats.password) || nats.password.empty())
-        {
-            throw std::runtime_error("there is no password in " + options.passwordFile);
-        }
+        nats.password = ReadPasswordFile(options.passwordFile);
     }
     return nats;
 }

@@ -1,5 +1,8 @@
 #include "price_publisher/publisher_run.h"
 
+#include "logging/logging.h"
+#include "zel/zel_log.h"
+
 #include <algorithm>
 #include <atomic>
 #include <stdexcept>
@@ -95,10 +98,16 @@ ExitCode PublisherRun::Run()
     {
         PlayAll();
     }
-    m_transport.Flush(kFlushPatience);
+    const bool hasArrived = m_transport.Flush(kFlushPatience);
     if (!m_wasConnected)
     {
         return ExitCode::NoBroker;
+    }
+    if (m_options.playsOnce && m_hasEnded && !hasArrived)
+    {
+        zel::logging::Log(30, ZelLogSource(),
+                          [](std::ostream& text) { text << "the broker has not taken the end of the recording"; });
+        return ExitCode::Failure;
     }
     return m_source->IsDamaged() ? ExitCode::Failure : ExitCode::Ok;
 }

@@ -91,6 +91,33 @@ TEST(PublisherRun, EndsWhenItIsAskedTo)
     EXPECT_EQ(run.Run(), ExitCode::Ok);
 }
 
+TEST(PublisherRun, FailsWhenTheBrokerHasNotTakenTheEndOfWhatIsPlayedOnce)
+{
+    for (const bool playsOnce : {true, false})
+    {
+        MemoryBroker broker;
+        const auto transport = broker.MakeTransport();
+        Options options = FullSpeed();
+        options.playsOnce = playsOnce;
+        std::uint64_t looks = 0;
+        PublisherRun* playing = nullptr;
+        PublisherRun run(Simulated(500), *transport, options,
+                         [&]
+                         {
+                             const ZelPublisherCounts counts = playing->GetCounts();
+                             const bool isLast = counts.messages + counts.unsent >= 450;
+                             if (isLast)
+                             {
+                                 broker.SetUp(false);
+                             }
+                             return isLast && !playsOnce && ++looks > 200;
+                         },
+                         {});
+        playing = &run;
+        EXPECT_EQ(run.Run(), playsOnce ? ExitCode::Failure : ExitCode::Ok);
+    }
+}
+
 TEST(PublisherRun, SaysThatThereNeverWasABroker)
 {
     MemoryBroker broker;

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,7 +23,7 @@ struct NatsOptions
     std::string clientName = "price_server"; ///< what the broker's own monitoring shows
     std::string user;                        ///< empty: whatever the address says
     std::string password;
-    std::chrono::milliseconds connectTimeout{500}; ///< for one attempt at one broker
+    std::chrono::milliseconds connectTimeout{500}; ///< for one attempt at one broker; 5 s at most, since Stop waits
     std::chrono::milliseconds writeTimeout{500};   ///< a broker that takes nothing for so long is gone
     std::chrono::milliseconds shortestPause{20};   ///< between attempts; doubles up to the longest
     std::chrono::milliseconds longestPause{100};
@@ -48,6 +49,8 @@ struct NatsOptions
 /// | keeps what is published during an outage, and loses some of it | no buffer: nothing is published without a connection |
 /// | calls the error callback while it holds locks | that callback counts, and touches nothing |
 /// | may wait long for a broker that accepts connections and says nothing | each attempt is bounded |
+/// | tells of what the broker refuses for want of a right by a status alone | the connection's thread fetches the broker's words, which name the subject, and logs them once each |
+/// | sends names and passwords unquoted in JSON | they are quoted before it gets them |
 /// | gives up for good, after some errors of authorization | a new connection is made |
 ///
 /// Threads: one of its own, which connects and looks after the rest; the library's call the listener.
@@ -89,19 +92,20 @@ private:
     void Want(std::string subject);
     bool Pause(std::chrono::milliseconds time);
     void ReportFailure(const std::string& why);
+    void ReportRefusal();
     void ReportConnected();
 
     const NatsOptions m_options;
     const std::vector<std::string> m_servers;
-    ITransportListener* m_listener = nullptr; ///< set by Connect, before there is a thread
-    std::shared_ptr<Link> m_link;             ///< made by the constructor
+    std::shared_ptr<Link> m_link; ///< made by the constructor
 
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::vector<std::string> m_wanted; ///< under m_mutex: subjects to listen to
-    bool m_isStopping = false;         ///< under m_mutex
-    std::thread m_thread;              ///< the owner's
-    unsigned m_failures = 0;           ///< own thread: attempts since the last connection
+    std::vector<std::string> m_wanted;    ///< under m_mutex: subjects to listen to
+    bool m_isStopping = false;            ///< under m_mutex
+    std::thread m_thread;                 ///< the owner's
+    unsigned m_failures = 0;              ///< own thread: attempts since the last connection
+    std::set<std::string> m_refusalsSaid; ///< own thread: what the log has been told of
 };
 
 } // namespace ps_ns

@@ -29,6 +29,8 @@
 /// Prices and quantities are whole numbers of the units of fixed_point.h. Bids come before asks; within a side the
 /// order of the venue is kept.
 ///
+/// Quantities are not negative. Texts are UTF-8 without control characters; symbols have 1 to 255 bytes.
+///
 /// Failure: reading is bounds-checked and total. Whatever the bytes are, a reader answers false or nothing, allocates
 /// no more than a small multiple of the bytes' number, and touches nothing outside of them.
 
@@ -55,6 +57,10 @@ inline constexpr std::size_t kWireHeaderSize = 24;
 inline constexpr std::size_t kLargestWireMessage = 1'000'000;
 /// Directories with larger numbers are refused: numbers are places in an array.
 inline constexpr std::uint32_t kMostWireInstruments = 1'000'000;
+/// What a price server takes of an entry of a directory; whatever has more is passed over.
+inline constexpr std::size_t kMostWireNameBytes = 255; ///< of symbols and exchanges
+inline constexpr std::size_t kMostWireDescriptionBytes = 1024;
+inline constexpr std::uint32_t kMostWireFractionDigits = 10; ///< prices have no more (fixed_point.h)
 
 enum class WireKind : std::uint8_t
 {

@@ -28,6 +28,7 @@ namespace ps_ns
 
 class ZelMarket;
 struct ZelInstrument;
+struct WireInstrument;
 
 /// A market that the provider may get prices of.
 struct ZelMarketName
@@ -47,11 +48,12 @@ struct ZelOptions
     std::vector<unsigned> shards;
     /// Updates that somebody still holds; at the limit messages wait with the transport.
     std::size_t updatesInFlight = kUsualUpdatesInFlight;
-    std::chrono::milliseconds longestSilence{700};  ///< of a publisher, before its market counts as lost
-    std::chrono::milliseconds askAgain{200};        ///< when an image or a directory has not come
-    std::chrono::milliseconds longestArrears{1000}; ///< behind what a heartbeat tells, before an image is asked for
+    std::chrono::milliseconds longestSilence{700};   ///< of a publisher, before its market counts as lost
+    std::chrono::milliseconds askAgain{200};         ///< when an image or a directory has not come; doubles each time
+    std::chrono::milliseconds longestAskPause{2000}; ///< up to this
+    std::chrono::milliseconds longestArrears{1000};  ///< behind what a heartbeat has told, before an image is asked for
 
-    /// As MdsOptions::renameStep; called on the provider's own thread. Empty: renames are made at once.
+    /// As MdsOptions::renameStep; called on the provider's thread for renames. Empty: renames are made at once.
     std::function<void(const std::vector<SymbolRename>& renames, const std::function<void()>& make)> renameStep;
 
     bool isHandDriven = false; ///< no thread: whoever owns the provider calls Tick
@@ -62,7 +64,7 @@ struct ZelOptions
 struct ZelCounts
 {
     std::uint64_t messages = 0; ///< price messages of followed instruments
-    std::uint64_t refused = 0;  ///< messages that could not be read
+    std::uint64_t refused = 0;  ///< messages that could not be read, and entries of directories that make no sense
     std::uint64_t gaps = 0;     ///< instruments' sequences that were broken
     std::uint64_t losses = 0;   ///< times that a market's feed was lost
     std::uint64_t imagesAsked = 0;
@@ -70,7 +72,15 @@ struct ZelCounts
     std::uint64_t renames = 0;
     std::uint64_t followed = 0;    ///< instruments that are kept up to date now
     std::uint64_t live = 0;        ///< of those: with a book that is known to be good
-    std::uint64_t marketsLost = 0; ///< markets whose feed is lost now, or has never been there
+    std::uint64_t marketsLost = 0; ///< markets that have been there, and whose feed is lost now
+};
+
+/// What a feed is doing, in one word.
+enum class ZelState : std::uint8_t
+{
+    Starting, ///< no market's directory has come yet
+    Running,  ///< every market that has been there is heard
+    Lost      ///< there is no connection, or a market that has been there is not heard
 };
 
 /// The network price provider: directories, images, updates and trades from publishers by way of a message broker.
@@ -87,6 +97,14 @@ struct ZelCounts
 /// told that it is stale, and they are told that it is fresh right before the image (IComponentListener::OnStale). A
 /// feed is lost when the connection to the broker is, or when its publisher has been silent for longestSilence.
 ///
+/// Of several publishers of a market, and of several lives of one, the largest epoch is followed. A smaller one counts
+/// when the market is lost, and nothing has been heard of the larger for longestSilence in which there was a
+/// connection: a publisher whose clock is behind its predecessor's, or a second one that has outlived the first. Should
+/// the larger be heard again, it is followed again.
+///
+/// What makes no sense is refused, and nothing else is lost with it: a message, or one entry of a directory. The log
+/// says so once for each market, and then at most once a minute.
+///
 /// Directory: comes from the publishers, market by market. Until a market's has come, subscribes of it are held and
 /// answered Pending; those of symbols that are then not in it hear DirectSubscriptionFailed. Renames are told by the
 /// publisher, or found by comparing directories after an outage. An instrument that a later directory does not have
@@ -94,8 +112,8 @@ struct ZelCounts
 ///
 /// Threads: Start, Stop and the destructor are the owner's. Subscribe, ChangeScope, Unsubscribe and the queries may be
 /// called from any thread. Listeners are called on the transport's threads and from within Subscribe and Unsubscribe.
-/// One thread of its own asks for images, notices silence and makes renames. Locks are taken in the order provider,
-/// instrument, pool or directory.
+/// One thread of its own asks for images and notices silence; another makes renames, which may wait for executors and
+/// for the queue. Locks are taken in the order provider, instrument, pool or directory.
 ///
 /// Scopes: as MdsProvider.
 class ZelProvider final : public IPriceProvider, private ITransportListener
@@ -123,6 +141,9 @@ public:
     void Tick();
 
     ZelCounts GetCounts() const;
+    ZelState GetState() const;
+    /// Instruments that heartbeats are ahead of, as far as they have not been found to have caught up.
+    std::size_t GetBehindCount() const;
     bool IsConnected() const { return m_transport->IsConnected(); }
     /// For people: the broker, and what is wrong with it.
     std::string Describe() const { return m_transport->Describe(); }
@@ -164,14 +185,21 @@ private:
     void AdoptDirectory(ZelMarket& market) PS_REQUIRES(m_role);
     void AnswerWaiting(ZelMarket& market) PS_REQUIRES(m_role);
     bool IsHeard(ZelMarket& market, std::uint64_t epoch) PS_REQUIRES(m_role);
+    bool MayGoBack(const ZelMarket& market) const PS_REQUIRES(m_role);
+    void WantDirectory(ZelMarket& market) PS_REQUIRES(m_role);
+    void RefuseNonsense(ZelMarket& market, std::vector<WireInstrument>& instruments) PS_REQUIRES(m_role);
+
+    void NoteBehind(ZelInstrument& instrument) PS_REQUIRES(m_role);
 
     void Follow(ZelInstrument& instrument) PS_REQUIRES(m_role);
     void Await(ZelInstrument& instrument) PS_REQUIRES(m_role);
     void Lose(ZelMarket& market, const char* why) PS_REQUIRES(m_role);
     void LoseAll(const char* why);
-    void NoteRefused(const TransportAddress& from) PS_REQUIRES(m_role);
+    void NoteRecovered(ZelMarket& market) PS_REQUIRES(m_role);
+    void NoteRefused(ZelMarket& market, const std::string& why) PS_REQUIRES(m_role);
 
     void Run();
+    void RunRenames();
     void CheckSilence(TimePoint now) PS_REQUIRES(m_role);
     void CheckArrears(TimePoint now) PS_REQUIRES(m_role);
     std::vector<Question> CollectQuestions(TimePoint now) PS_REQUIRES(m_role);
@@ -180,6 +208,7 @@ private:
     void NameTheNameless(ZelMarket& market) PS_REQUIRES(m_role);
     void Detach(ZelInstrument& instrument) PS_REQUIRES(m_role);
     void Wake();
+    void AddRenames(std::vector<SymbolRename> step) PS_REQUIRES(m_role);
 
     const ZelOptions m_options;
     const std::unique_ptr<IProviderTransport> m_transport;
@@ -191,7 +220,9 @@ private:
     mutable std::mutex m_mutex;
     mutable Role m_role; ///< of m_mutex
     std::unordered_map<const IComponentListener*, Subscription> m_subscriptions PS_GUARDED_BY(m_role);
-    std::vector<ZelInstrument*> m_awaiting PS_GUARDED_BY(m_role);           ///< some may have left that state
+    std::vector<ZelInstrument*> m_awaiting PS_GUARDED_BY(m_role); ///< some may have left that state
+    std::vector<ZelInstrument*> m_behind PS_GUARDED_BY(m_role);   ///< some may have caught up
+    TimePoint m_connectedSince PS_GUARDED_BY(m_role){};
     std::vector<std::vector<SymbolRename>> m_renames PS_GUARDED_BY(m_role); ///< steps still to be made
     MarketMessage m_message PS_GUARDED_BY(m_role);                          ///< filled again and again
     ZelCounts m_counts PS_GUARDED_BY(m_role);
@@ -199,9 +230,12 @@ private:
 
     std::mutex m_wakeMutex;
     std::condition_variable m_wake;
-    bool m_isWoken = false;    ///< under m_wakeMutex
-    bool m_isStopping = false; ///< under m_wakeMutex
-    std::thread m_thread;      ///< the owner's
+    std::condition_variable m_renamesWake;
+    bool m_isWoken = false;      ///< under m_wakeMutex
+    bool m_hasRenames = false;   ///< under m_wakeMutex
+    bool m_isStopping = false;   ///< under m_wakeMutex
+    std::thread m_thread;        ///< the owner's
+    std::thread m_renamesThread; ///< the owner's
 };
 
 } // namespace ps_ns

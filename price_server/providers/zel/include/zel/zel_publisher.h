@@ -10,7 +10,9 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -26,7 +28,11 @@ struct ZelPublisherOptions
 {
     using Clock = std::chrono::steady_clock;
 
+    static constexpr std::size_t kUsualAnswerBytes = 256 * 1024;
+
     std::chrono::milliseconds heartbeat{200}; ///< providers take a market for lost after 700 ms of silence
+    /// Of images and directories, in one Tick; the rest waits for the next: questions do not hold up updates.
+    std::size_t mostAnswerBytes = kUsualAnswerBytes;
     std::function<Clock::time_point()> now = [] { return Clock::now(); };
     std::function<std::uint64_t()> wallTime_ns = [] // since 1970 UTC: where epochs come from
     {
@@ -43,6 +49,7 @@ struct ZelPublisherCounts
     std::uint64_t bytes = 0;    ///< of all that went to the broker
     std::uint64_t images = 0;   ///< that were asked for
     std::uint64_t requests = 0; ///< that came in
+    std::uint64_t dropped = 0;  ///< requests that there was no room for: who has not been heard asks again
     std::uint64_t unsent = 0;   ///< updates and trades while there was no connection: images make up for them
     std::uint64_t epochs = 0;   ///< connections
 };
@@ -52,7 +59,10 @@ struct ZelPublisherCounts
 ///
 /// Epochs: each time that there is a new connection, a new epoch begins with the directories; whoever follows asks for
 /// images then. Within an epoch each instrument's updates and trades are numbered without a gap; an image that was
-/// asked for bears the number of the last of them.
+/// asked for bears the number of the last of them. An instrument without a book yet has an empty image.
+///
+/// Questions: what is owed is a set. However often an image or a directory is asked for before it goes out, it goes out
+/// once; and in one Tick no more than mostAnswerBytes go out (but at least one message).
 ///
 /// Several publishers may serve different markets by way of one broker. Of two that serve the same market, providers
 /// follow the one whose epoch is newer.
@@ -78,11 +88,14 @@ public:
     /// Returns the renames that were made.
     std::vector<SymbolRename> Rename(std::span<const SymbolRename> renames);
 
-    /// Begins an epoch when there is a new connection, answers requests, and sends heartbeats when they are due. To be
-    /// called at least every few milliseconds; returns how many requests were answered.
+    /// Begins an epoch when there is a new connection, takes in requests, sends some of what is owed, and heartbeats
+    /// when they are due. To be called at least every few milliseconds; returns how many requests were taken in.
     std::size_t Tick();
 
-    /// Waits until then, or until a request or a change of the connection is there.
+    /// Images and parts of directories that are still owed.
+    std::size_t GetOwed() const noexcept;
+
+    /// Waits until then, or until a request or a change of the connection is there, or something is owed.
     void WaitForWork(ZelPublisherOptions::Clock::time_point until);
 
     /// The present book of an instrument, and the number of its last message.
@@ -108,7 +121,9 @@ private:
         std::uint64_t receiveTime_ns = 0;
         std::uint64_t venueSequence = 0;
         bool hasBook = false;
-        bool hasMoved = false; ///< since the last heartbeat
+        bool hasMoved = false;    ///< since the last heartbeat
+        bool isOwed = false;      ///< its image is
+        bool wasTooLarge = false; ///< for the broker, which the log has said
     };
     struct Market
     {
@@ -117,12 +132,17 @@ private:
         std::uint64_t revision = 1;
         std::vector<InstrumentIndex> instruments;
         TextMap<InstrumentIndex> bySymbol;
-        std::vector<InstrumentIndex> moved; ///< since the last heartbeat
+        std::deque<InstrumentIndex> moved; ///< since the last heartbeat, as far as one has told of it
+        std::vector<std::size_t> parts;    ///< of the directory that is being sent: each one's first instrument
+        std::size_t nextPart = 0;          ///< at the end: none is owed
+        bool isOwedAgain = false;          ///< asked for while it was being sent
+        bool wasTooLarge = false;          ///< a message of its control channel
     };
     /// What the transport's threads have left.
     struct Inbox
     {
         std::vector<std::pair<std::string, std::vector<std::byte>>> requests; ///< market, bytes
+        std::size_t bytes = 0;                                                ///< of them
         bool hasNewState = false;
     };
 
@@ -130,12 +150,16 @@ private:
     void OnTransportState(bool isConnected) override;
 
     void BeginEpoch();
-    void Answer(Market& market, WireBytes request);
-    void SendDirectory(Market& market);
+    void Note(Market& market, WireBytes request);
+    void NoteDirectory(Market& market);
+    void PayOwed();
+    void CutDirectory(Market& market) const;
+    void SendNextPart(Market& market);
     void SendImage(Instrument& instrument);
     void SendHeartbeat(Market& market);
-    bool Send(const TransportAddress& to);
-    bool SendPrices(const Instrument& instrument);
+    bool Send(const TransportAddress& to, bool& wasTooLarge);
+    bool SendControl(Market& market);
+    bool SendPrices(Instrument& instrument);
     void NoteMoved(InstrumentIndex number);
 
     IProviderTransport& m_transport;
@@ -145,7 +169,8 @@ private:
     std::map<std::string, std::size_t, std::less<>> m_marketByName;
     std::uint64_t m_epoch = 0;
     ZelPublisherOptions::Clock::time_point m_nextHeartbeat{};
-    MarketMessage m_image; ///< filled again and again, as the next one
+    std::deque<InstrumentIndex> m_owed; ///< images, the oldest question first
+    MarketMessage m_image;              ///< filled again and again, as the next one
     WireBuffer m_buffer;
 
     mutable std::mutex m_mutex;

@@ -147,6 +147,7 @@ void BrokerProcess::Kill()
 void BrokerProcess::Freeze() const
 {
     ::kill(m_pid, SIGSTOP);
+    ::waitpid(m_pid, nullptr, WUNTRACED);
 }
 
 void BrokerProcess::Thaw() const

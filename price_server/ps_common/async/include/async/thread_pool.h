@@ -26,7 +26,8 @@ public:
     /// called from a task.
     void Stop();
 
-    /// Returns when every task posted before this call, and what those posted, has run.
+    /// Returns when every task posted before this call, and what those posted, has run. What is posted later by others
+    /// is not waited for. Not to be called from a task.
     void Drain();
 
 private:

@@ -15,7 +15,7 @@ namespace ps_ns::price_publisher
 enum class ExitCode : int
 {
     Ok = 0,      ///< ended as asked: a signal, --duration, the end of a recording with --once
-    Failure = 1, ///< a file that cannot be read, a recording that is cut off
+    Failure = 1, ///< a file that cannot be read, a recording that is cut off, with --once one that has not arrived
     Usage = 2,   ///< wrong command line
     NoBroker = 3 ///< ended without ever having had a connection
 };

@@ -30,8 +30,9 @@ public:
     void Kill();
     /// Returns when it listens.
     void Start();
-    /// Stops its time (SIGSTOP), and lets it go on.
+    /// Stops its time (SIGSTOP), and returns when it stands.
     void Freeze() const;
+    /// Lets it go on.
     void Thaw() const;
 
 private:
