@@ -120,6 +120,38 @@ json::object ToObject(const CompositeInstrumentSubscription& subscription, const
         {"last_update_ns", time_ns == 0 ? json::value(nullptr) : json::value(std::to_string(time_ns))}};
 }
 
+json::object ToObject(const ServerPlace& place)
+{
+    return {{"server", place.server},
+            {"address", place.address.empty() ? json::value(nullptr) : json::value(place.address)},
+            {"shards", json::array(place.shards.begin(), place.shards.end())}};
+}
+
+json::value ToValue(const std::optional<ShardsView>& shards)
+{
+    if (!shards)
+    {
+        return nullptr;
+    }
+    json::array servers;
+    for (const ServerPlace& server : shards->servers)
+    {
+        servers.push_back(ToObject(server));
+    }
+    return json::object{{"count", shards->count}, {"servers", std::move(servers)}};
+}
+
+json::value ToValue(const std::optional<ShardPlace>& place)
+{
+    if (!place)
+    {
+        return nullptr;
+    }
+    return json::object{{"number", place->shard},
+                        {"is_here", place->isHere},
+                        {"served_by", place->server ? json::value(ToObject(*place->server)) : json::value(nullptr)}};
+}
+
 json::object ToObject(const SessionView& view)
 {
     return {{"session", view.number},
@@ -229,6 +261,7 @@ HttpAnswer HttpApi::GetStatus() const
                                  {"sessions_ever", counts.sessionsEver.load()},
                                  {"instruments", m_core.GetInstruments().size()},
                                  {"providers", std::move(providers)},
+                                 {"shards", ToValue(m_core.GetBackend().GetShards())},
                                  {"markets", std::move(markets)},
                                  {"gauges", std::move(gauges)}});
 }
@@ -348,7 +381,8 @@ void HttpApi::Explain(const HttpQuery& query, const Respond& respond)
                         {"market_id", identity.marketId},
                         {"submarket_id", identity.submarketId}}},
                       {"direct", found.instrument->hasDirect},
-                      {"implied", found.instrument->hasImplied}};
+                      {"implied", found.instrument->hasImplied},
+                      {"shard", ToValue(m_core.GetBackend().FindShard(found.instrument->entry))}};
     ReadSubscriptions(
         [text = json::serialize(head)](const std::string& subscriptions)
         {

@@ -27,6 +27,7 @@ ZelProvider::ZelProvider(std::unique_ptr<IProviderTransport> transport, ZelOptio
         m_byName.emplace(market.name, m_markets.back().get());
         m_directory.AddMarket(market.id);
     }
+    m_served.assign(m_options.shardCount, false);
 }
 
 ZelProvider::~ZelProvider()
@@ -41,7 +42,11 @@ void ZelProvider::Start()
     {
         m_transport->SubscribeShard(shard);
     }
-    if (m_options.shards.empty())
+    if (m_options.shardCount != 0)
+    {
+        m_transport->SubscribeControl();
+    }
+    else if (m_options.shards.empty())
     {
         m_transport->SubscribeShard(std::nullopt);
     }
@@ -101,7 +106,7 @@ int ZelProvider::Subscribe(const ComponentRequest& request, const std::shared_pt
         return SubscribeStatus::Failed;
     }
     ZelInstrument* const instrument = market->FindBySymbol(request.symbol);
-    if (instrument == nullptr && market->epoch != 0)
+    if (instrument == nullptr ? market->epoch != 0 : IsServedElsewhere(*instrument))
     {
         return SubscribeStatus::Failed;
     }
@@ -154,6 +159,11 @@ void ZelProvider::Follow(ZelInstrument& instrument)
 {
     if (instrument.state != ZelInstrument::State::Idle)
     {
+        return;
+    }
+    if (!IsServed(instrument))
+    {
+        instrument.feed.SetStale(true); // until its shard is
         return;
     }
     Await(instrument);
