@@ -1,7 +1,9 @@
 """Brokers, a publisher and price servers of a cluster on one machine, as child processes; and who watches them."""
 
+import ctypes
 import json
 import os
+import random
 import re
 import signal
 import socket
@@ -21,14 +23,23 @@ PRICE_UNITS_PER_ONE, QUANTITY_UNITS_PER_ONE = 10_000_000_000, 100_000_000
 
 
 def free_ports(count):
-    probes = [socket.socket() for _ in range(count)]
-    for probe in probes:
-        probe.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        probe.bind(("127.0.0.1", 0))
-    ports = [probe.getsockname()[1] for probe in probes]
-    for probe in probes:
-        probe.close()
+    """Below those that connections get: what is free now stays so until a program listens there."""
+    ports = []
+    while len(ports) < count:
+        port = random.randrange(12_000, 32_000)
+        with socket.socket() as probe:
+            try:
+                probe.bind(("127.0.0.1", port))
+            except OSError:
+                continue
+        if port not in ports:
+            ports.append(port)
     return ports
+
+
+def die_with_parent():
+    """In a child, before it becomes the program: nothing is left behind, however the test ends."""
+    ctypes.CDLL(None).prctl(1, signal.SIGKILL)
 
 
 class Process:
@@ -42,7 +53,7 @@ class Process:
     def start(self):
         with open(self.log, "ab") as log:
             self.process = subprocess.Popen(self.command, env=self.environment, stdin=subprocess.DEVNULL, stdout=log,
-                                            stderr=log)
+                                            stderr=log, preexec_fn=die_with_parent)
 
     def kill(self):
         """Returns when it has gone: the moment."""
@@ -323,6 +334,16 @@ class Watcher(threading.Thread):
             seen = {(is_bid, int(Decimal(price) * PRICE_UNITS_PER_ONE)): int(Decimal(levels[0]) * QUANTITY_UNITS_PER_ONE)
                     for is_bid, side in ((True, book.bids), (False, book.asks)) for price, levels in side.items()}
         return seen == truth.state(symbol, when)
+
+    def describe(self, symbols, truth):
+        """What is not as it should be."""
+        bad = [symbol for symbol in symbols if not self.is_good(symbol, truth)]
+        known = [symbol for symbol in bad if symbol in self.books]
+        stale = [symbol for symbol in known if self.is_stale.get(symbol, True)]
+        other = [symbol for symbol in known if symbol not in stale]
+        return (f"{len(bad)} of {len(symbols)} not good, {len(bad) - len(known)} never seen, {len(stale)} stale, other "
+                f"{[(s, self.times[s], truth.sequences.get(s), list(truth.states.get(s, {}))[-1:]) for s in other[:3]]}; "
+                f"over {self.is_over}, faults {self.faults[:2]}, refused {list(self.refused.items())[:2]}")
 
     def close(self):
         self.client.close()

@@ -29,6 +29,9 @@ class Run:
         for name in NAMES:
             self.cluster.start_server(name)
         self.truth = Truth(self.cluster)
+
+    def begin(self):
+        table, shards = self.table, self.cluster.shards
         wait_for(lambda: len(self.truth.symbols()) == self.cluster.instruments, "books of all instruments")
         self.settle(len(NAMES))
         table.check(f"{shards} shards are divided among four servers", True)
@@ -36,10 +39,15 @@ class Run:
     def settle(self, servers):
         """Every shard is served, by so many servers, evenly; and every bucket answers."""
         def is_settled():
+            for name, process in self.cluster.servers.items():
+                assert process.process.poll() is None, f"{name} has ended with {process.process.returncode}"
             counts = [len(self.cluster.shards_of(name)) for name in self.cluster.servers]
             return len(self.cluster.owners()) == self.cluster.shards and len(counts) == servers and \
                 max(counts) - min(counts) <= 1 and sum(counts) == self.cluster.shards
         wait_for(is_settled, "division of the shards")
+        for name in self.cluster.servers:  # the gateway's list of a server that has just started may be a second old
+            wait_for(lambda name=name: (get(self.cluster.ports[name], "/api/v1/status") or {}).get("instruments") ==
+                     self.cluster.instruments, f"instruments of {name}")
         for number in range(BROKERS):
             wait_for(lambda number=number: self.cluster.bucket_answers(number), f"answer of bucket {number + 1}")
         time.sleep(0.5)
@@ -53,7 +61,12 @@ class Run:
         owners = self.cluster.owners()
         for shard, name in owners.items():
             self.watchers[name].subscribe(self.truth.symbols(shard))
-        wait_for(lambda: all(self.is_good(name, shard) for shard, name in owners.items()), "good books")
+        try:
+            wait_for(lambda: all(self.is_good(name, shard) for shard, name in owners.items()), "good books", 20)
+        except AssertionError:
+            for shard, name in owners.items():
+                print(f"shard {shard} at {name}: " + self.watchers[name].describe(self.truth.symbols(shard), self.truth))
+            raise
         return owners
 
     def make_watcher(self, name):
@@ -211,6 +224,7 @@ def main():
     for shards in (4, 20):
         run = Run(options, table, shards)
         try:
+            run.begin()
             if shards == 4:
                 run.check_refusal()
                 for _ in range(options.rounds):

@@ -108,9 +108,9 @@ void PriceServer::MakeProviders()
     }
     if (m_config.zel)
     {
-        m_zel = MakeZelProvider(*m_config.zel, m_markets,
-                                [this](const auto& renames, const auto& make) { RenameOfZel(renames, make); },
-                                [this](std::uint32_t shard) { return IsServedElsewhere(shard); });
+        m_zel = MakeZelProvider(
+            *m_config.zel, m_markets, [this](const auto& renames, const auto& make) { RenameOfZel(renames, make); },
+            [this](std::uint32_t shard) { return IsServedElsewhere(shard); });
         m_simple->AddProvider(m_zel);
     }
 }
@@ -222,7 +222,7 @@ void PriceServer::Stop()
     m_gateway.reset(); // what it asked of the queue has run, or is gone
     m_shardsSeen = nullptr;
     m_shards.reset();
-    m_probe.reset();   // neither a timer nor the queue calls it any more
+    m_probe.reset(); // neither a timer nor the queue calls it any more
     m_pendingCheck.reset();
     m_manager.reset();
     m_mds.reset();

@@ -51,32 +51,53 @@ void LeaseKeeper::Leave(TimePoint now)
     TellOthers(now);
 }
 
-/// What was seen before a leap says nothing about how long ago it was.
+/// Time that this server has not looked at counts for little: whether it was short of processors or its clock has
+/// leapt, what it watches looks unchanged for as much less. What it holds ends by its clock, the sooner the better.
 void LeaseKeeper::CheckClock(TimePoint now)
 {
     const std::optional<TimePoint> last = std::exchange(m_lastTick, now);
-    const bool isBack = last && now < *last;
-    if (!isBack && (!last || now - *last <= m_options.GetTakeover() - m_options.lease))
+    const auto counted = m_options.GetTakeover() - m_options.lease;
+    if (!last || (now >= *last && now - *last <= counted))
     {
         return;
     }
+    if (now < *last)
+    {
+        return StartAnew(now);
+    }
+    const auto uncounted = now - *last - counted;
+    for (auto& [session, server] : m_servers)
+    {
+        server.heardAt += uncounted;
+    }
+    for (Shard& shard : m_shards)
+    {
+        for (Cell& cell : shard.cells)
+        {
+            cell.since += uncounted;
+        }
+    }
+}
+
+/// What was seen before a leap back says nothing about how long ago it was.
+void LeaseKeeper::StartAnew(TimePoint now)
+{
     m_questions.clear();
     m_nextNotice = m_nextBalance = now;
+    std::fill(m_answeredAt.begin(), m_answeredAt.end(), TimePoint{});
     for (auto& [session, server] : m_servers)
     {
         server.heardAt = now; // each has its time again to be heard
     }
     for (std::uint32_t number = 0; number < m_options.shards; ++number)
     {
-        if (m_shards[number].state != State::Held)
-        {
-            Watch(number, now);
-            m_shards[number].notBefore = now;
-        }
-        else if (isBack)
+        if (m_shards[number].state == State::Held)
         {
             Lose(number, now);
+            continue;
         }
+        Watch(number, now);
+        m_shards[number].notBefore = now;
     }
 }
 

@@ -19,6 +19,7 @@ namespace
 
 constexpr auto kLook = std::chrono::milliseconds(20);
 constexpr auto kBetweenMaking = std::chrono::milliseconds(500);
+constexpr auto kSilence = std::chrono::seconds(1);
 constexpr std::int64_t kPingInterval_ms = 500;
 constexpr int kMostPingsOut = 2;
 constexpr const char* kNotices = "zel.servers.";
@@ -140,14 +141,11 @@ struct NatsLeaseStore::Link
         const unsigned store = static_cast<unsigned>(ParseNumber(what.substr(1, dot - 1)).value_or(0));
         if (natsMsg_IsNoResponders(raw))
         {
-            {
-                const std::lock_guard lock(owner.m_mutex);
-                if (store < owner.m_isMissing.size())
-                {
-                    owner.m_isMissing[store] = true;
-                }
-            }
             return owner.Put({Answer::Kind::Failed, ticket, {}});
+        }
+        {
+            const std::lock_guard lock(owner.m_mutex);
+            owner.m_answeredAt.at(std::min(store, owner.m_stores - 1)) = std::chrono::steady_clock::now();
         }
         owner.Put(kind == "r" ? MakeReadAnswer(ticket, raw) : MakeWriteAnswer(ticket, raw));
     }
@@ -174,7 +172,7 @@ NatsLeaseStore::NatsLeaseStore(NatsOptions options, unsigned stores, std::string
     , m_session(std::move(session))
     , m_replies("zel.reply." + EscapeToken(m_session) + '.')
     , m_link(std::make_unique<Link>(*this))
-    , m_isMissing(stores, true)
+    , m_answeredAt(stores)
     , m_thread([this] { Run(); })
 {
 }
@@ -297,17 +295,17 @@ void NatsLeaseStore::LetGo()
     natsConnection_Destroy(connection);
 }
 
-/// Those that did not answer. Making one that is there does nothing.
+/// Those that do not answer: nobody says that a bucket is missing. Making one that is there does nothing.
 void NatsLeaseStore::MakeBuckets()
 {
-    std::vector<bool> missing(m_stores, false);
+    std::vector<std::chrono::steady_clock::time_point> answeredAt;
     {
         const std::lock_guard lock(m_mutex);
-        missing.swap(m_isMissing);
+        answeredAt = m_answeredAt;
     }
     for (unsigned store = 0; store < m_stores; ++store)
     {
-        if (!missing[store])
+        if (std::chrono::steady_clock::now() - answeredAt[store] < kSilence)
         {
             continue;
         }
@@ -329,6 +327,11 @@ void NatsLeaseStore::MakeBuckets()
 bool NatsLeaseStore::Send(const std::string& subject, const std::string& reply, const std::string& data,
                           std::uint64_t* expected)
 {
+    const std::shared_lock lock(m_link->mutex);
+    if (m_link->connection == nullptr || natsConnection_Status(m_link->connection) != NATS_CONN_STATUS_CONNECTED)
+    {
+        return false; // before the first connection the library takes not even messages
+    }
     natsMsg* made = nullptr;
     if (natsMsg_Create(&made, subject.c_str(), reply.empty() ? nullptr : reply.c_str(), data.data(),
                        static_cast<int>(data.size())) != NATS_OK)
@@ -340,9 +343,7 @@ bool NatsLeaseStore::Send(const std::string& subject, const std::string& reply, 
     {
         return false;
     }
-    const std::shared_lock lock(m_link->mutex);
-    return m_link->connection != nullptr && natsConnection_Status(m_link->connection) == NATS_CONN_STATUS_CONNECTED &&
-           natsConnection_PublishMsg(m_link->connection, made) == NATS_OK;
+    return natsConnection_PublishMsg(m_link->connection, made) == NATS_OK;
 }
 
 void NatsLeaseStore::Read(LeaseTicket ticket, unsigned store, const std::string& key)

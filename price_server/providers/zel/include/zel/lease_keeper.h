@@ -96,8 +96,8 @@ public:
     /// The store is not owned.
     LeaseKeeper(ILeaseStore& store, LeaseOptions options, Events events);
 
-    /// To be called at least four times in GetRenewal, and when answers have come. A clock that has leapt ends what is
-    /// held, or watched.
+    /// To be called at least four times in GetRenewal, and when answers have come. Of a longer pause, or of a leap of
+    /// the clock, no more than GetTakeover - lease counts for what is watched.
     void Tick(TimePoint now);
 
     /// Gives back what is held, says so to the others, and wants nothing more. Tick goes on until HasLeft, or patience
@@ -159,6 +159,7 @@ private:
     void OnWritten(const Question& question, std::uint64_t revision, TimePoint now);
     void ForgetServers(TimePoint now);
     void CheckClock(TimePoint now);
+    void StartAnew(TimePoint now);
     void CheckShard(std::uint32_t number, TimePoint now);
     void CheckHeld(std::uint32_t number, TimePoint now);
     void CheckWatched(std::uint32_t number, TimePoint now);

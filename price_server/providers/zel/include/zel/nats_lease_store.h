@@ -3,12 +3,14 @@
 #include "zel/i_lease_store.h"
 #include "zel/nats_transport.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace ps_ns
 {
@@ -67,10 +69,10 @@ private:
 
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::deque<Answer> m_answers;  ///< under m_mutex
-    std::vector<bool> m_isMissing; ///< under m_mutex: buckets that did not answer
-    bool m_isStopping = false;     ///< under m_mutex
-    std::thread m_thread;          ///< the last member: it uses the others
+    std::deque<Answer> m_answers;                                    ///< under m_mutex
+    std::vector<std::chrono::steady_clock::time_point> m_answeredAt; ///< under m_mutex: by bucket
+    bool m_isStopping = false;                                       ///< under m_mutex
+    std::thread m_thread;                                            ///< the last member: it uses the others
 };
 
 } // namespace ps_ns
