@@ -191,38 +191,37 @@ LEVEL = struct.Struct("<qqI")
 IMAGE, UPDATE = 2, 3
 
 
-class Truth(threading.Thread):
-    """Follows every book by listening to one broker and, when that is gone, to the next; remembers the last states of
-    each by the time that the message bears, and which shard the broker has put it into."""
+REQUEST = struct.Struct("<I")
+IMAGE_REQUEST = 8
+
+
+class Ear(threading.Thread):
+    """Follows every book by way of one broker, whenever that is there. Asks for images of those that it does not know."""
 
     KEPT = 400
 
-    def __init__(self, cluster):
+    def __init__(self, truth, port):
         super().__init__(daemon=True)
-        self.cluster = cluster
-        self.lock = threading.Lock()
-        self.books, self.states, self.shard_of, self.sequences = {}, {}, {}, {}
-        self.is_stopping = False
+        self.truth, self.port = truth, port
+        self.books, self.sequences, self.unknown = {}, {}, {}
+        self.asked_at = 0
         self.start()
 
     def run(self):
-        first = 2
-        while not self.is_stopping:
+        while not self.truth.is_stopping:
             try:
-                client = PlainClient(self.cluster.broker_ports[first % BROKERS], user="server",
-                                     **{"pass": PASSWORDS["server"]})
+                client = PlainClient(self.port, user="server", **{"pass": PASSWORDS["server"]})
                 client.say("SUB zel.shard.> 1")
-                client.say("PING")
+                self.sequences.clear()
                 while self.take(client):
                     pass
-            except OSError:
+            except (OSError, ValueError):
                 pass
-            first += 1
-            time.sleep(0.01)
+            time.sleep(0.02)
 
     def take(self, client):
         line = client.file.readline()
-        if not line or self.is_stopping:
+        if not line or self.truth.is_stopping:
             return False
         if line.startswith(b"PING"):
             client.say("PONG")
@@ -230,39 +229,67 @@ class Truth(threading.Thread):
             words = line.split()
             payload = client.file.read(int(words[-1]) + 2)[:-2]
             self.apply(words[1].decode(), payload)
+            self.ask(client)
         return True
+
+    def ask(self, client):
+        if not self.unknown or time.monotonic() < self.asked_at + 0.2:
+            return
+        self.asked_at = time.monotonic()
+        epoch = max(self.unknown.values())
+        indexes = [index for index, its in self.unknown.items() if its == epoch]
+        self.unknown.clear()
+        payload = HEADER.pack(1, IMAGE_REQUEST, 0, 0, epoch, 0) + REQUEST.pack(len(indexes)) + \
+            b"".join(REQUEST.pack(index) for index in indexes)
+        client.socket.sendall(f"PUB zel.requests.{MARKET} {len(payload)}\r\n".encode() + payload + b"\r\n")
 
     def apply(self, subject, payload):
         _, _, shard, _, instrument = subject.split(".")
-        _, kind, _, _, epoch, sequence = HEADER.unpack_from(payload)
+        _, kind, _, index, epoch, sequence = HEADER.unpack_from(payload)
         if kind not in (IMAGE, UPDATE):
             return
+        known = self.sequences.get(instrument)
+        if kind == UPDATE and known != (epoch, sequence - 1):
+            self.unknown[index] = epoch
+            return
         _, receive_time, _, bids, asks = BOOK.unpack_from(payload, HEADER.size)
+        book = {} if kind == IMAGE else dict(self.books[instrument])
+        for number in range(bids + asks):
+            price, quantity, _ = LEVEL.unpack_from(payload, HEADER.size + BOOK.size + number * LEVEL.size)
+            if quantity:
+                book[number < bids, price] = quantity
+            else:
+                book.pop((number < bids, price), None)
+        self.books[instrument] = book
+        self.sequences[instrument] = (epoch, sequence)
+        self.truth.note(instrument, int(shard), (epoch, receive_time), book)
+
+
+class Truth:
+    """What the publisher has published: heard at every broker, so that it is known whichever of them dies."""
+
+    KEPT = 1000
+
+    def __init__(self, cluster):
+        self.lock = threading.Lock()
+        self.states, self.shard_of = {}, {}
+        self.is_stopping = False
+        self.ears = [Ear(self, port) for port in cluster.broker_ports[:BROKERS]]
+
+    def note(self, instrument, shard, when, book):
         with self.lock:
-            self.shard_of[instrument] = int(shard)
-            known = self.sequences.get(instrument)
-            if kind == UPDATE and known != (epoch, sequence - 1):
-                self.sequences[instrument] = None  # missed some: wait for an image
-                return
-            book = {} if kind == IMAGE else dict(self.books.get(instrument, {}))
-            for number in range(bids + asks):
-                price, quantity, _ = LEVEL.unpack_from(payload, HEADER.size + BOOK.size + number * LEVEL.size)
-                key = (number < bids, price)
-                if quantity:
-                    book[key] = quantity
-                else:
-                    book.pop(key, None)
-            self.books[instrument] = book
-            self.sequences[instrument] = (epoch, sequence)
+            self.shard_of[instrument] = shard
             states = self.states.setdefault(instrument, {})
-            states.pop(receive_time, None)
-            states[receive_time] = book
+            states.setdefault(when[1], {})[when[0]] = book
             if len(states) > self.KEPT:
                 del states[next(iter(states))]
 
-    def state(self, instrument, receive_time):
+    def judge(self, instrument, receive_time, book):
+        """True: one of the last states; None: of a time that has not been heard of yet. A publisher that begins anew
+        begins its times anew, so there may be several states of one time."""
         with self.lock:
-            return self.states.get(instrument, {}).get(receive_time)
+            states = self.states.get(instrument, {}).get(receive_time)
+            return None if states is None else book in states.values()
 
     def symbols(self, shard=None):
         with self.lock:
@@ -285,8 +312,9 @@ class Watcher(threading.Thread):
         self.book_class = book_class
         self.lock = threading.Lock()
         self.books, self.times, self.is_stale = {}, {}, {}
-        self.stale_marks, self.faults, self.refused = [], [], {}
+        self.stale_marks, self.fresh_marks, self.faults, self.refused = [], [], [], {}
         self.asked = set()
+        self.versions, self.verdicts = {}, {}
         self.is_over = False
         self.start()
 
@@ -314,10 +342,13 @@ class Watcher(threading.Thread):
                 book = self.books.setdefault(symbol, self.book_class())
                 book.apply(message)
                 self.times[symbol] = int(message["receive_time_ns"])
+                self.versions[symbol] = self.versions.get(symbol, 0) + 1
                 if "stale" in message:
                     was, self.is_stale[symbol] = self.is_stale.get(symbol), bool(message["stale"] or message["missing"])
                     if self.is_stale[symbol] and was is False:
                         self.stale_marks.append((now, symbol))
+                    if was and not self.is_stale[symbol]:
+                        self.fresh_marks.append((now, symbol))
         elif message["type"] == "error" or (message["type"] == "result" and message["code"] == 17):
             with self.lock:
                 self.refused[message["request"]] = message
@@ -327,13 +358,26 @@ class Watcher(threading.Thread):
 
     def is_good(self, symbol, truth):
         """Shows a state that the publisher's book has had, lately, and says that it is fresh."""
+        return self.judge(symbol, truth) is True
+
+    def is_bad(self, symbol, truth):
+        """Is stale, or shows what the publisher's book has never been."""
+        return self.judge(symbol, truth) is False
+
+    def judge(self, symbol, truth):
+        """None: it cannot be told yet."""
         with self.lock:
             if symbol not in self.books or self.is_stale.get(symbol, True):
                 return False
-            book, when = self.books[symbol], self.times[symbol]
+            book, when, version = self.books[symbol], self.times[symbol], self.versions[symbol]
+            if self.verdicts.get(symbol) == version:
+                return True
             seen = {(is_bid, int(Decimal(price) * PRICE_UNITS_PER_ONE)): int(Decimal(levels[0]) * QUANTITY_UNITS_PER_ONE)
                     for is_bid, side in ((True, book.bids), (False, book.asks)) for price, levels in side.items()}
-        return seen == truth.state(symbol, when)
+        verdict = truth.judge(symbol, when, seen)
+        if verdict:
+            self.verdicts[symbol] = version
+        return verdict
 
     def describe(self, symbols, truth):
         """What is not as it should be."""
@@ -342,7 +386,7 @@ class Watcher(threading.Thread):
         stale = [symbol for symbol in known if self.is_stale.get(symbol, True)]
         other = [symbol for symbol in known if symbol not in stale]
         return (f"{len(bad)} of {len(symbols)} not good, {len(bad) - len(known)} never seen, {len(stale)} stale, other "
-                f"{[(s, self.times[s], truth.sequences.get(s), list(truth.states.get(s, {}))[-1:]) for s in other[:3]]}; "
+                f"{[(s, self.times[s], list(truth.states.get(s, {}))[-1:]) for s in other[:3]]}; "
                 f"over {self.is_over}, faults {self.faults[:2]}, refused {list(self.refused.items())[:2]}")
 
     def close(self):

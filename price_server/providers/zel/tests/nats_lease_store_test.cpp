@@ -166,7 +166,17 @@ TEST(ShardService, ServesAllShardsOfARealBrokerAndGivesThemBack)
     auto two = make(1);
     two->Start();
     EXPECT_TRUE(waitFor(3, 2));
-    EXPECT_EQ(one->FindServer(*served[1].begin())->server, "ps1");
+    const auto knows = [&]
+    {
+        const std::lock_guard lock(mutex);
+        const std::optional<ServerNotice> server = one->FindServer(*served[1].begin());
+        return server && server->server == "ps1";
+    };
+    for (const auto end = Clock::now() + kPatience; !knows() && Clock::now() < end;)
+    {
+        std::this_thread::sleep_for(5ms); // it is told a moment later
+    }
+    EXPECT_TRUE(knows());
     two->Stop();
     EXPECT_TRUE(waitFor(5, 0));
     EXPECT_EQ(one->GetView().counts.dead, 0U) << "what was given back is nobody's";
