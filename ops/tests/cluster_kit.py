@@ -360,15 +360,15 @@ class Watcher(threading.Thread):
         """Shows a state that the publisher's book has had, lately, and says that it is fresh."""
         return self.judge(symbol, truth) is True
 
-    def is_bad(self, symbol, truth):
-        """Is stale, or shows what the publisher's book has never been."""
+    def is_wrong(self, symbol, truth):
+        """Shows what the publisher's book has never been, and does not say that it is stale."""
         return self.judge(symbol, truth) is False
 
     def judge(self, symbol, truth):
-        """None: it cannot be told yet."""
+        """None: it is stale, or of a time that cannot be judged yet."""
         with self.lock:
             if symbol not in self.books or self.is_stale.get(symbol, True):
-                return False
+                return None
             book, when, version = self.books[symbol], self.times[symbol], self.versions[symbol]
             if self.verdicts.get(symbol) == version:
                 return True

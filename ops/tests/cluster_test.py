@@ -135,7 +135,7 @@ class Run:
         faults = []
         while time.monotonic() < began + 3:  # everything that there is to notice comes in this time
             faults += [symbol for shard, name in owners.items() for symbol in self.truth.symbols(shard)
-                       if not self.watchers[name].is_stale.get(symbol) and self.watchers[name].is_bad(symbol, self.truth)]
+                       if self.watchers[name].is_wrong(symbol, self.truth)]
             time.sleep(0.05)
         last = max([when for watcher in self.watchers.values() for when, _ in watcher.fresh_marks] + [began])
         marks = sum(len(watcher.stale_marks) for watcher in self.watchers.values())
@@ -208,7 +208,8 @@ class Run:
         if self.options.logs:
             for name in [*self.cluster.servers, "broker1", "broker2", "broker3", "publisher"]:
                 with open(self.cluster.log(name), encoding="utf-8", errors="replace") as file:
-                    print(f"--- {name}\n{file.read()[-6000:]}")
+                    lines = [line for line in file if "[zel]" in line or "WARN" in line or "ERROR" in line]
+                    print(f"--- {name}\n{''.join(lines)}")
         self.cluster.close()
 
 
