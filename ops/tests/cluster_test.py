@@ -130,7 +130,7 @@ class Run:
     def kill_broker(self, number):
         owners = self.watch()
         at = {name: self.cluster.broker_of(name) for name in [*NAMES, "publisher"]}
-        there = sorted(name for name, broker in at.items() if broker == number)
+        there = sorted(name for name, broker in at.items() if broker == number)  # a lease's connection does not count
         began = self.cluster.brokers[number].kill()
         faults = []
         while time.monotonic() < began + 3:  # everything that there is to notice comes in this time

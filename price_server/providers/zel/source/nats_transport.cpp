@@ -338,16 +338,24 @@ bool NatsTransport::ConnectOnce()
 void NatsTransport::WatchConnection()
 {
     std::uint64_t dropsSeen = m_link->drops.load();
+    std::uint64_t connectionsSeen = m_link->connections.load();
     bool wasUp = true;
     while (!m_link->isClosed.load() && WaitForWants(kLook))
     {
         SubscribeWanted();
         m_link->graveyard.Reap(NatsGraveyard::Clock::now());
         const bool isUp = m_link->isUp.load();
-        if (isUp != std::exchange(wasUp, isUp))
+        // An outage may be over before it is seen here: the broker is then another one all the same.
+        if (const std::uint64_t connections = m_link->connections.load(); isUp && connections != connectionsSeen)
         {
-            isUp ? ReportConnected() : ReportFailure("the connection is gone");
+            connectionsSeen = connections;
+            ReportConnected();
         }
+        else if (!isUp && wasUp)
+        {
+            ReportFailure("the connection is gone");
+        }
+        wasUp = isUp;
         if (const std::uint64_t drops = m_link->drops.load(); drops != std::exchange(dropsSeen, drops))
         {
             zel::logging::Log(30, ZelLogSource(),
