@@ -49,6 +49,38 @@ std::optional<std::size_t> GetNumber(const HttpQuery& query, std::string_view na
     return error == std::errc() && end == text.data() + text.size() ? std::optional<std::size_t>(number) : std::nullopt;
 }
 
+json::object ToObject(const ServerPlace& place)
+{
+    return {{"server", place.server},
+            {"address", place.address.empty() ? json::value(nullptr) : json::value(place.address)},
+            {"shards", json::array(place.shards.begin(), place.shards.end())}};
+}
+
+json::value ToValue(const std::optional<ShardsView>& shards)
+{
+    if (!shards)
+    {
+        return nullptr;
+    }
+    json::array servers;
+    for (const ServerPlace& server : shards->servers)
+    {
+        servers.push_back(ToObject(server));
+    }
+    return json::object{{"count", shards->count}, {"servers", std::move(servers)}};
+}
+
+json::value ToValue(const std::optional<ShardPlace>& place)
+{
+    if (!place)
+    {
+        return nullptr;
+    }
+    return json::object{{"number", place->shard},
+                        {"is_here", place->isHere},
+                        {"served_by", place->server ? json::value(ToObject(*place->server)) : json::value(nullptr)}};
+}
+
 json::object ToObject(const SessionView& view)
 {
     return {{"session", view.number},
@@ -163,6 +195,7 @@ HttpAnswer HttpApi::GetStatus() const
                                  {"sessions_ever", counts.sessionsEver.load()},
                                  {"instruments", m_core.GetInstruments().size()},
                                  {"providers", std::move(providers)},
+                                 {"shards", ToValue(m_core.GetBackend().GetShards())},
                                  {"markets", std::move(markets)},
                                  {"gauges", std::move(gauges)}});
 }
@@ -238,7 +271,8 @@ void HttpApi::Explain(const HttpQuery& query, const Respond& respond)
                         {"market_id", identity.marketId},
                         {"submarket_id", identity.submarketId}}},
                       {"direct", found.instrument->hasDirect},
-                      {"implied", found.instrument->hasImplied}};
+                      {"implied", found.instrument->hasImplied},
+                      {"shard", ToValue(m_core.GetBackend().FindShard(found.instrument->entry))}};
     ReadSubscriptions(
         [text = json::serialize(head)](const std::string& subscriptions)
         {

@@ -12,6 +12,7 @@
 #include "server/queue_probe.h"
 #include "server/rename_relay.h"
 #include "server/server_metrics.h"
+#include "server/shard_metrics.h"
 #include "server/zel_wiring.h"
 
 #include <algorithm>
@@ -82,6 +83,7 @@ void PriceServer::StartAll()
     StartProbe();
     m_clients.Open();
     StartGateway();
+    StartShards();
     m_isReady = true;
 }
 
@@ -108,8 +110,9 @@ void PriceServer::MakeProviders()
     }
     if (m_config.zel)
     {
-        m_zel = MakeZelProvider(*m_config.zel, m_markets,
-                                [this](const auto& renames, const auto& make) { RenameOfZel(renames, make); });
+        m_zel = MakeZelProvider(
+            *m_config.zel, m_markets, [this](const auto& renames, const auto& make) { RenameOfZel(renames, make); },
+            [this](std::uint32_t shard) { return IsServedElsewhere(shard); });
         m_simple->AddProvider(m_zel);
     }
 }
@@ -178,6 +181,7 @@ void PriceServer::StartGateway()
         options.metrics = {MakeServerMetrics({*m_queue, *m_probe, *m_manager, m_mds.get(), m_zel.get(), m_markets,
                                               *m_logging, [this] { return IsReady(); }})};
         options.metrics.push_back(MakeProcessMetrics());
+        options.metrics.push_back(MakeShardMetrics([this] { return GetShardView(); }));
     }
     gateway::IBackend& backend = *this;
     m_gateway = std::make_unique<gateway::Gateway>(std::move(options), backend);
@@ -188,6 +192,10 @@ void PriceServer::StartGateway()
 void PriceServer::Stop()
 {
     Drain();
+    if (m_shards != nullptr)
+    {
+        m_shards->Stop(); // others take over while the sessions end
+    }
     if (m_gateway != nullptr)
     {
         m_gateway->Stop(); // its sessions give their subscriptions back
@@ -214,7 +222,9 @@ void PriceServer::Stop()
     StopExecutors();
     m_renameRelay.reset();
     m_gateway.reset(); // what it asked of the queue has run, or is gone
-    m_probe.reset();   // neither a timer nor the queue calls it any more
+    m_shardsSeen = nullptr;
+    m_shards.reset();
+    m_probe.reset(); // neither a timer nor the queue calls it any more
     m_pendingCheck.reset();
     m_manager.reset();
     m_mds.reset();

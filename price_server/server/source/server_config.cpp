@@ -249,6 +249,18 @@ void Reader::ReadZel(const XmlElement& element)
     Read(element, "user", settings.user);
     Read(element, "connectTimeout_ms", settings.connectTimeout_ms);
     settings.passwordFile = ResolvePath(Text(element, "passwordFile"));
+    Read(element, "shards", settings.shards);
+    Read(element, "server", settings.server);
+    Read(element, "address", settings.address);
+    Read(element, "lease_ms", settings.lease_ms);
+    Read(element, "brokers", settings.brokers);
+    for (const char* const name : {"server", "address", "lease_ms", "brokers"})
+    {
+        if (settings.shards == 0 && m_document.FindAttribute(element, name) != nullptr)
+        {
+            Report(element.line, "<Zel> has " + Quoted(name) + ", which means nothing without \"shards\"");
+        }
+    }
     if (const std::string problem = FindBrokerUrlProblem(settings.url); !problem.empty())
     {
         Report(element.line, problem);

@@ -92,10 +92,16 @@ ElementRule ProvidersRule()
                        Optional("updatesPerSecond", ValueRule::Unsigned(1, 1'000'000))}};
     const ElementRule mds{.name = "Mds", .children = {replay, simulation, ImpliedRuleRule(), RenamesRule()}};
     constexpr std::uint64_t kMostConnect_ms = 5000; // a stop waits for it
+    constexpr std::uint64_t kMinute_ms = 60'000;
+    constexpr std::uint64_t kMostShards = 1000;
     const ElementRule zel{.name = "Zel",
                           .attributes = {Optional("url", ValueRule::Text(1, kMaxUrlLength)), OptionalName("user"),
                                          Optional("passwordFile", ValueRule::FilePath()),
-                                         Optional("connectTimeout_ms", ValueRule::Unsigned(10, kMostConnect_ms))}};
+                                         Optional("connectTimeout_ms", ValueRule::Unsigned(10, kMostConnect_ms)),
+                                         Optional("shards", ValueRule::Unsigned(1, kMostShards)),
+                                         OptionalName("server"), Optional("address", ValueRule::Text(1, kMaxUrlLength)),
+                                         Optional("lease_ms", ValueRule::Unsigned(200, kMinute_ms)),
+                                         Optional("brokers", ValueRule::OneOf({"1", "3", "5"}))}};
     return {.name = "Providers", .children = {mds, zel}, .required = true};
 }
 

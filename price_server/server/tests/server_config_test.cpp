@@ -138,6 +138,27 @@ TEST_F(ServerConfigTest, ChecksTheBrokersAddressAndItsPassword)
     EXPECT_THAT(check("user='u' passwordFile='none'").at(0), ::testing::HasSubstr("cannot be read"));
 }
 
+TEST_F(ServerConfigTest, ReadsHowTheInstrumentsAreShared)
+{
+    const auto zel = [&](const std::string& attributes)
+    { return Server(kMarkets + "<Providers><Zel " + attributes + "/></Providers>"); };
+    EXPECT_EQ(Load(zel("")).zel->shards, 0U);
+    const ZelSettings settings =
+        *Load(zel("shards='20' server='ps1' address='http://ps1:80' lease_ms='1500' brokers='3'")).zel;
+    EXPECT_EQ(settings.shards, 20U);
+    EXPECT_EQ(settings.server, "ps1");
+    EXPECT_EQ(settings.address, "http://ps1:80");
+    EXPECT_EQ(settings.lease_ms, 1500U);
+    EXPECT_EQ(settings.brokers, 3U);
+    for (const char* const attribute : {"server='a'", "address='a'", "lease_ms='800'", "brokers='3'"})
+    {
+        EXPECT_THAT(Check(zel(attribute)), ElementsAre(HasSubstr("means nothing without \"shards\""))) << attribute;
+    }
+    EXPECT_THAT(Check(zel("shards='0'")), ElementsAre(HasSubstr("is not a whole number from 1 to 1000")));
+    EXPECT_EQ(Check(zel("shards='4' brokers='2'")).size(), 1U);
+    EXPECT_EQ(Check(zel("shards='4' lease_ms='100'")).size(), 1U);
+}
+
 TEST_F(ServerConfigTest, KeepsTheTreeThatTheManagerReads)
 {
     const ServerConfig config = Load(

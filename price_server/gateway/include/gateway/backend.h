@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,29 @@ struct ProviderView
     std::string name;  ///< "mds", "zel"
     std::string state; ///< "reading" its directory, "serving", "lost" its feed, "ended", "failed"
     std::size_t instruments = 0;
+};
+
+/// A server among those that share the instruments.
+struct ServerPlace
+{
+    std::string server;  ///< its name
+    std::string address; ///< of its gateway; empty: it has told none
+    std::vector<std::uint32_t> shards;
+};
+
+/// How the instruments are divided among servers.
+struct ShardsView
+{
+    std::uint32_t count = 0;          ///< shards in all
+    std::vector<ServerPlace> servers; ///< that are heard, this one first
+};
+
+/// Where an instrument is served.
+struct ShardPlace
+{
+    std::uint32_t shard = 0;
+    bool isHere = false;
+    std::optional<ServerPlace> server; ///< nothing: nobody, just now
 };
 
 /// Which instruments there were, and what they were called.
@@ -56,6 +80,9 @@ public:
     /// Read before those.
     virtual DirectoryVersion GetDirectoryVersion() const = 0;
     virtual std::vector<ProviderView> GetProviders() const = 0;
+    /// Nothing: this server serves all its instruments; as the next one.
+    virtual std::optional<ShardsView> GetShards() const { return std::nullopt; }
+    virtual std::optional<ShardPlace> FindShard(const DirectoryEntry&) const { return std::nullopt; }
     /// True between the moment when all providers know their instruments and the beginning of the stop.
     virtual bool IsReady() const = 0;
 };

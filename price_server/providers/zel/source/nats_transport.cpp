@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <map>
 #include <shared_mutex>
 #include <stdexcept>
 #include <utility>
@@ -38,6 +39,11 @@ std::string MakeSubject(const TransportAddress& to)
         break;
     }
     return std::string(kPrices) + EscapeToken(to.market) + '.' + EscapeToken(to.instrument);
+}
+
+std::string MakeShardSubject(unsigned shard)
+{
+    return std::string(kShard) + std::to_string(shard) + ".>";
 }
 
 /// Takes the text up to the next dot off the front.
@@ -241,8 +247,7 @@ struct NatsTransport::Link
     natsConnection* connection = nullptr; ///< under connectionMutex; written by the transport's own thread
 
     // The transport's own thread only:
-    std::vector<natsSubscription*> subscriptions;
-    std::size_t subscribed = 0; ///< of the wanted subjects
+    std::map<std::string, natsSubscription*> subscriptions; ///< by subject
     NatsGraveyard graveyard{kGraveyardRest};
 };
 
@@ -294,6 +299,14 @@ bool NatsTransport::Pause(std::chrono::milliseconds time)
 {
     std::unique_lock lock(m_mutex);
     return !m_changed.wait_for(lock, time, [this] { return m_isStopping; });
+}
+
+/// The same; returns earlier when other subjects are wanted.
+bool NatsTransport::WaitForWants(std::chrono::milliseconds time)
+{
+    std::unique_lock lock(m_mutex);
+    m_changed.wait_for(lock, time, [this] { return m_isStopping || m_wants != m_wantsSeen; });
+    return !m_isStopping;
 }
 
 void NatsTransport::Run()
@@ -379,16 +392,24 @@ void NatsTransport::WatchConnection()
 {
     std::uint64_t dropsSeen = m_link->drops.load();
     std::uint64_t refusalsSeen = 0;
+    std::uint64_t connectionsSeen = m_link->connections.load();
     bool wasUp = true;
-    while (!m_link->isClosed.load() && Pause(kLook))
+    while (!m_link->isClosed.load() && WaitForWants(kLook))
     {
         SubscribeWanted();
         m_link->graveyard.Reap(NatsGraveyard::Clock::now());
         const bool isUp = m_link->isUp.load();
-        if (isUp != std::exchange(wasUp, isUp))
+        // An outage may be over before it is seen here: the broker is then another one all the same.
+        if (const std::uint64_t connections = m_link->connections.load(); isUp && connections != connectionsSeen)
         {
-            isUp ? ReportConnected() : ReportFailure("the connection is gone");
+            connectionsSeen = connections;
+            ReportConnected();
         }
+        else if (!isUp && wasUp)
+        {
+            ReportFailure("the connection is gone");
+        }
+        wasUp = isUp;
         if (const std::uint64_t drops = m_link->drops.load(); drops != std::exchange(dropsSeen, drops))
         {
             zel::logging::Log(30, ZelLogSource(),
@@ -433,11 +454,10 @@ void NatsTransport::LetGo()
         const std::lock_guard lock(m_link->stateMutex);
         m_link->GoDown();
     }
-    for (natsSubscription* const subscription : std::exchange(m_link->subscriptions, {}))
+    for (const auto& [subject, subscription] : std::exchange(m_link->subscriptions, {}))
     {
         m_link->graveyard.Bury(subscription);
     }
-    m_link->subscribed = 0;
     natsConnection* connection = nullptr;
     {
         const std::unique_lock lock(m_link->connectionMutex);
@@ -455,13 +475,29 @@ void NatsTransport::LetGo()
 
 void NatsTransport::SubscribeWanted()
 {
-    std::vector<std::string> fresh;
+    std::vector<std::string> wanted;
+    std::uint64_t wants = 0;
     {
         const std::lock_guard lock(m_mutex);
-        fresh.assign(m_wanted.begin() + static_cast<std::ptrdiff_t>(m_link->subscribed), m_wanted.end());
+        wanted = m_wanted;
+        wants = m_wants;
     }
-    for (const std::string& subject : fresh)
+    for (auto entry = m_link->subscriptions.begin(); entry != m_link->subscriptions.end();)
     {
+        if (std::find(wanted.begin(), wanted.end(), entry->first) != wanted.end())
+        {
+            ++entry;
+            continue;
+        }
+        m_link->graveyard.Bury(entry->second);
+        entry = m_link->subscriptions.erase(entry);
+    }
+    for (const std::string& subject : wanted)
+    {
+        if (m_link->subscriptions.count(subject) != 0)
+        {
+            continue;
+        }
         natsSubscription* subscription = nullptr;
         const natsStatus status = natsConnection_Subscribe(&subscription, m_link->connection, subject.c_str(),
                                                            &Link::OnMessage, m_link.get());
@@ -470,12 +506,16 @@ void NatsTransport::SubscribeWanted()
             return; // the connection breaks just now; once it is back
         }
         natsSubscription_SetPendingLimits(subscription, m_options.mostPendingMessages, m_options.mostPendingBytes);
-        m_link->subscriptions.push_back(subscription);
-        ++m_link->subscribed;
+        m_link->subscriptions.emplace(subject, subscription);
         // In effect from here on; and if it was refused, the broker has said so.
         natsConnection_FlushTimeout(m_link->connection, m_options.writeTimeout.count());
         ReportRefusal();
     }
+    {
+        const std::lock_guard lock(m_mutex);
+        m_wantsSeen = wants;
+    }
+    m_changed.notify_all();
 }
 
 /// The first failure of an outage is an error; the rest are details.
@@ -507,22 +547,37 @@ void NatsTransport::Want(std::string subject)
 {
     {
         const std::lock_guard lock(m_mutex);
-        m_wanted.push_back(std::move(subject));
+        if (std::find(m_wanted.begin(), m_wanted.end(), subject) == m_wanted.end())
+        {
+            m_wanted.push_back(std::move(subject));
+            ++m_wants;
+        }
     }
     m_changed.notify_all();
 }
 
 void NatsTransport::SubscribeShard(std::optional<unsigned> shard)
 {
+    constexpr auto kLongest = std::chrono::milliseconds(50);
+    SubscribeControl();
+    Want(shard ? MakeShardSubject(*shard) : std::string(kPrices) + '>');
+    std::unique_lock lock(m_mutex);
+    m_changed.wait_for(lock, m_link->isUp.load() ? kLongest : std::chrono::milliseconds(0),
+                       [this] { return m_isStopping || m_wants == m_wantsSeen; });
+}
+
+void NatsTransport::UnsubscribeShard(unsigned shard)
+{
     {
         const std::lock_guard lock(m_mutex);
-        const std::string control = std::string(kControl) + '*';
-        if (std::find(m_wanted.begin(), m_wanted.end(), control) == m_wanted.end())
-        {
-            m_wanted.push_back(control);
-        }
+        m_wants += std::erase(m_wanted, MakeShardSubject(shard));
     }
-    Want(shard ? std::string(kShard) + std::to_string(*shard) + ".>" : std::string(kPrices) + '>');
+    m_changed.notify_all();
+}
+
+void NatsTransport::SubscribeControl()
+{
+    Want(std::string(kControl) + '*');
 }
 
 void NatsTransport::SubscribeRequests(const std::string& market)

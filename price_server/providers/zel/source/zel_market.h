@@ -42,6 +42,7 @@ struct ZelInstrument
     const WireInstrument asFirstListed;
     std::string symbol;       ///< its name here; empty: another has taken it
     std::string listedSymbol; ///< its name with the publisher; ours follows when the rename's step is made
+    std::uint32_t shard = 0;  ///< with shards: the one that it is in
     std::uint32_t index;      ///< in the publisher's present directory; kNoIndex: not in it
     InstrumentFeed feed;
     State state = State::Idle;

@@ -19,6 +19,7 @@ ZelProvider::ZelProvider(std::unique_ptr<IProviderTransport> transport, ZelOptio
         m_byName.emplace(market.name, m_markets.back().get());
         m_directory.AddMarket(market.id);
     }
+    m_served.assign(m_options.shardCount, false);
 }
 
 ZelProvider::~ZelProvider()
@@ -33,7 +34,11 @@ void ZelProvider::Start()
     {
         m_transport->SubscribeShard(shard);
     }
-    if (m_options.shards.empty())
+    if (m_options.shardCount != 0)
+    {
+        m_transport->SubscribeControl();
+    }
+    else if (m_options.shards.empty())
     {
         m_transport->SubscribeShard(std::nullopt);
     }

@@ -1,5 +1,6 @@
 #include "logging/logging.h"
 #include "wire_check.h"
+#include "zel/instrument_shard.h"
 #include "zel/subject_token.h"
 #include "zel/zel_log.h"
 #include "zel/zel_provider.h"
@@ -161,6 +162,8 @@ void ZelProvider::AdoptDirectory(ZelMarket& market)
             {
                 market.instruments.push_back(std::make_unique<ZelInstrument>(market, listed));
                 known = market.instruments.back().get();
+                known->shard =
+                    m_served.empty() ? 0 : GetShard(market.name, listed.firstSymbol, m_options.shardCount);
                 if (market.bySymbol.try_emplace(listed.symbol, known).second)
                 {
                     added.push_back(MakeEntry(market, listed));
@@ -219,6 +222,10 @@ void ZelProvider::AnswerWaiting(ZelMarket& market)
         }
         subscription.awaitedIn = nullptr;
         subscription.instrument = market.FindBySymbol(subscription.symbol);
+        if (subscription.instrument != nullptr && IsServedElsewhere(*subscription.instrument))
+        {
+            subscription.instrument = nullptr;
+        }
         if (subscription.instrument != nullptr)
         {
             Follow(*subscription.instrument);

@@ -13,7 +13,7 @@ int ZelProvider::Subscribe(const ComponentRequest& request, const std::shared_pt
         return SubscribeStatus::Failed;
     }
     ZelInstrument* const instrument = market->FindBySymbol(request.symbol);
-    if (instrument == nullptr && market->epoch != 0)
+    if (instrument == nullptr ? market->epoch != 0 : IsServedElsewhere(*instrument))
     {
         return SubscribeStatus::Failed;
     }
@@ -66,6 +66,11 @@ void ZelProvider::Follow(ZelInstrument& instrument)
 {
     if (instrument.state != ZelInstrument::State::Idle)
     {
+        return;
+    }
+    if (!IsServed(instrument))
+    {
+        instrument.feed.SetStale(true); // until its shard is
         return;
     }
     Await(instrument);

@@ -32,6 +32,8 @@ public:
     }
     void Stop() override {}
     void SubscribeShard(std::optional<unsigned>) override { Note("subscribe"); }
+    void UnsubscribeShard(unsigned) override {}
+    void SubscribeControl() override {}
     void SubscribeRequests(const std::string&) override {}
     bool Publish(const TransportAddress&, std::span<const std::byte>) override { return true; }
     bool AskForImages(std::string_view, std::span<const std::byte> request) override

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,7 +25,9 @@ class PendingCheck;
 class PriceGate;
 class QueueProbe;
 class RenameRelay;
+class ShardService;
 class ZelProvider;
+struct ShardView;
 struct SymbolRename;
 
 /// What the one who runs a server decides beside its configuration.
@@ -102,6 +105,8 @@ private:
     bool IsReady() const override;
     gateway::DirectoryVersion GetDirectoryVersion() const override;
     std::vector<gateway::ProviderView> GetProviders() const override;
+    std::optional<gateway::ShardsView> GetShards() const override;
+    std::optional<gateway::ShardPlace> FindShard(const DirectoryEntry& entry) const override;
 
     void StartAll();
     void MakeQueue();
@@ -111,6 +116,9 @@ private:
     void StartProviders();
     void StartProbe();
     void StartGateway();
+    void StartShards();
+    bool IsServedElsewhere(std::uint32_t shard) const;
+    std::optional<ShardView> GetShardView() const;
     void Drain();
     void RunQueueDry();
     void StopQueue();
@@ -137,6 +145,8 @@ private:
     std::unique_ptr<QueueReader<>> m_reader;
     std::unique_ptr<QueueProbe> m_probe;
     std::unique_ptr<gateway::Gateway> m_gateway;
+    std::unique_ptr<ShardService> m_shards;                 ///< null: all instruments are served; as the next one
+    std::atomic<const ShardService*> m_shardsSeen{nullptr}; ///< the same, for all threads
     std::atomic<bool> m_isReady{false}; ///< the gateway asks
     std::atomic<bool> m_isDraining{false};
 };

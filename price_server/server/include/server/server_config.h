@@ -91,6 +91,12 @@ struct ZelSettings
     std::string user;                          ///< empty: none, or the address says it
     std::string passwordFile;                  ///< its first line is the password
     unsigned connectTimeout_ms = 500;          ///< for one attempt at one broker
+
+    unsigned shards = 0;     ///< that the broker's mapping divides the instruments into; 0: this server serves all
+    std::string server;      ///< what the others call this one; empty: host and process
+    std::string address;     ///< where its gateway is to be found; empty: the gateway's own
+    unsigned lease_ms = 800; ///< a shard's
+    unsigned brokers = 1;    ///< that keep the leases
 };
 
 /// A token of section Gateway: who shows it may come in.

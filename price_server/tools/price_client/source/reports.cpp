@@ -151,6 +151,17 @@ std::string FormatSubscription(const json::object& subscription)
     return text + Line("  ", "last update", time_ns == 0 ? "none yet" : FormatTime(time_ns));
 }
 
+std::string FormatShardServer(const json::object& shard)
+{
+    const json::object& server = GetObject(Find(shard, "served_by"));
+    if (server.empty())
+    {
+        return ", served by nobody just now";
+    }
+    return Is(shard, "is_here") ? ", served here"
+                                : ", served by " + Show(server, "server") + " at " + Show(server, "address");
+}
+
 using Row = std::vector<std::string>;
 
 std::string FormatTable(const std::vector<Row>& rows)
@@ -229,6 +240,10 @@ std::string FormatExplanation(const json::object& explanation)
                  "instrument " + Show(identity, "instrument_id") + ", market " + Show(identity, "market_id") +
                      ", submarket " + Show(identity, "submarket_id"));
     text += Line("", "components", FormatComponents(explanation));
+    if (const json::object& shard = GetObject(Find(explanation, "shard")); !shard.empty())
+    {
+        text += Line("", "shard", Show(shard, "number") + FormatShardServer(shard));
+    }
     const json::array& subscriptions = GetArray(explanation, "subscriptions");
     if (subscriptions.empty())
     {

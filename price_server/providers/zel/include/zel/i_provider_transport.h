@@ -51,7 +51,7 @@ public:
 /// The way to a message broker, as narrow as the ZEL provider and its publishers need it: another broker is one more
 /// adapter.
 ///
-/// Threads: Connect, the subscribes and Stop are the owner's. Publish, AskForImages and the queries may be called from
+/// Threads: Connect and Stop are the owner's. The subscribes, Publish, AskForImages and the queries may be called from
 /// any thread, also while a connection breaks.
 ///
 /// Ownership: the listener is not owned and outlives Stop.
@@ -73,6 +73,12 @@ public:
     /// Listens to the prices of one shard; nothing: of all instruments, from a broker that maps none. Also to the
     /// control channel. Before or after there is a connection; it holds through reconnects.
     virtual void SubscribeShard(std::optional<unsigned> shard) = 0;
+
+    /// Ends that; messages that are on their way may still come. Nothing when it is not listened to.
+    virtual void UnsubscribeShard(unsigned shard) = 0;
+
+    /// Listens to the control channel alone.
+    virtual void SubscribeControl() = 0;
 
     /// Listens to the requests that concern a market: for its publisher.
     virtual void SubscribeRequests(const std::string& market) = 0;

@@ -68,7 +68,11 @@ public:
     void Connect(ITransportListener& listener) override;
     /// Takes kGraveyardRest when there was a connection.
     void Stop() override;
+    /// Waits a moment until the broker has been told, when there is a connection: a request for images that comes
+    /// after it does not overtake it.
     void SubscribeShard(std::optional<unsigned> shard) override;
+    void UnsubscribeShard(unsigned shard) override;
+    void SubscribeControl() override;
     void SubscribeRequests(const std::string& market) override;
     bool Publish(const TransportAddress& to, std::span<const std::byte> payload) override;
     bool AskForImages(std::string_view market, std::span<const std::byte> request) override;
@@ -91,6 +95,7 @@ private:
     void SubscribeWanted();
     void Want(std::string subject);
     bool Pause(std::chrono::milliseconds time);
+    bool WaitForWants(std::chrono::milliseconds time);
     void ReportFailure(const std::string& why);
     void ReportRefusal();
     void ReportConnected();
@@ -102,6 +107,8 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::vector<std::string> m_wanted;    ///< under m_mutex: subjects to listen to
+    std::uint64_t m_wants = 0;            ///< under m_mutex: another one when those have changed
+    std::uint64_t m_wantsSeen = 0;        ///< under m_mutex: up to here they are listened to
     bool m_isStopping = false;            ///< under m_mutex
     std::thread m_thread;                 ///< the owner's
     unsigned m_failures = 0;              ///< own thread: attempts since the last connection

@@ -46,6 +46,11 @@ struct ZelOptions
     std::vector<ZelMarketName> markets;
     /// Of the broker's mapping, those that this server serves; empty: all instruments, from a broker that maps none.
     std::vector<unsigned> shards;
+    /// More than 0: so many are there in the broker's mapping, and this server serves those that ServeShard has named.
+    std::uint32_t shardCount = 0;
+    /// With shardCount: another server serves the shard; subscribes of its instruments fail then. Called under the
+    /// provider's lock. Empty: never.
+    std::function<bool(std::uint32_t shard)> isServedElsewhere;
     /// Updates that somebody still holds; at the limit messages wait with the transport.
     std::size_t updatesInFlight = kUsualUpdatesInFlight;
     std::chrono::milliseconds longestSilence{700};   ///< of a publisher, before its market counts as lost
@@ -115,6 +120,10 @@ enum class ZelState : std::uint8_t
 /// One thread of its own asks for images and notices silence; another makes renames, which may wait for executors and
 /// for the queue. Locks are taken in the order provider, instrument, pool or directory.
 ///
+/// Shards: with ZelOptions::shardCount every instrument is listed, and those of the shards that are served here can be
+/// had. A subscribe of an instrument that another server serves fails; one that nobody serves just now is taken, and is
+/// stale until its shard is served here.
+///
 /// Scopes: as MdsProvider.
 class ZelProvider final : public IPriceProvider, private ITransportListener
 {
@@ -136,6 +145,12 @@ public:
                      const CompositeSubscriptionInfo& scope) override;
     /// Answers true, also after Stop.
     void Unsubscribe(const std::shared_ptr<IComponentListener>& listener) override;
+
+    /// With ZelOptions::shardCount: instruments of the shard are served from now on; those that somebody has subscribed
+    /// get their images.
+    void ServeShard(std::uint32_t shard);
+    /// They are served no more: who has subscribed them stays, and is told that they are stale. Any thread, as above.
+    void LeaveShard(std::uint32_t shard);
 
     /// Does what is due: asks, notices silence, makes renames. For the owner of a hand-driven provider.
     void Tick();
@@ -191,6 +206,8 @@ private:
 
     void NoteBehind(ZelInstrument& instrument) PS_REQUIRES(m_role);
 
+    bool IsServed(const ZelInstrument& instrument) const PS_REQUIRES(m_role);
+    bool IsServedElsewhere(const ZelInstrument& instrument) const PS_REQUIRES(m_role);
     void Follow(ZelInstrument& instrument) PS_REQUIRES(m_role);
     void Await(ZelInstrument& instrument) PS_REQUIRES(m_role);
     void Lose(ZelMarket& market, const char* why) PS_REQUIRES(m_role);
@@ -220,6 +237,7 @@ private:
     mutable std::mutex m_mutex;
     mutable Role m_role; ///< of m_mutex
     std::unordered_map<const IComponentListener*, Subscription> m_subscriptions PS_GUARDED_BY(m_role);
+    std::vector<bool> m_served PS_GUARDED_BY(m_role);             ///< by shard; empty: all instruments are served
     std::vector<ZelInstrument*> m_awaiting PS_GUARDED_BY(m_role); ///< some may have left that state
     std::vector<ZelInstrument*> m_behind PS_GUARDED_BY(m_role);   ///< some may have caught up
     TimePoint m_connectedSince PS_GUARDED_BY(m_role){};

@@ -1,5 +1,7 @@
 #include "zel_testing/memory_broker.h"
 
+#include "zel/instrument_shard.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -68,9 +70,14 @@ void MemoryTransport::Connect(ITransportListener& listener)
     }
 }
 
-void MemoryTransport::SubscribeShard(std::optional<unsigned>)
+void MemoryTransport::SubscribeShard(std::optional<unsigned> shard)
 {
-    m_wantsPrices = true;
+    m_wantsControl = true;
+    m_wantsAllPrices = m_wantsAllPrices || !shard;
+    if (shard)
+    {
+        m_shards.insert(*shard);
+    }
 }
 
 bool MemoryTransport::Publish(const TransportAddress& to, std::span<const std::byte> payload)
@@ -97,9 +104,14 @@ void MemoryTransport::SetCut(bool isCut)
 
 bool MemoryTransport::Wants(const CarriedMessage& message) const
 {
-    if (message.channel != TransportChannel::Requests)
+    if (message.channel == TransportChannel::Control)
     {
-        return m_wantsPrices;
+        return m_wantsControl;
+    }
+    if (message.channel == TransportChannel::Prices)
+    {
+        return m_wantsAllPrices || (m_broker.shards != 0 &&
+                                    m_shards.count(GetShard(message.market, message.instrument, m_broker.shards)) != 0);
     }
     return std::find(m_requests.begin(), m_requests.end(), message.market) != m_requests.end();
 }

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,8 @@ public:
     void SetUp(bool isUp);
     bool IsUp() const noexcept { return m_isUp; }
 
+    std::uint32_t shards = 0; ///< that it divides the instruments into; 0: none
+
     /// Called for each message that is about to be delivered; false: it is lost. Empty: none is.
     std::function<bool(const CarriedMessage&)> passes;
     std::deque<CarriedMessage> waiting;
@@ -61,6 +64,8 @@ public:
     void Connect(ITransportListener& listener) override;
     void Stop() override { m_listener = nullptr; }
     void SubscribeShard(std::optional<unsigned> shard) override;
+    void UnsubscribeShard(unsigned shard) override { m_shards.erase(shard); }
+    void SubscribeControl() override { m_wantsControl = true; }
     void SubscribeRequests(const std::string& market) override { m_requests.push_back(market); }
     bool Publish(const TransportAddress& to, std::span<const std::byte> payload) override;
     bool AskForImages(std::string_view market, std::span<const std::byte> request) override;
@@ -87,7 +92,9 @@ private:
     MemoryBroker& m_broker;
     ITransportListener* m_listener = nullptr;
     std::vector<std::string> m_requests;
-    bool m_wantsPrices = false;
+    bool m_wantsAllPrices = false;
+    bool m_wantsControl = false;
+    std::set<unsigned> m_shards;
     bool m_isCut = false;
 };
 
