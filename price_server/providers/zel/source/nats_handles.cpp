@@ -4,6 +4,26 @@
 
 namespace ps_ns
 {
+namespace
+{
+
+std::string Quote(const std::string& text)
+{
+    std::string quoted;
+    for (const char c : text)
+    {
+        quoted += c == '"' || c == '\\' ? "\\" : "";
+        quoted += c;
+    }
+    return quoted;
+}
+
+} // namespace
+
+natsStatus SetUser(natsOptions* options, const std::string& user, const std::string& password)
+{
+    return natsOptions_SetUserInfo(options, Quote(user).c_str(), Quote(password).c_str());
+}
 
 NatsGraveyard::~NatsGraveyard()
 {

@@ -16,6 +16,10 @@ struct NatsOptionsDeleter
 };
 using NatsOptionsHandle = std::unique_ptr<natsOptions, NatsOptionsDeleter>;
 
+/// Says who the client is. The library puts names and passwords into a JSON text as they are: here they get what such a
+/// text wants.
+natsStatus SetUser(natsOptions* options, const std::string& user, const std::string& password);
+
 /// Where ended subscriptions lie until the library's threads have surely let go of them: destroying one while messages
 /// arrive damages the heap.
 ///

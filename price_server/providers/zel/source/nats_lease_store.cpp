@@ -236,7 +236,7 @@ bool NatsLeaseStore::Connect()
     Require(natsOptions_SetName(made, (m_options.clientName + " leases").c_str()), "the client's name");
     if (!m_options.user.empty())
     {
-        Require(natsOptions_SetUserInfo(made, m_options.user.c_str(), m_options.password.c_str()), "the user");
+        Require(SetUser(made, m_options.user, m_options.password), "the user");
     }
     Require(natsOptions_SetTimeout(made, m_options.connectTimeout.count()), "the connect timeout");
     Require(natsOptions_SetWriteDeadline(made, m_options.writeTimeout.count()), "the write timeout");

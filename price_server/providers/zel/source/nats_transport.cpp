@@ -109,18 +109,6 @@ std::string DescribeServers(const std::vector<std::string>& servers)
     return text;
 }
 
-/// As a JSON text wants it between its quotes: the library puts names and passwords there as they are.
-std::string Quote(const std::string& text)
-{
-    std::string quoted;
-    for (const char c : text)
-    {
-        quoted += c == '"' || c == '\\' ? "\\" : "";
-        quoted += c;
-    }
-    return quoted;
-}
-
 void Require(natsStatus status, const char* what)
 {
     if (status != NATS_OK)
@@ -351,8 +339,7 @@ bool NatsTransport::ConnectOnce()
     Require(natsOptions_SetName(made, m_options.clientName.c_str()), "the client's name");
     if (!m_options.user.empty())
     {
-        Require(natsOptions_SetUserInfo(made, Quote(m_options.user).c_str(), Quote(m_options.password).c_str()),
-                "the user");
+        Require(SetUser(made, m_options.user, m_options.password), "the user");
     }
     Require(natsOptions_SetTimeout(made, std::min(m_options.connectTimeout, kLongestConnectTimeout).count()),
             "the connect timeout");
