@@ -81,7 +81,8 @@ def get(port, path):
 class Cluster:
     """Three brokers with the shipped configuration, a publisher, and as many servers as are started."""
 
-    def __init__(self, programs, ops, shards=4, instruments=300, rate=500):
+    def __init__(self, programs, ops, shards=4, instruments=300, rate=500, lease_ms=800):
+        self.lease_ms = lease_ms
         self.programs, self.shards, self.instruments, self.rate = programs, shards, instruments, rate
         self.folder = tempfile.TemporaryDirectory()
         self.servers, self.ports, self.brokers = {}, {}, []
@@ -135,7 +136,7 @@ class Cluster:
         config = self.write(name + ".xml", (
             f'<PriceServer><Logging level="0"/><Markets><Market id="1" name="{MARKET}" maxDepth="1000"/></Markets>'
             f'<Providers><Zel url="{self.urls(len(self.servers))}" user="server" passwordFile="{self.password}" '
-            f'shards="{self.shards}" server="{name}" brokers="{BROKERS}"/></Providers>'
+            f'shards="{self.shards}" server="{name}" brokers="{BROKERS}" lease_ms="{self.lease_ms}"/></Providers>'
             f'<Gateway port="{self.ports[name]}"><Limits subscriptions="10000" requestsPerSecond="10000"/></Gateway>'
             f'</PriceServer>\n'))
         self.servers[name] = Process([self.programs["server"], "--config", config], log=self.log(name))

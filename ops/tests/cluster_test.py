@@ -1,7 +1,8 @@
 """Four price servers, three brokers and a publisher on one machine: whichever process is killed, its instruments are
 served again in time, and clients of the others notice nothing; a fifth server moves no more than its share.
 
-usage: cluster_test.py NATS_SERVER PRICE_SERVER CLUSTER_FLOW OPS_FOLDER GATEWAY_TESTS [--limit SECONDS] [--rounds N]
+usage: cluster_test.py NATS_SERVER PRICE_SERVER CLUSTER_FLOW OPS_FOLDER GATEWAY_TESTS [--limit SECONDS] [--lease MS] [--patient]
+       [--rounds N]
 """
 
 import argparse
@@ -23,12 +24,17 @@ class Run:
         from ws_client import Book, Client  # pylint: disable=import-outside-toplevel
         self.client_class, self.book_class = Client, Book
         self.options, self.table, self.times = options, table, {}
-        self.cluster = Cluster({"nats": options.nats, "server": options.server, "flow": options.flow}, options.ops, shards)
+        self.cluster = Cluster({"nats": options.nats, "server": options.server, "flow": options.flow}, options.ops, shards,
+                               lease_ms=options.lease)
         self.watchers = {}
         self.cluster.start_publisher()
         for name in NAMES:
             self.cluster.start_server(name)
         self.truth = Truth(self.cluster)
+
+    def is_calm(self, stale_marks):
+        """Where everybody waits for the processor, a publisher's heartbeat may come too late for any server."""
+        return self.options.patient or not stale_marks
 
     def begin(self):
         table, shards = self.table, self.cluster.shards
@@ -83,7 +89,7 @@ class Run:
         for name in names:
             watcher = self.watchers[name]
             self.table.check(f"{what}: the clients of {name} noticed nothing",
-                             not watcher.stale_marks and not watcher.faults and not watcher.is_over,
+                             self.is_calm(watcher.stale_marks) and not watcher.faults and not watcher.is_over,
                              (watcher.stale_marks[:3], watcher.faults[:3], watcher.is_over))
 
     def kill_server(self, name):
@@ -183,7 +189,7 @@ class Run:
         for other in NAMES:
             marks = [mark for mark in self.watchers[other].stale_marks if mark[1] not in moved_symbols]
             self.table.check(f"fifth server: the clients of {other} noticed nothing but of what has moved",
-                             not marks and not self.watchers[other].faults, (marks[:3], self.watchers[other].faults[:3]))
+                             self.is_calm(marks) and not self.watchers[other].faults, (marks[:3], self.watchers[other].faults[:3]))
 
     def check_refusal(self):
         """An instrument of another server: refused, and the answer names who serves it."""
@@ -218,6 +224,8 @@ def main():
     for name in ("nats", "server", "flow", "ops", "gateway_tests"):
         parser.add_argument(name)
     parser.add_argument("--limit", type=float, default=2.0, help="seconds until everything is served again")
+    parser.add_argument("--lease", type=int, default=800, help="of the servers' configuration, in milliseconds")
+    parser.add_argument("--patient", action="store_true", help="on a machine that stalls: stale marks are not counted")
     parser.add_argument("--rounds", type=int, default=1, help="how often each process is killed")
     parser.add_argument("--logs", action="store_true", help="print what the processes have logged")
     options = parser.parse_args()
