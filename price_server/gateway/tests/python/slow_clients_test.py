@@ -246,7 +246,8 @@ def one_round(server, number, scopes, healthy, sanitized):
                 gone and ended - began < (40 if sanitized else 14))
     for name, drain in drains.items():
         drain.join(10)
-        # None: the systems' own pauses between two looks at a full window have outlasted the gateway's patience.
+        # None: nothing came for seconds after it woke, longer than the gateway's patience. Seen now and then, and not
+        # explained; probably both systems wait for a larger window.
         cases.check("stalled", f"round {number}: {name} is told why, or cut off", drain.code in (1013, None), drain.code)
         names[name].close()
     told = sum(drain.code == 1013 for drain in drains.values())

@@ -162,8 +162,7 @@ void ZelProvider::AdoptDirectory(ZelMarket& market)
             {
                 market.instruments.push_back(std::make_unique<ZelInstrument>(market, listed));
                 known = market.instruments.back().get();
-                known->shard =
-                    m_served.empty() ? 0 : GetShard(market.name, listed.firstSymbol, m_options.shardCount);
+                known->shard = m_served.empty() ? 0 : GetShard(market.name, listed.firstSymbol, m_options.shardCount);
                 if (market.bySymbol.try_emplace(listed.symbol, known).second)
                 {
                     added.push_back(MakeEntry(market, listed));

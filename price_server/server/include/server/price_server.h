@@ -147,7 +147,7 @@ private:
     std::unique_ptr<gateway::Gateway> m_gateway;
     std::unique_ptr<ShardService> m_shards;                 ///< null: all instruments are served; as the next one
     std::atomic<const ShardService*> m_shardsSeen{nullptr}; ///< the same, for all threads
-    std::atomic<bool> m_isReady{false}; ///< the gateway asks
+    std::atomic<bool> m_isReady{false};                     ///< the gateway asks
     std::atomic<bool> m_isDraining{false};
 };
 

@@ -120,7 +120,7 @@ struct GatewaySettings
     std::string tlsKey;               ///< PEM file
     unsigned drain_ms = 0;            ///< how long a stop lets clients be after it has stopped being ready
     unsigned maxSessions = 4096;
-    unsigned maxSubscriptions = 200; ///< of one session
+    unsigned maxSubscriptions = 200;          ///< of one session
     unsigned maxRequestsPerSecond = 100;      ///< of one session or HTTP connection
     unsigned maxHttpRequestsPerSecond = 1000; ///< to /api/ and /metrics, of all
 };

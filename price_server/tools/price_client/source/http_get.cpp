@@ -80,8 +80,7 @@ ClientError MakeReplyError(const Access& access, const HttpReply& reply)
     {
         text += access.token.empty() ? "; --token-file, or PRICE_SERVER_TOKEN in the environment, gives one" : "";
     }
-    const bool mayPass =
-        reply.status == 429 || reply.status == 502 || reply.status == 503 || reply.status == 504;
+    const bool mayPass = reply.status == 429 || reply.status == 502 || reply.status == 503 || reply.status == 504;
     return {ExitCode::Refused, text, mayPass};
 }
 

@@ -14,9 +14,10 @@ namespace ps_ns
 ///
 /// A tick is one of the processor's time-stamp counter where that runs evenly on all cores (the processor says that it
 /// is invariant, and the system keeps its own time by it), and a nanosecond of steady_clock elsewhere. The counter is
-/// compared with steady_clock for a millisecond, once, when the clock is first asked for. Long durations are right to some
-/// 0.1 %, those of some nanoseconds to some of them: a look does not wait for what the processor still has in hand. It is
-/// no clock to tell the time by, and of two moments on two cores the later may be a few ticks before the earlier.
+/// compared with steady_clock for a millisecond, once, when the clock is first asked for. Long durations are right to
+/// some 0.1 %, those of some nanoseconds to some of them: a look does not wait for what the processor still has in
+/// hand. It is no clock to tell the time by, and of two moments on two cores the later may be a few ticks before the
+/// earlier.
 ///
 /// Threads: any.
 class TickClock
