@@ -1,3 +1,4 @@
+import type { Page } from "playwright-core";
 import { describe, expect, test } from "vitest";
 import { active, drawnRows, hashOf, ladderRows, openLadders, openPage, Tap } from "../harness.ts";
 
@@ -9,6 +10,27 @@ const blank = (text: string | undefined) => (text === undefined || Number(text) 
 interface BookMessage {
     bids: string[][];
     asks: string[][];
+}
+
+/**
+ * A ladder that stands still at an image with all its levels. Whoever subscribes first may get one with fewer, and
+ * what follows is kept back: then another page asks, while the one before keeps the book alive.
+ */
+async function openStandingStill(instrument: string, levels: number): Promise<{ page: Page; image: BookMessage }> {
+    for (let attempt = 0; attempt < 10; ++attempt) {
+        const images: BookMessage[] = [];
+        const tap = new Tap();
+        tap.change = (message) => {
+            if (message.type === "update" || (message.type === "image" && images.length > 0)) return null;
+            if (message.type === "image") images.push(message as unknown as BookMessage);
+            return message;
+        };
+        const page = await openPage({ tap, hash: hashOf([instrument]) });
+        await expect.poll(() => images.length).toBe(1);
+        const image = images[0]!;
+        if (image.bids.length === levels && image.asks.length === levels) return { page, image };
+    }
+    throw new Error(`no image of ${instrument} has had ${levels} levels on both sides`);
 }
 
 /** The sum of all layout shifts since the page was asked for, each with what has moved. */
@@ -30,19 +52,8 @@ function observeShifts(): void {
 
 describe("A ladder", () => {
     test("shows the book of the server, number for number", async () => {
-        const tap = new Tap();
-        // From the first book with levels on nothing moves.
-        let image: BookMessage | null = null;
-        tap.change = (message) => {
-            if (message.type !== "image" && message.type !== "update") return message;
-            if (image !== null || message.type === "update") return null;
-            const book = message as unknown as BookMessage;
-            if (book.bids.length === 5 && book.asks.length === 5) image = book;
-            return message;
-        };
-        const page = await openLadders([first], { tap });
-        await expect.poll(() => image, { timeout: 40_000 }).not.toBeNull();
-        const { bids, asks } = image! as BookMessage;
+        const { page, image } = await openStandingStill(first, 5);
+        const { bids, asks } = image;
         await expect.poll(() => ladderRows(page).then((rows) => Number(rows[0]![3]))).toBe(Number(bids[0]![0]));
         for (const [index, row] of (await ladderRows(page)).entries()) {
             const [bid, ask] = [bids[index], asks[index]];
