@@ -3,6 +3,7 @@
 #include "connections.h"
 #include "gateway_context.h"
 #include "logging/logging.h"
+#include "tcp_socket.h"
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -206,6 +207,7 @@ private:
         // What the system holds for a client cannot be conflated any more: megabytes of it, unless it is told.
         constexpr int kSystemBuffer = 256 * 1024;
         socket.set_option(asio::socket_base::send_buffer_size(kSystemBuffer), ignored);
+        BoundResendPause(socket.native_handle());
         const auto remote = socket.remote_endpoint(ignored);
         const std::string name = remote.address().to_string() + ":" + std::to_string(remote.port());
         if (m_tls)

@@ -4,7 +4,7 @@
 #include "gateway_core.h"
 #include "handshake.h"
 #include "i_connection.h"
-#include "socket_progress.h"
+#include "tcp_socket.h"
 
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/steady_timer.hpp>

@@ -216,7 +216,8 @@ def one_round(server, number, scopes, healthy, sanitized):
                 all(v["unsent_bytes"] <= MEBIBYTE for v in views), str([v["unsent_bytes"] for v in views]))
     stall_ended = time.monotonic()
     woke = sequences(healthy)
-    woken = [Woken(names[name], 1.5) for name in waker_names]
+    # What the client's system had no room for is sent again within a second.
+    woken = [Woken(names[name], 2.5) for name in waker_names]
     for each_woken in woken:
         each_woken.start()
     for each_woken in woken:
@@ -246,12 +247,8 @@ def one_round(server, number, scopes, healthy, sanitized):
                 gone and ended - began < (40 if sanitized else 14))
     for name, drain in drains.items():
         drain.join(10)
-        # None: nothing came for seconds after it woke, longer than the gateway's patience. Seen now and then, and not
-        # explained; probably both systems wait for a larger window.
-        cases.check("stalled", f"round {number}: {name} is told why, or cut off", drain.code in (1013, None), drain.code)
+        cases.equal("stalled", f"round {number}: {name} is told why", drain.code, 1013)
         names[name].close()
-    told = sum(drain.code == 1013 for drain in drains.values())
-    cases.check("stalled", f"round {number}: {told} are told why", told > len(drains) // 2)
     # How long pings take beside stalled sessions is printed, not judged: it is a measurement.
     print(f"round {number}: {STALLED} stalled, {len(scopes)} subscriptions each; resident "
           f"{rss_before / MEBIBYTE:.1f} MiB (grown by {drift / MEBIBYTE:.1f} in 4 s before), then {rss / MEBIBYTE:.1f} MiB, {each / MEBIBYTE:.2f} MiB each; unsent "
