@@ -38,7 +38,7 @@ bool RecordingReader::Next(RecordingRow& row)
     std::string_view line;
     while (NextLine(line))
     {
-        ProblemKind problem = ParseRow(line, row);
+        ProblemKind problem = m_parser.Parse(line, row);
         if (problem == ProblemKind::None)
         {
             problem = CheckTime(line, row);
@@ -74,7 +74,7 @@ ProblemKind RecordingReader::CheckTime(std::string_view& line, RecordingRow& row
         return ProblemKind::None;
     }
     const std::uint64_t next_ns = PeekNextTime(line);
-    ParseRow(line, row);
+    m_parser.Parse(line, row);
     return next_ns >= m_time_ns && next_ns < row.receiveTime_ns ? ProblemKind::TimeAhead : ProblemKind::None;
 }
 

@@ -12,12 +12,9 @@ namespace ps_ns
 namespace
 {
 
+/// Behind the times and the names.
 enum Field : std::size_t
 {
-    kTime,
-    kExchangeTime,
-    kMarket,
-    kSymbol,
     kEvent,
     kSide,
     kLevel,
@@ -53,8 +50,24 @@ bool Split(std::string_view line, Fields& fields) noexcept
 
 bool ParseUnsigned(std::string_view text, std::uint64_t& value) noexcept
 {
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    return error == std::errc() && end == text.data() + text.size();
+    constexpr std::size_t kSafeLength = 19; // digits that cannot overflow: no check for each of them
+    if (text.empty() || text.size() > kSafeLength)
+    {
+        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+        return error == std::errc() && end == text.data() + text.size();
+    }
+    std::uint64_t sum = 0;
+    for (const char each : text)
+    {
+        const auto digit = static_cast<unsigned>(each - '0');
+        if (digit > 9)
+        {
+            return false;
+        }
+        sum = sum * 10 + digit;
+    }
+    value = sum;
+    return true;
 }
 
 bool ParseOptional(std::string_view text, std::uint64_t& value) noexcept
@@ -196,37 +209,67 @@ ProblemKind ParsePriceAndQuantity(const Fields& fields, RecordingRow& row) noexc
     return row.quantity < 0 || (mustBePositive && row.quantity == 0) ? ProblemKind::BadNumber : ProblemKind::None;
 }
 
-bool ParseTimesAndFlag(const Fields& fields, RecordingRow& row) noexcept
+bool ParseSequenceAndFlag(const Fields& fields, RecordingRow& row) noexcept
 {
-    constexpr std::uint64_t kNsPerMs = 1'000'000;
-    std::uint64_t exchangeTime_ms = 0;
-    if (!ParseUnsigned(fields[kTime], row.receiveTime_ns) || !ParseOptional(fields[kExchangeTime], exchangeTime_ms) ||
-        !ParseOptional(fields[kSequence], row.venueSequence) ||
-        __builtin_mul_overflow(exchangeTime_ms, kNsPerMs, &row.exchangeTime_ns))
-    {
-        return false;
-    }
     const std::string_view last = fields[kLast];
     row.isLast = last == "1";
-    return row.isLast || last == "0";
+    return ParseOptional(fields[kSequence], row.venueSequence) && (row.isLast || last == "0");
 }
 
 } // namespace
 
-ProblemKind ParseRow(std::string_view line, RecordingRow& row) noexcept
+bool RowParser::BeginsAsBefore(std::string_view line) const noexcept
 {
+    return m_head.size != 0 && line.size() > m_head.size && std::memcmp(line.data(), m_text.data(), m_head.size) == 0;
+}
+
+bool RowParser::SplitHead(std::string_view line, Head& head) noexcept
+{
+    const std::size_t exchangeTimeAt = line.find(',') + 1; // 0: none
+    head.marketAt = exchangeTimeAt == 0 ? 0 : line.find(',', exchangeTimeAt) + 1;
+    head.symbolAt = head.marketAt == 0 ? 0 : line.find(',', head.marketAt) + 1;
+    head.size = head.symbolAt == 0 ? 0 : line.find(',', head.symbolAt) + 1;
+    return head.size != 0;
+}
+
+bool RowParser::ParseTimes(std::string_view line, Head& head) noexcept
+{
+    constexpr std::uint64_t kNsPerMs = 1'000'000;
+    const std::string_view times = line.substr(0, head.marketAt - 1);
+    const std::size_t comma = times.find(',');
+    std::uint64_t exchangeTime_ms = 0;
+    return ParseUnsigned(times.substr(0, comma), head.receiveTime_ns) &&
+           ParseOptional(times.substr(comma + 1), exchangeTime_ms) &&
+           !__builtin_mul_overflow(exchangeTime_ms, kNsPerMs, &head.exchangeTime_ns);
+}
+
+void RowParser::Remember(std::string_view line, const Head& head) noexcept
+{
+    m_head = head;
+    if (head.size > kLongestHead)
+    {
+        m_head.size = 0;
+        return;
+    }
+    std::memcpy(m_text.data(), line.data(), head.size);
+}
+
+ProblemKind RowParser::Parse(std::string_view line, RecordingRow& row) noexcept
+{
+    const bool isKnown = BeginsAsBefore(line);
+    Head head = m_head;
     Fields fields;
-    if (!Split(line, fields))
+    if ((!isKnown && !SplitHead(line, head)) || !Split(line.substr(head.size), fields))
     {
         return ProblemKind::FieldCount;
     }
-    row.market = fields[kMarket];
-    row.symbol = fields[kSymbol];
+    row.market = line.substr(head.marketAt, head.symbolAt - head.marketAt - 1);
+    row.symbol = line.substr(head.symbolAt, head.size - head.symbolAt - 1);
+    row.instrument = line.substr(head.marketAt, head.size - head.marketAt - 1);
     if (row.market.empty() || row.symbol.empty())
     {
         return ProblemKind::NoName;
     }
-    row.instrument = {row.market.data(), row.market.size() + 1 + row.symbol.size()};
     if (const ProblemKind problem = ParseEventAndSide(fields, row); problem != ProblemKind::None)
     {
         return problem;
@@ -235,10 +278,16 @@ ProblemKind ParseRow(std::string_view line, RecordingRow& row) noexcept
     {
         return problem;
     }
-    if (!ParseTimesAndFlag(fields, row))
+    if ((!isKnown && !ParseTimes(line, head)) || !ParseSequenceAndFlag(fields, row))
     {
         return ProblemKind::BadNumber;
     }
+    if (!isKnown)
+    {
+        Remember(line, head);
+    }
+    row.receiveTime_ns = head.receiveTime_ns;
+    row.exchangeTime_ns = head.exchangeTime_ns;
     return ParsePriceAndQuantity(fields, row);
 }
 

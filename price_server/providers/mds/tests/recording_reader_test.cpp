@@ -2,6 +2,7 @@
 
 #include "mds/recording_scan.h"
 #include "mds/seeded_random.h"
+#include "mutate_row.h"
 #include "test_support.h"
 
 #include <gmock/gmock.h>
@@ -304,29 +305,6 @@ TEST(RecordingReader, SurvivesRandomBytesInEitherFormat)
         EXPECT_EQ(plain.total, static_cast<std::uint64_t>(std::count(bytes.begin(), bytes.end(), '\n')) +
                                    (bytes.empty() || bytes.back() == '\n' ? 0U : 1U));
     }
-}
-
-/// One to three random edits of a good row: characters replaced, removed, doubled.
-std::string Mutate(std::string row, SeededRandom& random)
-{
-    constexpr std::string_view kAlphabet = ",.-0123456789BSxe\r ";
-    for (std::int64_t edit = random.Below(3) + 1; edit > 0 && !row.empty(); --edit)
-    {
-        const auto at = static_cast<std::size_t>(random.Below(static_cast<std::int64_t>(row.size())));
-        const char c = kAlphabet[static_cast<std::size_t>(random.Below(static_cast<std::int64_t>(kAlphabet.size())))];
-        switch (random.Below(3))
-        {
-        case 0:
-            row[at] = c;
-            break;
-        case 1:
-            row.erase(at, 1);
-            break;
-        default:
-            row.insert(at, 1, c);
-        }
-    }
-    return row;
 }
 
 TEST(RecordingReader, AccountsForEveryFuzzedRow)

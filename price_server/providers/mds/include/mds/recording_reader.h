@@ -64,6 +64,7 @@ private:
 
     const std::unique_ptr<ByteStream> m_stream;
     ProblemLog& m_problems;
+    RowParser m_parser;
     std::vector<char> m_buffer;
     std::size_t m_begin = 0;   ///< of what has not been handed out
     std::size_t m_scanned = 0; ///< no end of line lies before this
