@@ -96,8 +96,8 @@ def main():
                 broker.kill()
                 wait_for(lambda: server.state() == ["lost"], "loss")
                 table.check(f"outage {outage + 1}: the feed is lost", True)
-                broker.start()
                 images = server.metric("price_server_broker_images_total")
+                broker.start()
                 wait_for(lambda: server.metric("price_server_broker_instruments_stale") == 0 and
                          server.metric("price_server_broker_images_total") > images, "fresh image")
                 take_books(client, 20)
