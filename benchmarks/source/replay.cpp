@@ -9,6 +9,7 @@
 #include "mds/replay_source.h"
 #include "price_unifier/source/composite_subscription_mgr.h"
 #include "quiet_observers.h"
+#include "replay_by_hand.h"
 #include "simple_subscription/simple_subscription_mgr.h"
 #include "testing/hand_driven_executors.h"
 #include "testing/hand_driven_queue.h"
@@ -209,6 +210,17 @@ Figures ReplayIntoMaps(const RecordingScan& scan)
     return {{"a row, ns", time_ns / static_cast<double>(scan.rows)}};
 }
 
+Figures ReplayWithStandardLibrary(const RecordingScan& scan)
+{
+    std::uint64_t books = 0;
+    const double time_ns = MeasureCpu_ns([&] { books = ReplayByHand(ThreeSegments()); });
+    if (books == 0)
+    {
+        throw std::runtime_error("the replay has delivered nothing");
+    }
+    return {{"a row, ns", time_ns / static_cast<double>(scan.rows)}};
+}
+
 } // namespace
 
 void CompareReplay(Runner& runner)
@@ -223,8 +235,11 @@ void CompareReplay(Runner& runner)
     runner.Run({"replay",
                 name,
                 {{"MdsProvider to observer", [&scan] { return Replay(scan); }},
-                 {"std::map book", [&scan] { return ReplayIntoMaps<CopyOut>(scan); }},
-                 {"std::map book, merged into a new one", [&scan] { return ReplayIntoMaps<MergeAnew>(scan); }}}});
+                 {"std::map book behind the project's reader", [&scan] { return ReplayIntoMaps<CopyOut>(scan); }},
+                 {"std::map book behind the project's reader, merged into a new one",
+                  [&scan] { return ReplayIntoMaps<MergeAnew>(scan); }},
+                 {"std::map book, rows read with the standard library",
+                  [&scan] { return ReplayWithStandardLibrary(scan); }}}});
 }
 
 } // namespace compare
