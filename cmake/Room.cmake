@@ -53,21 +53,27 @@ function(ps_check_rooms room)
   endforeach()
 endfunction()
 
-# ps_add_tests(<name> SOURCES <sources> LINKS <targets> TIMEOUT <seconds> LABEL <label>): one test program, one ctest
-# entry for each test case.
+# ps_add_tests(<name> SOURCES <sources> LINKS <targets> TIMEOUT <seconds> LABEL <label> KNOWS_SANITIZERS): one test program,
+# one ctest entry for each test case. KNOWS_SANITIZERS: PS_IS_SANITIZED is 1 under sanitizers, and 0 otherwise; for tests
+# that do less there, or would measure the sanitizer.
 set(PS_ONLY_TESTS "" CACHE STRING "Build only these test programs; empty: all")
 
 function(ps_add_tests name)
   if(NOT PRICE_SERVER_TESTS OR (PS_ONLY_TESTS AND NOT name IN_LIST PS_ONLY_TESTS))
     return()
   endif()
-  cmake_parse_arguments(ARG "" "TIMEOUT;LABEL" "SOURCES;LINKS" ${ARGN})
+  cmake_parse_arguments(ARG "KNOWS_SANITIZERS" "TIMEOUT;LABEL" "SOURCES;LINKS" ${ARGN})
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 300)
   endif()
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LINKS} price_server::options GTest::gmock GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE PRICE_SERVER_DATA="${PRICE_SERVER_DATA}")
+  if(ARG_KNOWS_SANITIZERS AND PRICE_SERVER_SANITIZERS)
+    target_compile_definitions(${name} PRIVATE PS_IS_SANITIZED=1)
+  elseif(ARG_KNOWS_SANITIZERS)
+    target_compile_definitions(${name} PRIVATE PS_IS_SANITIZED=0)
+  endif()
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABEL}")
 endfunction()
 

@@ -17,14 +17,6 @@ using ps_messages_ns::SubscriptionResult;
 namespace
 {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kIsSanitized = true;
-#elif defined(__has_feature)
-constexpr bool kIsSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
-#else
-constexpr bool kIsSanitized = false;
-#endif
-
 constexpr unsigned kClients = 4;
 
 /// The clients on threads of their own, from one start until all have ended.
@@ -143,7 +135,7 @@ void ExpectFlat(const std::vector<Sample>& samples)
         EXPECT_LE(sample.updatesInFlight, 2 * kMostHeld);
         EXPECT_LE(sample.lateListeners, kMostHeld);
     }
-    if (!kIsSanitized) // a sanitizer keeps what is freed for a while
+    if (!PS_IS_SANITIZED) // a sanitizer keeps what is freed for a while
     {
         constexpr double kSlack_MB = 16;
         EXPECT_LE(samples.back().residentMegabytes, samples.front().residentMegabytes + kSlack_MB);

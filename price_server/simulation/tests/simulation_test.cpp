@@ -11,18 +11,8 @@ namespace ps_ns::simulation
 namespace
 {
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define PS_IS_SANITIZED
-#endif
-#endif
-#if defined(PS_IS_SANITIZED) || defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::uint64_t kShare = 8; // of the seeds: sanitizers are that much slower
-constexpr unsigned kJobs = 0;       // in this process, where the leak checker looks
-#else
-constexpr std::uint64_t kShare = 1;
-constexpr unsigned kJobs = 2;
-#endif
+constexpr std::uint64_t kShare = PS_IS_SANITIZED ? 8 : 1; // of the seeds: sanitizers are that much slower
+constexpr unsigned kJobs = PS_IS_SANITIZED ? 0 : 2;       // none: in this process, where the leak checker looks
 
 TEST(Simulation, FindsNoDifferenceBetweenManagerAndModelInAMillionOperations)
 {
