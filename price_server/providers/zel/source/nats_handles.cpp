@@ -86,4 +86,14 @@ std::vector<std::string> SplitServers(const std::string& url)
     return servers;
 }
 
+std::string DescribeServers(const std::vector<std::string>& servers)
+{
+    std::string text;
+    for (const std::string& server : servers)
+    {
+        text += (text.empty() ? "" : ",") + HideSecrets(server);
+    }
+    return text;
+}
+
 } // namespace ps_ns

@@ -61,5 +61,7 @@ private:
 std::string HideSecrets(const std::string& url);
 /// Splits at commas; blanks around are cut.
 std::vector<std::string> SplitServers(const std::string& url);
+/// For people: all of them, without secrets.
+std::string DescribeServers(const std::vector<std::string>& servers);
 
 } // namespace ps_ns
