@@ -4,6 +4,7 @@
 #include "zel/zel_log.h"
 
 #include <algorithm>
+#include <limits>
 #include <stdexcept>
 #include <utility>
 
@@ -13,6 +14,7 @@ namespace
 {
 
 constexpr short kEveryMarket = -1;
+constexpr std::uint64_t kNever = std::numeric_limits<std::uint64_t>::max();
 
 } // namespace
 
@@ -71,13 +73,9 @@ void ZelPublisher::OnTransportMessage(const TransportAddress& from, std::span<co
 
 void ZelPublisher::OnTransportState(bool isConnected)
 {
-    if (!isConnected)
-    {
-        return;
-    }
     {
         const std::lock_guard lock(m_mutex);
-        m_inbox.hasNewState = true;
+        (isConnected ? m_inbox.hasNewState : m_inbox.hasLost) = true;
     }
     m_hasWork.notify_all();
 }
@@ -108,10 +106,7 @@ std::size_t ZelPublisher::Tick()
         std::swap(inbox, m_inbox);
         m_counts.requests += inbox.requests.size();
     }
-    if (inbox.hasNewState)
-    {
-        BeginEpoch();
-    }
+    TakeState(inbox);
     for (const auto& [name, request] : inbox.requests)
     {
         const auto market = m_marketByName.find(name);
@@ -125,34 +120,69 @@ std::size_t ZelPublisher::Tick()
     if (m_epoch != 0 && now >= m_nextHeartbeat)
     {
         m_nextHeartbeat = now + m_options.heartbeat;
+        ++m_heartbeats;
         std::for_each(m_markets.begin(), m_markets.end(), [this](Market& market) { SendHeartbeat(market); });
     }
     return inbox.requests.size();
 }
 
-void ZelPublisher::BeginEpoch()
+void ZelPublisher::TakeState(const Inbox& inbox)
 {
-    m_epoch = std::max(m_options.wallTime_ns(), m_epoch + 1);
+    if (inbox.hasLost)
+    {
+        m_lostAt = std::min(m_lostAt, m_heartbeats);
+    }
+    if (!inbox.hasNewState)
+    {
+        return;
+    }
     {
         const std::lock_guard lock(m_mutex);
-        ++m_counts.epochs;
+        ++m_counts.connections;
     }
-    for (Instrument& instrument : m_instruments)
-    {
-        instrument.sequence = 0;
-    }
-    for (const InstrumentIndex number : std::exchange(m_owed, {}))
-    {
-        m_instruments[number].isOwed = false; // who asked in the old epoch asks anew
-    }
+    m_epoch == 0 ? BeginEpoch() : Resume();
     for (Market& market : m_markets)
     {
         CutDirectory(market);
         market.isOwedAgain = false;
     }
     m_nextHeartbeat = {};
+    m_lostAt = kNever;
+}
+
+void ZelPublisher::BeginEpoch()
+{
+    m_epoch = std::max<std::uint64_t>(m_options.wallTime_ns(), 1);
+    for (Instrument& instrument : m_instruments)
+    {
+        instrument.sequence = 0;
+    }
     zel::logging::Log(0, ZelLogSource(),
                       [&](std::ostream& text) { text << "publishes in epoch " << m_epoch << " from now on"; });
+}
+
+/// What was sent before the outage was noticed may be lost as well, so those that moved shortly before count too. That
+/// is for speed: the next heartbeats tell how far everything is, and who lacks something asks.
+void ZelPublisher::Resume()
+{
+    constexpr std::uint64_t kHeartbeatsBefore = 50; // ten seconds: what a broker that freezes can hold back unnoticed
+    for (std::size_t i = 0; i < m_instruments.size(); ++i)
+    {
+        const auto number = static_cast<InstrumentIndex>(i);
+        Instrument& instrument = m_instruments[i];
+        instrument.mayHaveLost = true;
+        NoteMoved(number);
+        if (instrument.sequence != 0 && instrument.movedAt + kHeartbeatsBefore >= m_lostAt)
+        {
+            Owe(number);
+        }
+    }
+    zel::logging::Log(0, ZelLogSource(),
+                      [&](std::ostream& text)
+                      {
+                          text << "publishes on in epoch " << m_epoch << ", after images of " << m_owed.size()
+                               << " instruments that moved shortly before the connection broke, or since";
+                      });
 }
 
 void ZelPublisher::Publish(const MarketMessage& message)
@@ -167,15 +197,13 @@ void ZelPublisher::Publish(const MarketMessage& message)
         instrument.exchangeTime_ns = message.exchangeTime_ns;
         instrument.receiveTime_ns = message.receiveTime_ns;
         instrument.venueSequence = message.venueSequence;
-        const WireKind kind = message.isImage ? WireKind::Image : WireKind::Update;
-        WriteBook(m_buffer, {kind, instrument.index, m_epoch, ++instrument.sequence}, message);
-        ++(SendPrices(instrument) ? sent : unsent);
+        ++(SendBook(instrument, message) ? sent : unsent);
     }
     if (!message.trades.empty())
     {
-        WriteTrades(m_buffer, {WireKind::Trades, instrument.index, m_epoch, ++instrument.sequence}, message.trades);
-        ++(SendPrices(instrument) ? sent : unsent);
+        ++(SendTrades(instrument, message) ? sent : unsent);
     }
+    instrument.movedAt = m_heartbeats;
     NoteMoved(message.instrument);
     const std::lock_guard lock(m_mutex);
     m_counts.messages += sent;

@@ -38,10 +38,18 @@ void ZelPublisher::Note(Market& market, WireBytes request)
     }
     for (const std::uint32_t index : *indexes)
     {
-        if (index < market.instruments.size() && !std::exchange(m_instruments[market.instruments[index]].isOwed, true))
+        if (index < market.instruments.size())
         {
-            m_owed.push_back(market.instruments[index]);
+            Owe(market.instruments[index]);
         }
+    }
+}
+
+void ZelPublisher::Owe(InstrumentIndex number)
+{
+    if (!std::exchange(m_instruments[number].isOwed, true))
+    {
+        m_owed.push_back(number);
     }
 }
 
@@ -133,7 +141,8 @@ void ZelPublisher::SendNextPart(Market& market)
     }
 }
 
-void ZelPublisher::SendImage(Instrument& instrument)
+/// The whole book as of the instrument's last message.
+bool ZelPublisher::SendImage(Instrument& instrument)
 {
     m_image.Clear();
     m_image.isImage = true;
@@ -142,11 +151,39 @@ void ZelPublisher::SendImage(Instrument& instrument)
     m_image.venueSequence = instrument.venueSequence;
     instrument.book.WriteImage(m_image.changes);
     WriteBook(m_buffer, {WireKind::Image, instrument.index, m_epoch, instrument.sequence}, m_image);
-    if (SendPrices(instrument))
+    if (!SendPrices(instrument))
     {
-        const std::lock_guard lock(m_mutex);
-        ++m_counts.images;
+        return false;
     }
+    instrument.mayHaveLost = false;
+    const std::lock_guard lock(m_mutex);
+    ++m_counts.images;
+    return true;
+}
+
+/// The next message of the instrument's book, which has it already.
+bool ZelPublisher::SendBook(Instrument& instrument, const MarketMessage& message)
+{
+    ++instrument.sequence;
+    if (instrument.mayHaveLost && !message.isImage)
+    {
+        return SendImage(instrument);
+    }
+    const WireKind kind = message.isImage ? WireKind::Image : WireKind::Update;
+    WriteBook(m_buffer, {kind, instrument.index, m_epoch, instrument.sequence}, message);
+    const bool isSent = SendPrices(instrument);
+    instrument.mayHaveLost = instrument.mayHaveLost && !isSent;
+    return isSent;
+}
+
+bool ZelPublisher::SendTrades(Instrument& instrument, const MarketMessage& message)
+{
+    if (instrument.mayHaveLost)
+    {
+        SendImage(instrument); // or the trades would show a gap
+    }
+    WriteTrades(m_buffer, {WireKind::Trades, instrument.index, m_epoch, ++instrument.sequence}, message.trades);
+    return SendPrices(instrument);
 }
 
 // --- Sending ---------------------------------------------------------------------------------------------------------

@@ -49,6 +49,21 @@ public:
         publisher = std::make_unique<ZelPublisher>(*publisherTransport, options);
         publisher->Start(listed);
     }
+    /// Another process takes the publisher's place: it has the books, and begins an epoch.
+    void RestartPublisher()
+    {
+        const std::unique_ptr<ZelPublisher> old = std::move(publisher);
+        StartPublisher();
+        publisher->Tick();
+        for (std::size_t i = 0; i < listed.size(); ++i)
+        {
+            MarketMessage image;
+            image.instrument = static_cast<InstrumentIndex>(i);
+            image.isImage = true;
+            old->GetBook(image.instrument).WriteImage(image.changes);
+            publisher->Publish(image);
+        }
+    }
     /// Lets both do what is due, until nothing is left to do. Time stands still.
     void Settle()
     {

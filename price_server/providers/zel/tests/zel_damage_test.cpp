@@ -174,8 +174,7 @@ TEST(ZelDamage, OfAnyBitsIsOverWithTheNextEpoch)
             spoil();
         }
         refused += bench.provider->GetCounts().refused;
-        bench.publisherTransport->SetCut(true);
-        bench.publisherTransport->SetCut(false);
+        bench.RestartPublisher();
         bench.Pass(6s);
         for (InstrumentIndex instrument = 0; instrument < 3; ++instrument)
         {

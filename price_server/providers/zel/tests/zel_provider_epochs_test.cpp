@@ -16,9 +16,8 @@ TEST(ZelProvider, AsksForImagesOfANewEpochThoughItsOwnConnectionHeld)
     const auto listener = bench.Subscribe("A");
     bench.Settle();
     const std::uint64_t epoch = listener->GetEpoch();
-    bench.publisherTransport->SetCut(true);
+    bench.RestartPublisher();
     bench.Publish(0, false, {Bid("10", "0"), Bid("8", "1")});
-    bench.publisherTransport->SetCut(false);
     bench.Settle();
     EXPECT_EQ(listener->PrintBook(), "8x1 |");
     EXPECT_GT(listener->GetEpoch(), epoch);
@@ -34,8 +33,7 @@ TEST(ZelProvider, IsStaleWhileTheDirectoryOfANewerEpochDoesNotCome)
     bench.Pass(300ms);
     bench.broker.passes = [](const CarriedMessage& message)
     { return ReadHeader(message.payload)->kind != WireKind::Directory; };
-    bench.publisherTransport->SetCut(true);
-    bench.publisherTransport->SetCut(false);
+    bench.RestartPublisher();
     bench.Pass(1000ms);
     EXPECT_TRUE(listener->IsStale());
     bench.broker.passes = nullptr;
@@ -53,8 +51,7 @@ TEST(ZelProvider, PassesOverMessagesOfAnOldEpoch)
     bench.Publish(0, false, {Bid("10", "7")});
     const auto late = bench.broker.waiting.back();
     bench.broker.waiting.clear();
-    bench.publisherTransport->SetCut(true);
-    bench.publisherTransport->SetCut(false);
+    bench.RestartPublisher();
     bench.Settle();
     bench.Publish(0, false, {Bid("10", "2")});
     bench.broker.waiting.push_back(late);

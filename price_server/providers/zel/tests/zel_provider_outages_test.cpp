@@ -10,6 +10,41 @@ using namespace testing_ns;
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 
+TEST(ZelProvider, DoesNotNoticeThatThePublisherHasReconnected)
+{
+    ZelBench bench;
+    bench.Start();
+    bench.Publish(0, true, {Bid("10", "1")});
+    bench.Publish(1, true, {Bid("20", "1")});
+    bench.Publish(2, true, {Bid("30", "1")});
+    const auto a = bench.Subscribe("A");
+    const auto b = bench.Subscribe("B");
+    const auto c = bench.Subscribe("C");
+    bench.Pass(300ms);
+    bench.Publish(0, false, {Bid("11", "1")});
+    bench.broker.waiting.clear(); // the publisher's broker dies with it
+    bench.publisherTransport->SetCut(true);
+    bench.Publish(1, false, {Bid("21", "1")}); // goes nowhere
+    bench.PublishTrade(1, 1);
+    bench.Pass(400ms);
+    bench.publisherTransport->SetCut(false);
+    bench.Publish(2, false, {Bid("31", "1")}); // before the publisher has looked up
+    bench.Settle();
+    bench.Publish(1, false, {Bid("22", "1")});
+    bench.Pass(3s);
+    EXPECT_EQ(a->PrintBook(), "11x1 10x1 |");
+    EXPECT_EQ(b->PrintBook(), "22x1 21x1 20x1 |");
+    EXPECT_EQ(c->PrintBook(), "31x1 30x1 |");
+    for (const auto& listener : {a, b, c})
+    {
+        const std::vector<std::string> calls = listener->GetCalls();
+        EXPECT_EQ(std::count(calls.begin(), calls.end(), "stale"), 1) << "before its first image";
+        EXPECT_EQ(listener->GetOrderFaults(), 0U);
+    }
+    EXPECT_EQ(bench.provider->GetCounts().gaps, 0U);
+    EXPECT_EQ(bench.provider->GetCounts().losses, 0U);
+}
+
 TEST(ZelProvider, IsStaleAtOnceWithoutTheConnectionAndFreshAfterTheImage)
 {
     ZelBench bench;
@@ -30,7 +65,7 @@ TEST(ZelProvider, IsStaleAtOnceWithoutTheConnectionAndFreshAfterTheImage)
     EXPECT_EQ(listener->PrintBook(), "11x1 | 12x1");
     EXPECT_EQ(listener->GetOrderFaults(), 0U);
     EXPECT_EQ(bench.publisher->GetCounts().unsent, 1U);
-    EXPECT_EQ(bench.publisher->GetCounts().epochs, 2U);
+    EXPECT_EQ(bench.publisher->GetCounts().connections, 2U);
 }
 
 TEST(ZelProvider, IsStaleWithinASecondWhenThePublisherFallsSilent)

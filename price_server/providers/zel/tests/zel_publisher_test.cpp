@@ -53,7 +53,7 @@ TEST(ZelPublisher, NumbersTheMessagesOfEachInstrumentWithoutAGap)
     EXPECT_EQ(bench.publisher->GetCounts().messages, 4U);
 }
 
-TEST(ZelPublisher, SendsTheDirectoryWhenAnEpochBegins)
+TEST(ZelPublisher, SendsTheDirectoryOnEachConnectionAndGoesOnInItsEpoch)
 {
     ZelBench bench;
     Overheard overheard(bench.broker);
@@ -66,9 +66,87 @@ TEST(ZelPublisher, SendsTheDirectoryWhenAnEpochBegins)
     bench.broker.SetUp(true);
     bench.publisher->Tick();
     bench.broker.Deliver();
-    EXPECT_GT(bench.publisher->GetEpoch(), epoch);
+    EXPECT_EQ(bench.publisher->GetEpoch(), epoch);
     EXPECT_EQ(overheard.Count(WireKind::Directory), 1U) << "the first one was lost with the broker";
     EXPECT_EQ(overheard.messages.front().first.kind, WireKind::Directory);
+}
+
+/// Kind and sequence of what was heard of an instrument.
+std::vector<std::pair<WireKind, std::uint64_t>> PricesOf(const Overheard& overheard, const std::string& instrument)
+{
+    std::vector<std::pair<WireKind, std::uint64_t>> prices;
+    for (const auto& [header, message] : overheard.messages)
+    {
+        if (message.channel == TransportChannel::Prices && message.instrument == instrument)
+        {
+            prices.emplace_back(header.kind, header.sequence);
+        }
+    }
+    return prices;
+}
+
+using Prices = std::vector<std::pair<WireKind, std::uint64_t>>;
+
+TEST(ZelPublisher, SendsAnImageInPlaceOfTheFirstUpdateAfterAReconnect)
+{
+    ZelBench bench;
+    bench.StartPublisher();
+    bench.publisher->Tick();
+    bench.Publish(0, true, {Bid("1", "1")});
+    bench.broker.Deliver();
+    bench.Pass(20s); // it is quiet for longer than a broker could hold something back
+    bench.publisherTransport->SetCut(true);
+    bench.publisherTransport->SetCut(false);
+    Overheard overheard(bench.broker);
+    bench.publisher->Tick();
+    bench.broker.Deliver();
+    EXPECT_EQ(PricesOf(overheard, "A"), Prices()) << "nothing of it can be lost";
+    bench.Publish(0, false, {Bid("2", "1")});
+    bench.Publish(0, false, {Bid("3", "1")});
+    bench.broker.Deliver();
+    EXPECT_EQ(PricesOf(overheard, "A"), (Prices{{WireKind::Image, 2}, {WireKind::Update, 3}}));
+    MarketMessage image;
+    ASSERT_TRUE(ReadBook(overheard.messages.at(overheard.messages.size() - 2).second.payload, image));
+    EXPECT_EQ(image.changes.size(), 2U) << "the whole book, with the update";
+}
+
+TEST(ZelPublisher, SendsImagesAtOnceOfWhatMovedInAnOutageOrShortlyBefore)
+{
+    ZelBench bench;
+    bench.StartPublisher();
+    bench.publisher->Tick();
+    bench.Publish(0, true, {Bid("1", "1")});
+    bench.Pass(20s);
+    bench.Publish(1, true, {Bid("1", "1")}); // may have got lost
+    bench.publisherTransport->SetCut(true);
+    bench.publisher->Tick();
+    bench.Publish(2, true, {Bid("1", "1")}); // goes nowhere
+    bench.Pass(60s);
+    bench.publisherTransport->SetCut(false);
+    Overheard overheard(bench.broker);
+    bench.publisher->Tick();
+    bench.broker.Deliver();
+    EXPECT_EQ(PricesOf(overheard, "A"), Prices());
+    EXPECT_EQ(PricesOf(overheard, "B"), (Prices{{WireKind::Image, 1}}));
+    EXPECT_EQ(PricesOf(overheard, "C"), (Prices{{WireKind::Image, 1}}));
+    EXPECT_EQ(bench.publisher->GetCounts().unsent, 1U);
+}
+
+TEST(ZelPublisher, SendsAnImageBeforeTheFirstTradesAfterAReconnect)
+{
+    ZelBench bench;
+    bench.StartPublisher();
+    bench.publisher->Tick();
+    bench.Publish(0, true, {Bid("1", "1")});
+    bench.Pass(20s);
+    bench.publisherTransport->SetCut(true);
+    bench.publisherTransport->SetCut(false);
+    bench.publisher->Tick();
+    Overheard overheard(bench.broker);
+    bench.PublishTrade(0, 1);
+    bench.PublishTrade(0, 2);
+    bench.broker.Deliver();
+    EXPECT_EQ(PricesOf(overheard, "A"), (Prices{{WireKind::Image, 1}, {WireKind::Trades, 2}, {WireKind::Trades, 3}}));
 }
 
 TEST(ZelPublisher, SendsHeartbeatsThatTellWhatHasMoved)

@@ -71,7 +71,7 @@ std::string FormatSummary(const ZelPublisherCounts& counts)
 {
     return GroupDigits(counts.messages) + " messages and " + GroupDigits(counts.images) + " images, " +
            FormatBytes(static_cast<double>(counts.bytes)) + " in all; " + GroupDigits(counts.unsent) +
-           " messages without a broker; " + GroupDigits(counts.epochs) + " connections";
+           " messages without a broker; " + GroupDigits(counts.connections) + " connections";
 }
 
 } // namespace ps_ns::price_publisher

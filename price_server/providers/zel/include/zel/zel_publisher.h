@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <span>
@@ -47,19 +48,23 @@ struct ZelPublisherCounts
 {
     std::uint64_t messages = 0; ///< updates and trades that went to the broker
     std::uint64_t bytes = 0;    ///< of all that went to the broker
-    std::uint64_t images = 0;   ///< that were asked for
+    std::uint64_t images = 0;   ///< that were asked for, or made up for what an outage may have lost
     std::uint64_t requests = 0; ///< that came in
     std::uint64_t dropped = 0;  ///< requests that there was no room for: who has not been heard asks again
     std::uint64_t unsent = 0;   ///< updates and trades while there was no connection: images make up for them
-    std::uint64_t epochs = 0;   ///< connections
+    std::uint64_t connections = 0;
 };
 
 /// Publishes markets by way of a message broker: their directories, every change, and images for who asks. Keeps the
 /// book of each instrument, so that an image is at hand whenever somebody wants one.
 ///
-/// Epochs: each time that there is a new connection, a new epoch begins with the directories; whoever follows asks for
-/// images then. Within an epoch each instrument's updates and trades are numbered without a gap; an image that was
-/// asked for bears the number of the last of them. An instrument without a book yet has an empty image.
+/// Epochs: the first connection begins an epoch with the directories; whoever follows asks for images then. Within an
+/// epoch each instrument's updates and trades are numbered without a gap; an image that was asked for bears the number
+/// of the last of them. An instrument without a book yet has an empty image.
+///
+/// Reconnects: the epoch goes on. What an outage has swallowed must not show as a gap, so the first message of every
+/// instrument is an image then; those that moved shortly before the outage, or in it, get theirs at once, the others
+/// when they move. The directories are sent anew, for servers whose connections broke as well.
 ///
 /// Questions: what is owed is a set. However often an image or a directory is asked for before it goes out, it goes out
 /// once; and in one Tick no more than mostAnswerBytes go out (but at least one message).
@@ -88,8 +93,9 @@ public:
     /// Returns the renames that were made.
     std::vector<SymbolRename> Rename(std::span<const SymbolRename> renames);
 
-    /// Begins an epoch when there is a new connection, takes in requests, sends some of what is owed, and heartbeats
-    /// when they are due. To be called at least every few milliseconds; returns how many requests were taken in.
+    /// Begins or resumes the epoch when there is a new connection, takes in requests, sends some of what is owed, and
+    /// heartbeats when they are due. To be called at least every few milliseconds; returns how many requests were taken
+    /// in.
     std::size_t Tick();
 
     /// Images and parts of directories that are still owed.
@@ -121,9 +127,11 @@ private:
         std::uint64_t receiveTime_ns = 0;
         std::uint64_t venueSequence = 0;
         bool hasBook = false;
-        bool hasMoved = false;    ///< since the last heartbeat
-        bool isOwed = false;      ///< its image is
-        bool wasTooLarge = false; ///< for the broker, which the log has said
+        bool hasMoved = false;     ///< since the last heartbeat
+        bool isOwed = false;       ///< its image is
+        bool mayHaveLost = false;  ///< messages, since its last image: the next message is one
+        std::uint64_t movedAt = 0; ///< the number of the heartbeat before its last message
+        bool wasTooLarge = false;  ///< for the broker, which the log has said
     };
     struct Market
     {
@@ -143,19 +151,25 @@ private:
     {
         std::vector<std::pair<std::string, std::vector<std::byte>>> requests; ///< market, bytes
         std::size_t bytes = 0;                                                ///< of them
-        bool hasNewState = false;
+        bool hasLost = false;                                                 ///< a connection
+        bool hasNewState = false;                                             ///< there is a new one
     };
 
     void OnTransportMessage(const TransportAddress& from, std::span<const std::byte> payload) override;
     void OnTransportState(bool isConnected) override;
 
+    void TakeState(const Inbox& inbox);
     void BeginEpoch();
+    void Resume();
     void Note(Market& market, WireBytes request);
     void NoteDirectory(Market& market);
     void PayOwed();
     void CutDirectory(Market& market) const;
     void SendNextPart(Market& market);
-    void SendImage(Instrument& instrument);
+    bool SendImage(Instrument& instrument);
+    bool SendBook(Instrument& instrument, const MarketMessage& message);
+    bool SendTrades(Instrument& instrument, const MarketMessage& message);
+    void Owe(InstrumentIndex number);
     void SendHeartbeat(Market& market);
     bool Send(const TransportAddress& to, bool& wasTooLarge);
     bool SendControl(Market& market);
@@ -169,8 +183,11 @@ private:
     std::map<std::string, std::size_t, std::less<>> m_marketByName;
     std::uint64_t m_epoch = 0;
     ZelPublisherOptions::Clock::time_point m_nextHeartbeat{};
-    std::deque<InstrumentIndex> m_owed; ///< images, the oldest question first
-    MarketMessage m_image;              ///< filled again and again, as the next one
+    std::uint64_t m_heartbeats = 0;
+    std::uint64_t m_lostAt =
+        std::numeric_limits<std::uint64_t>::max(); ///< how many there had been when the connection broke; none has
+    std::deque<InstrumentIndex> m_owed;            ///< images, the oldest question first
+    MarketMessage m_image;                         ///< filled again and again, as the next one
     WireBuffer m_buffer;
 
     mutable std::mutex m_mutex;
