@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <fstream>
@@ -18,6 +19,12 @@ namespace compare
 {
 namespace
 {
+
+#ifdef PRICE_SERVER_MIMALLOC
+constexpr const char* kHeap = "mimalloc"; // of the project and of its peers
+#else
+constexpr const char* kHeap = "the C library's";
+#endif
 
 /// The value below which `part` of the sorted values lie.
 double Quantile(const std::vector<double>& sorted, double part)
@@ -38,7 +45,7 @@ Summary Summarise(std::vector<double> values)
 {
     std::sort(values.begin(), values.end());
     const double median = Quantile(values, 0.5);
-    return {median, median == 0 ? 0 : (Quantile(values, 0.75) - Quantile(values, 0.25)) / median};
+    return {median, median == 0 ? 0 : (Quantile(values, 0.75) - Quantile(values, 0.25)) / std::abs(median)};
 }
 
 /// The values of one figure, by alternative and round.
@@ -197,6 +204,7 @@ void Runner::WriteJson(const std::string& file) const
                                   {"cores", std::thread::hardware_concurrency()},
                                   {"system", std::string(system.sysname) + " " + system.release},
                                   {"compiler", __VERSION__},
+                                  {"heap", kHeap},
                                   {"load_at_end", ReadLoad()},
                                   {"rounds", m_rounds},
                                   {"results", results}};

@@ -15,7 +15,8 @@
 namespace compare
 {
 
-/// Takes every subscription and never delivers: what is measured is the manager and the composite subscription.
+/// Takes every subscription, answers it at once and never delivers: what is measured is the manager and the composite
+/// subscription, with all that it keeps before its first price.
 class QuietProvider final : public ps_ns::IPriceProvider
 {
 public:
@@ -23,8 +24,9 @@ public:
     const ps_ns::InstrumentDirectory& GetDirectory() const override { return m_directory; }
     void Start() override {}
     void Stop() override {}
-    int Subscribe(const ps_ns::ComponentRequest&, const std::shared_ptr<ps_ns::IComponentListener>&) override
+    int Subscribe(const ps_ns::ComponentRequest&, const std::shared_ptr<ps_ns::IComponentListener>& listener) override
     {
+        listener->OnSubscribed(ps_messages_ns::SubscriptionResult::Success, {});
         return ps_ns::SubscribeStatus::Subscribed; // the subscription holds its listener itself
     }
     void ChangeScope(const std::shared_ptr<ps_ns::IComponentListener>&,

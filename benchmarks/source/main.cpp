@@ -31,17 +31,15 @@ int main(int argc, char** argv)
             return compare::PrintResident(resident, live);
         }
         compare::Runner runner(rounds, filter, std::cout);
-        compare::CompareQueues(runner);
-        compare::ComparePacedQueues(runner);
-        compare::CompareKeys(runner);
-        compare::CompareMerge(runner);
-        compare::CompareDelivery(runner);
-        compare::CompareRequests(runner);
-        compare::CompareLifeCycles(runner);
-        compare::CompareReplay(runner);
-        if (!json.empty())
+        for (auto* const subject :
+             {compare::CompareQueues, compare::ComparePacedQueues, compare::CompareKeys, compare::CompareMerge,
+              compare::CompareDelivery, compare::CompareRequests, compare::CompareLifeCycles, compare::CompareReplay})
         {
-            runner.WriteJson(json);
+            subject(runner);
+            if (!json.empty()) // each time: what has been measured is not lost with what fails
+            {
+                runner.WriteJson(json);
+            }
         }
     }
     catch (const std::exception& error)

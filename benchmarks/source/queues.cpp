@@ -16,18 +16,31 @@ namespace
 constexpr std::size_t kSmallPosts = 50'000;
 constexpr std::size_t kLargePosts = 20'000;
 
-/// Counts the actions that have run: the reader alone writes it.
+/// Counts the actions that have run: the reader alone writes it, and notes the times at which the last one has, so that
+/// neither what it does afterwards nor how late that is seen counts.
 struct Runs
 {
-    void Add() { count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_release); }
-    void WaitFor(std::size_t all) const
+    void Add()
     {
-        while (count.load(std::memory_order_acquire) < all)
+        const std::size_t now = count.load(std::memory_order_relaxed) + 1;
+        if (now == last)
+        {
+            readerCpu_ns = OwnCpu_ns();
+            end_ns = Now_ns();
+        }
+        count.store(now, std::memory_order_release);
+    }
+    void WaitForLast() const
+    {
+        while (count.load(std::memory_order_acquire) < last)
         {
             std::this_thread::sleep_for(std::chrono::microseconds(200)); // takes no part of a core of its own
         }
     }
     alignas(64) std::atomic<std::size_t> count{0};
+    std::size_t last = 0;           ///< how many there will be; set before the first of a burst is posted
+    std::uint64_t readerCpu_ns = 0; ///< the reader's processor time then
+    std::uint64_t end_ns = 0;
 };
 
 /// Sixteen bytes: std::function holds it without an allocation.
@@ -88,13 +101,14 @@ Figures PostBurst(std::size_t producers)
     Figures figures;
     for (std::size_t burst = 1; burst <= kBursts; ++burst)
     {
+        runs.last = burst * each * producers;
         const std::uint64_t readerBegin = queue.Cpu_ns();
         const std::uint64_t begin = Now_ns();
         start.arrive_and_wait();
         end.arrive_and_wait();
-        runs.WaitFor(burst * each * producers);
-        const std::uint64_t time_ns = Now_ns() - begin;
-        const std::uint64_t reader_ns = queue.Cpu_ns() - readerBegin;
+        runs.WaitForLast();
+        const std::uint64_t time_ns = runs.end_ns - begin;
+        const std::uint64_t reader_ns = runs.readerCpu_ns - readerBegin;
         std::uint64_t producers_ns = 0;
         for (const std::uint64_t one : cpu_ns)
         {
@@ -117,10 +131,12 @@ template <class Queue>
 Figures PostPaced(std::chrono::nanoseconds pause)
 {
     constexpr std::size_t kPosts = 10'000;
-    Queue queue;
     Runs runs;
-    std::vector<std::uint32_t> posts_ns(kPosts);
-    std::vector<std::uint32_t> ends_ns(kPosts);
+    runs.last = kPosts;
+    std::vector<std::uint64_t> posts_ns(kPosts);
+    std::vector<std::uint64_t> begins_ns(kPosts);
+    std::vector<std::uint64_t> ends_ns(kPosts);
+    Queue queue;
     std::uint64_t next = Now_ns();
     for (std::size_t i = 0; i < kPosts; ++i)
     {
@@ -129,16 +145,19 @@ Figures PostPaced(std::chrono::nanoseconds pause)
         {
         }
         const std::uint64_t begin = Now_ns();
+        // Two pointers, no more: std::function would take a heap block for a third.
         queue.Post(
-            [&runs, &end = ends_ns[i], begin]
+            [&runs, &end = ends_ns[i]]
             {
-                end = static_cast<std::uint32_t>(Now_ns() - begin);
+                end = Now_ns();
                 runs.Add();
             });
-        posts_ns[i] = static_cast<std::uint32_t>(Now_ns() - begin);
+        posts_ns[i] = Now_ns() - begin;
+        begins_ns[i] = begin;
     }
-    runs.WaitFor(kPosts);
-    const auto quantile = [](std::vector<std::uint32_t>& values, double part)
+    runs.WaitForLast();
+    std::transform(ends_ns.begin(), ends_ns.end(), begins_ns.begin(), ends_ns.begin(), std::minus<>());
+    const auto quantile = [](std::vector<std::uint64_t>& values, double part)
     {
         std::sort(values.begin(), values.end());
         return static_cast<double>(values[static_cast<std::size_t>(part * static_cast<double>(values.size() - 1))]);

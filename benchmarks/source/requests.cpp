@@ -30,6 +30,13 @@ Defs MakeDefs(std::uint64_t first, std::size_t count, std::uint64_t step = 1)
     return defs;
 }
 
+/// The depth that a turn asks for: whichever instrument's turn comes, it has had another one until then. A request for
+/// the depth that an instrument has would be measured as one that changes nothing.
+std::int32_t GetDepth(unsigned turn)
+{
+    return static_cast<std::int32_t>(6 + turn % 14);
+}
+
 /// The processor time of `work` for each of a batch.
 template <class Work>
 double MeasureEach_ns(Work work)
@@ -86,8 +93,7 @@ public:
                                                         [&](std::size_t)
                                                         {
                                                             m_at = (m_at + 7919) % m_live;
-                                                            m_manager.ChangeScope(m_handles[m_at],
-                                                                                  m_turn % 2 == 0 ? 5 : 9);
+                                                            m_manager.ChangeScope(m_handles[m_at], GetDepth(m_turn));
                                                         }));
         figures.emplace_back("unsubscribe and teardown, ns",
                              MeasureEach_ns([&](std::size_t i) { m_manager.Unsubscribe(handles[i]); }));
@@ -134,8 +140,7 @@ public:
                                                         [&](std::size_t)
                                                         {
                                                             m_at = (m_at + 7919) % m_changed.size();
-                                                            m_manager.ChangeScope(m_changed[m_at], 1,
-                                                                                  m_turn % 2 == 0 ? 5 : 9);
+                                                            m_manager.ChangeScope(m_changed[m_at], 1, GetDepth(m_turn));
                                                         }));
         figures.emplace_back("a client leaves, ns",
                              MeasureEach_ns([&](std::size_t i) { m_manager.Leave(defs[i], 2); }));
