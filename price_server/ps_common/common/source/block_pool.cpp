@@ -16,6 +16,7 @@ constexpr std::size_t kSizes = BlockPool::kBlockSizes.size();
 constexpr std::size_t kBatch = BlockPool::kBatch;
 constexpr std::size_t kSlabBytes = BlockPool::kSlabBytes;
 constexpr std::align_val_t kSlabAlignment{kSlabBytes};
+constexpr std::align_val_t kLineAlignment{64};
 
 using Batch = std::array<void*, kBatch>;
 
@@ -229,7 +230,7 @@ private:
 /// Never destroyed: blocks are freed by static objects too.
 Depot& GetDepot(std::size_t sizeIndex)
 {
-    static auto& depots = *new std::array<Depot, kSizes>{Depot(0), Depot(1), Depot(2)};
+    static auto& depots = *new std::array<Depot, kSizes>{Depot(0), Depot(1)};
     return depots[sizeIndex];
 }
 
@@ -248,12 +249,12 @@ bool DecideWhetherOn() noexcept
 
 void* AllocateFromHeap(std::size_t size)
 {
-    return size == BlockPool::kBlockSizes[0] ? ::operator new(size) : ::operator new(size, std::align_val_t(64));
+    return ::operator new(size, kLineAlignment);
 }
 
-void FreeToHeap(void* block, std::size_t size) noexcept
+void FreeToHeap(void* block) noexcept
 {
-    size == BlockPool::kBlockSizes[0] ? ::operator delete(block) : ::operator delete(block, std::align_val_t(64));
+    ::operator delete(block, kLineAlignment);
 }
 
 thread_local bool t_hasEnded = false;
@@ -346,7 +347,7 @@ void BlockPool::FreeSlowly(void* block, std::size_t sizeIndex) noexcept
 {
     if (!IsOn())
     {
-        FreeToHeap(block, kBlockSizes[sizeIndex]);
+        FreeToHeap(block);
         return;
     }
     if (!BlockCaches::Open())

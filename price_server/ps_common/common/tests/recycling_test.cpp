@@ -260,7 +260,7 @@ TEST(Recycling, IsBoundedInMemoryWhenABurstIsFreedInAnyOrder)
             BlockPool::Free(blocks[i], 64);
         }
     }
-    EXPECT_LE(BlockPool::GetHeldBytes(), 2 * BlockPool::kKeptBytes[1] + 2 * BlockPool::kBatch * BlockPool::kSlabBytes);
+    EXPECT_LE(BlockPool::GetHeldBytes(), 2 * BlockPool::kKeptBytes[0] + 2 * BlockPool::kBatch * BlockPool::kSlabBytes);
 }
 
 TEST(Recycling, LetsAThreadThatEndsHandBackWhatItKeeps)

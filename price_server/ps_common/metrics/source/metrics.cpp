@@ -2,7 +2,6 @@
 
 #include <prometheus/check_names.h>
 #include <prometheus/collectable.h>
-#include <prometheus/gauge.h>
 #include <prometheus/metric_family.h>
 
 #include <cstddef>
@@ -28,14 +27,14 @@ struct Series
         {
             if (const auto alive = gauge.lock())
             {
-                sum += alive->Value();
+                sum += alive->Get();
             }
         }
         return sum;
     }
 
     std::size_t registrations = 0;                        ///< CreateGauge less DestroyGauge
-    std::vector<std::weak_ptr<prometheus::Gauge>> gauges; ///< the dead ones leave with the next Create or Destroy
+    std::vector<std::weak_ptr<detail::GaugeCell>> gauges; ///< the dead ones leave with the next Create or Destroy
 };
 
 struct Family
@@ -67,10 +66,10 @@ void CheckNames(const Metric& metric)
 class GaugeRegistry final : public prometheus::Collectable
 {
 public:
-    std::shared_ptr<prometheus::Gauge> Create(const Metric& metric)
+    std::shared_ptr<detail::GaugeCell> Create(const Metric& metric)
     {
         CheckNames(metric);
-        auto gauge = std::make_shared<prometheus::Gauge>();
+        auto gauge = std::make_shared<detail::GaugeCell>();
         const std::lock_guard lock(m_mutex);
         const auto found = m_families.find(metric.name);
         if (found != m_families.end() && found->second.help != metric.help)
@@ -148,52 +147,6 @@ const std::shared_ptr<GaugeRegistry>& GetRegistry()
 }
 
 } // namespace
-
-Gauge::Gauge(std::shared_ptr<prometheus::Gauge> gauge)
-    : m_gauge(std::move(gauge))
-{
-}
-
-void Gauge::Set(double value) noexcept
-{
-    if (m_gauge)
-    {
-        m_gauge->Set(value);
-    }
-}
-
-double Gauge::Get() const noexcept
-{
-    return m_gauge ? m_gauge->Value() : 0.0;
-}
-
-Gauge& Gauge::operator++() noexcept
-{
-    return *this += 1.0;
-}
-
-Gauge& Gauge::operator--() noexcept
-{
-    return *this -= 1.0;
-}
-
-Gauge& Gauge::operator+=(double amount) noexcept
-{
-    if (m_gauge)
-    {
-        m_gauge->Increment(amount);
-    }
-    return *this;
-}
-
-Gauge& Gauge::operator-=(double amount) noexcept
-{
-    if (m_gauge)
-    {
-        m_gauge->Decrement(amount);
-    }
-    return *this;
-}
 
 Gauge CreateGauge(const Metric& metric)
 {

@@ -26,8 +26,8 @@ struct BlockCache
 /// by another, which is the slowest thing that can be asked of a heap. Here the blocks go round: each thread keeps a
 /// few, the consumer hands what it has freed back in batches, and the producers take their next blocks from those.
 ///
-/// Blocks come in three sizes, by cache line: 8 bytes (eight on a line), 64 and 128 (lines of their own). What is
-/// larger comes from the heap.
+/// Blocks come in two sizes, of one cache line and of two, and share no line: eight of the queue's small elements on a
+/// line would have producer and reader take it from each other. What is larger comes from the heap.
 ///
 /// Threads: any. A block may be freed by another thread than the one that allocated it; a thread that ends hands back
 /// what it keeps, and may still allocate and free after that, in the destructors of its thread-local objects.
@@ -37,7 +37,8 @@ struct BlockCache
 ///
 /// Sanitizers see every block come from the heap and go back to it: recycling is off in builds with them. The
 /// environment variable PS_RECYCLE_BLOCKS, 1 or 0, says otherwise, and is read once, when the first block is
-/// allocated. With both on, AddressSanitizer finds accesses to free blocks all the same.
+/// allocated. With both on, AddressSanitizer finds accesses to free blocks while the
+/// thread that freed them keeps them.
 ///
 /// Failure: Allocate throws std::bad_alloc; Free never fails.
 class BlockPool
@@ -46,8 +47,8 @@ public:
     static constexpr std::size_t kBatch = 64;         ///< blocks that are handed over at once
     static constexpr std::size_t kSlabBytes = 32'768; ///< what is taken from the heap at once
     static constexpr std::size_t kLargestBlock = 128;
-    static constexpr std::array<std::size_t, 3> kBlockSizes{8, 64, kLargestBlock};
-    static constexpr std::array<std::size_t, 3> kKeptBytes{512 * 1024, 4 * 1024 * 1024, 8 * 1024 * 1024};
+    static constexpr std::array<std::size_t, 2> kBlockSizes{64, kLargestBlock};
+    static constexpr std::array<std::size_t, 2> kKeptBytes{8 * 1024 * 1024, 8 * 1024 * 1024};
 
     static void* Allocate(std::size_t size);
     /// `size` is what the block was allocated with.
@@ -66,17 +67,14 @@ private:
     /// How many allocations ahead a block's line is asked for: it lies in the cache of the core that freed it.
     static constexpr std::uint32_t kAhead = 4;
 
-    static constexpr std::size_t GetSizeIndex(std::size_t size) noexcept
-    {
-        return size <= kBlockSizes[0] ? 0 : size <= kBlockSizes[1] ? 1 : 2;
-    }
+    static constexpr std::size_t GetSizeIndex(std::size_t size) noexcept { return size <= kBlockSizes[0] ? 0 : 1; }
     static void* AllocateSlowly(std::size_t sizeIndex);
     static void FreeSlowly(void* block, std::size_t sizeIndex) noexcept;
     static void Poison(void* block, std::size_t size) noexcept;
     static void Unpoison(void* block, std::size_t size) noexcept;
     static void PrefetchForWriting(void* block, std::size_t size) noexcept;
 
-    inline static constinit thread_local std::array<Cache, 3> t_caches{};
+    inline static constinit thread_local std::array<Cache, kBlockSizes.size()> t_caches{};
 };
 
 } // namespace ps_ns

@@ -109,10 +109,12 @@ private:
     OnOwnLine<std::atomic<bool>> m_producerLock;
     std::atomic<bool> m_shutdown{false}; ///< set by the owner, read by every producer
     const std::string m_name;
-    std::atomic<std::uint64_t> m_size{0};
+    zel::metrics::Gauge m_depthGauge;
+
+    // Both sides': apart from what producers only read, or they would fetch the line twice, to read and then to write.
+    alignas(kCacheLineSize) std::atomic<std::uint64_t> m_size{0};
     std::atomic<std::uint64_t> m_maxSize{0};
     std::atomic<std::uint64_t> m_longestWait_ns{0};
-    zel::metrics::Gauge m_depthGauge;
 };
 
 /// The queue of the price server. Compiled once, in the library.

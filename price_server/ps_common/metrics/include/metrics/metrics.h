@@ -1,6 +1,6 @@
 #pragma once
 
-/// The server's gauges, kept in prometheus-cpp's core library and exported through GetCollectable().
+/// The server's gauges, exported by prometheus-cpp's core library through GetCollectable().
 ///
 /// Every CreateGauge makes a gauge of its own, even under a name that exists already: two managers in one process do
 /// not move each other's counts. A name with the same labels is exported once, as the sum of its gauges.
@@ -11,15 +11,17 @@
 /// Threads: everything here may be called from any thread, except that one Gauge object is not assigned while another
 /// thread uses that object.
 
+#include "metrics/detail/gauge_cell.h"
+
 #include <array>
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace prometheus
 {
 class Collectable;
-class Gauge;
 } // namespace prometheus
 
 namespace zel::metrics
@@ -40,21 +42,44 @@ class Gauge
 {
 public:
     Gauge() = default;
-    explicit Gauge(std::shared_ptr<prometheus::Gauge> gauge);
+    explicit Gauge(std::shared_ptr<detail::GaugeCell> cell) noexcept
+        : m_cell(std::move(cell))
+    {
+    }
 
-    void Set(double value) noexcept;
-    double Get() const noexcept;
-    Gauge& operator++() noexcept;
-    Gauge& operator--() noexcept;
-    Gauge& operator+=(double amount) noexcept;
-    Gauge& operator-=(double amount) noexcept;
+    void Set(double value) noexcept
+    {
+        if (m_cell)
+        {
+            m_cell->Set(value);
+        }
+    }
+    double Get() const noexcept { return m_cell ? m_cell->Get() : 0.0; }
+    Gauge& operator++() noexcept { return *this += 1.0; }
+    Gauge& operator--() noexcept { return *this -= 1.0; }
+    Gauge& operator+=(double amount) noexcept
+    {
+        if (m_cell)
+        {
+            m_cell->Raise(amount);
+        }
+        return *this;
+    }
+    Gauge& operator-=(double amount) noexcept
+    {
+        if (m_cell)
+        {
+            m_cell->Lower(amount);
+        }
+        return *this;
+    }
 
     /// Lets go of the gauge: the handle is as if default-constructed.
-    void Reset() noexcept { m_gauge.reset(); }
-    explicit operator bool() const noexcept { return m_gauge != nullptr; }
+    void Reset() noexcept { m_cell.reset(); }
+    explicit operator bool() const noexcept { return m_cell != nullptr; }
 
 private:
-    std::shared_ptr<prometheus::Gauge> m_gauge;
+    std::shared_ptr<detail::GaugeCell> m_cell;
 };
 
 /// Registers a gauge, initially 0. Throws std::invalid_argument, naming the metric, when the name or a label's name is
