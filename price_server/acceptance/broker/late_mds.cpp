@@ -59,6 +59,12 @@ int LateMds::Subscribe(const ComponentRequest& request, const std::shared_ptr<IC
     return SubscribeStatus::Subscribed;
 }
 
+std::size_t LateMds::GetSubscriptionCount() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_subscriptions.size();
+}
+
 void LateMds::Unsubscribe(const std::shared_ptr<IComponentListener>& listener)
 {
     InstrumentFeed* feed = nullptr;

@@ -34,6 +34,7 @@ public:
     int Subscribe(const ComponentRequest& request, const std::shared_ptr<IComponentListener>& listener) override;
     void ChangeScope(const std::shared_ptr<IComponentListener>&, const CompositeSubscriptionInfo&) override {}
     void Unsubscribe(const std::shared_ptr<IComponentListener>& listener) override;
+    std::size_t GetSubscriptionCount() const;
 
 private:
     static constexpr std::size_t kInFlight = 1 << 20; ///< nobody waits for room
@@ -42,7 +43,7 @@ private:
     UpdatePools m_pools{kInFlight};
     std::vector<std::unique_ptr<InstrumentFeed>> m_feeds;
     MarketMessage m_message; ///< the flow's thread
-    std::mutex m_mutex;
+    mutable std::mutex m_mutex;
     std::unordered_map<const IComponentListener*, InstrumentFeed*> m_subscriptions; ///< under m_mutex
 };
 

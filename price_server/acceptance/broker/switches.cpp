@@ -169,6 +169,14 @@ public:
                          std::to_string(mds) + ", " + std::to_string(pending));
         }
     }
+    /// What the gauges say has happened: MDS delivers those that have been switched, and no others.
+    void CheckSubscriptions(std::size_t mds, Verdict& verdict) const
+    {
+        if (const std::size_t seen = m_late->GetSubscriptionCount(); seen != mds)
+        {
+            verdict.Fail("MDS has " + std::to_string(seen) + " subscriptions, expected " + std::to_string(mds));
+        }
+    }
     void CheckClients(Verdict& verdict) const
     {
         for (std::size_t i = 0; i < m_clients.size(); ++i)
@@ -260,6 +268,7 @@ bool RunSwitches(const SoakOptions& options)
                 verdict.Fail("the timer has not made " + std::to_string(i + 1) + " switches");
             }
             server.CheckGauges(options.instruments - i - 1, i + 1, options.instruments - i - 1, verdict);
+            server.CheckSubscriptions(i + 1, verdict);
             if (!server.WaitUntilBooksAreEqual(difference))
             {
                 verdict.Fail("after " + std::to_string(i + 1) + " switches " + difference);
@@ -268,6 +277,7 @@ bool RunSwitches(const SoakOptions& options)
     }
     server.DecideTheRest();
     server.CheckGauges(options.instruments - switches, switches, 0, verdict);
+    server.CheckSubscriptions(switches, verdict);
     server.CheckClients(verdict);
     server.ReportBooks(verdict);
     std::printf("%zu switches of %zu instruments, %llu messages published\n", switches, options.instruments,

@@ -43,9 +43,14 @@ void LeaseKeeper::Leave(TimePoint now)
     m_isLeaving = true;
     for (std::uint32_t number = 0; number < m_options.shards; ++number)
     {
-        if (m_shards[number].state == State::Held)
+        Shard& shard = m_shards[number];
+        if (shard.state == State::Held)
         {
             GiveBack(number, now);
+        }
+        else if (shard.state == State::Claimed) // what of it is still on its way is given back when it is there
+        {
+            LetGo(number, now);
         }
     }
     TellOthers(now);

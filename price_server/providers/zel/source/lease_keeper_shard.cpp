@@ -99,13 +99,7 @@ void LeaseKeeper::CheckClaimed(std::uint32_t number, TimePoint now)
         return;
     }
     ++m_counts.conflicts;
-    for (unsigned store = 0; store < shard.cells.size(); ++store)
-    {
-        if (shard.cells[store].entry && IsOwn(*shard.cells[store].entry))
-        {
-            Write(number, store, true, now);
-        }
-    }
+    LetGo(number, now);
     shard.notBefore = now + (1 + GetPlace()) * m_options.GetRenewal() / 2;
     Watch(number, now);
 }
@@ -156,10 +150,16 @@ void LeaseKeeper::GiveBack(std::uint32_t number, TimePoint now)
     ++m_counts.given;
     m_hasNews = true;
     m_events.onLost(number); // first
+    m_shards[number].notBefore = now + m_options.GetTakeover();
+    LetGo(number, now);
+}
+
+/// Claimed or held before: from now on watched, and what bears our name is given back.
+void LeaseKeeper::LetGo(std::uint32_t number, TimePoint now)
+{
     Shard& shard = m_shards[number];
     shard.state = State::Watched;
     shard.since = shard.roundBegan = now;
-    shard.notBefore = now + m_options.GetTakeover();
     for (unsigned store = 0; store < shard.cells.size(); ++store)
     {
         if (shard.cells[store].entry && IsOwn(*shard.cells[store].entry))

@@ -20,6 +20,7 @@ namespace
 constexpr auto kLook = std::chrono::milliseconds(20);
 constexpr auto kBetweenMaking = std::chrono::milliseconds(500);
 constexpr auto kSilence = std::chrono::seconds(1);
+constexpr auto kLongSilence = std::chrono::seconds(3);
 constexpr std::int64_t kPingInterval_ms = 500;
 constexpr int kMostPingsOut = 2;
 constexpr const char* kNotices = "zel.servers.";
@@ -172,6 +173,7 @@ NatsLeaseStore::NatsLeaseStore(NatsOptions options, unsigned stores, std::string
     , m_session(std::move(session))
     , m_replies("zel.reply." + EscapeToken(m_session) + '.')
     , m_link(std::make_unique<Link>(*this))
+    , m_silences(stores)
     , m_answeredAt(stores)
     , m_thread([this] { Run(); })
 {
@@ -305,7 +307,9 @@ void NatsLeaseStore::MakeBuckets()
     }
     for (unsigned store = 0; store < m_stores; ++store)
     {
-        if (std::chrono::steady_clock::now() - answeredAt[store] < kSilence)
+        const bool isSilent = std::chrono::steady_clock::now() - answeredAt[store] >= kSilence;
+        ReportSilence(store, isSilent);
+        if (!isSilent)
         {
             continue;
         }
@@ -320,6 +324,37 @@ void NatsLeaseStore::MakeBuckets()
             placement + "}";
         Send("$JS.API.STREAM.CREATE.KV_" + bucket, m_replies + kMade + ".0", config, nullptr);
     }
+}
+
+/// The connection is the own thread's to change: it is there.
+void NatsLeaseStore::ReportSilence(unsigned store, bool isSilent)
+{
+    Silence& silence = m_silences[store];
+    const auto now = std::chrono::steady_clock::now();
+    if (!isSilent || natsConnection_Status(m_link->connection) != NATS_CONN_STATUS_CONNECTED)
+    {
+        silence.since = {};
+        silence.isSaid = silence.isSaid && isSilent;
+        return;
+    }
+    silence.since = silence.since == decltype(now){} ? now : silence.since;
+    if (silence.isSaid || now - silence.since < kLongSilence)
+    {
+        return;
+    }
+    silence.isSaid = true;
+    const char* said = nullptr;
+    const bool isRefused =
+        natsConnection_GetLastError(m_link->connection, &said) == NATS_NOT_PERMITTED && said != nullptr;
+    const std::string reason(isRefused ? said : "");
+    zel::logging::Log(30, ZelLogSource(),
+                      [&](std::ostream& text)
+                      {
+                          text << "the bucket " << GetBucket(store)
+                               << " of the message broker does not answer: without a "
+                               << "majority of its buckets this server serves no shard"
+                               << (reason.empty() ? "" : "; the broker has refused something: " + reason);
+                      });
 }
 
 // --- The owner's -----------------------------------------------------------------------------------------------------

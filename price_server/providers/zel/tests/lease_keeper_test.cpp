@@ -86,6 +86,24 @@ TEST(LeaseKeeper, HandsItsShardsOverAtOnceWhenItStops)
     EXPECT_TRUE(cluster.world.PassUntil([&] { return cluster.world.AreAllHeld(); }, 150ms));
 }
 
+TEST(LeaseKeeper, GainsNothingMoreFromTheMomentThatItLeaves)
+{
+    for (auto life = 950ms; life < 1300ms; life += 5ms)
+    {
+        LeaseWorld world(3, 4);
+        world.longestWay = 40ms; // so that claims are on their way at many of these moments
+        world.StartServer("ps1");
+        world.Pass(life);
+        world.StopServer("ps1");
+        EXPECT_FALSE(world.PassUntil([&] { return world.CountHeld()["ps1"] != 0; }, 400ms)) << life.count();
+        EXPECT_EQ(world.CountHeld().count("ps1"), 0U) << "it is gone";
+        world.StartServer("ps2");
+        EXPECT_TRUE(world.PassUntil([&] { return world.AreAllHeld(); }, 1200ms)) << life.count();
+        EXPECT_EQ(world.GetKeeper("ps2").GetCounts().dead, 0U) << "nothing was left behind";
+        EXPECT_EQ(world.faults, 0U);
+    }
+}
+
 TEST(LeaseKeeper, MovesOnlyTheNewcomersShareAndOnlyTheLeaversBack)
 {
     for (const unsigned servers : {1U, 2U, 3U, 4U, 6U})

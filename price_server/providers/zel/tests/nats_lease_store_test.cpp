@@ -1,5 +1,6 @@
 #include "zel/nats_lease_store.h"
 
+#include "logging/logging.h"
 #include "zel/instrument_shard.h"
 #include "zel/shard_service.h"
 #include "zel/subject_token.h"
@@ -122,6 +123,62 @@ TEST(NatsLeaseStore, GoesOnAfterTheBrokerHasForgottenEverything)
     broker.broker.Kill();
     broker.broker.Start();
     EXPECT_EQ(write().kind, Answer::Kind::Written);
+}
+
+/// Keeps what is logged at level 30 as long as it lives.
+class ErrorWatch final
+{
+public:
+    ErrorWatch() { zel::logging::Logger::SetSink(m_sink); }
+    ~ErrorWatch() { zel::logging::Logger::SetSink(nullptr); }
+    std::vector<std::string> Get() const
+    {
+        const std::lock_guard lock(m_sink->mutex);
+        return m_sink->texts;
+    }
+
+private:
+    struct Sink final : zel::logging::ISink
+    {
+        void Write(const zel::logging::Record& record) noexcept override
+        {
+            const std::lock_guard lock(mutex);
+            if (record.level == 30)
+            {
+                texts.emplace_back(record.text);
+            }
+        }
+        std::mutex mutex;
+        std::vector<std::string> texts; ///< under mutex
+    };
+    const std::shared_ptr<Sink> m_sink = std::make_shared<Sink>();
+};
+
+TEST(NatsLeaseStore, SaysOnceThatABucketDoesNotAnswer)
+{
+    const ErrorWatch log;
+    testing_ns::BrokerProcess broker; // which keeps nothing
+    NatsOptions options;
+    options.url = broker.GetUrl();
+    const auto begin = Clock::now();
+    NatsLeaseStore store(options, 1, "test.1");
+    LeaseTicket ticket = 0;
+    const auto askUntil = [&](std::size_t errors, Clock::duration time)
+    {
+        for (const auto end = Clock::now() + time; Clock::now() < end && log.Get().size() < errors;)
+        {
+            store.Read(++ticket, 0, "shard.0");
+            store.WaitForAnswer(50ms);
+            while (store.TakeAnswer())
+            {
+            }
+        }
+    };
+    askUntil(1, kPatience);
+    EXPECT_GE(Clock::now() - begin, 3s) << "buckets that are being made are waited for";
+    askUntil(2, 1s);
+    ASSERT_EQ(log.Get().size(), 1U);
+    EXPECT_NE(log.Get().front().find("zel_leases_1"), std::string::npos) << log.Get().front();
 }
 
 TEST(ShardService, ServesAllShardsOfARealBrokerAndGivesThemBack)

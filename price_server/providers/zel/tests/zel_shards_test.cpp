@@ -11,6 +11,7 @@ namespace ps_ns
 namespace
 {
 
+using ::testing::ElementsAre;
 using testing_ns::Listed;
 using testing_ns::RecordingListener;
 using testing_ns::ZelBench;
@@ -72,6 +73,7 @@ TEST(ZelShards, ServesNothingBeforeAShardIsNamed)
     EXPECT_EQ(test.bench.provider->GetDirectory().GetSize(), 3U) << "every instrument is listed";
     EXPECT_EQ(test.bench.provider->GetCounts().followed, 0U);
     EXPECT_EQ(test.bench.provider->GetCounts().messages, 0U);
+    EXPECT_THAT(listener->GetCalls(), ElementsAre("subscribed 0", "stale"));
 }
 
 TEST(ZelShards, GivesTheBookToThoseWhoHaveWaitedForTheShard)
@@ -85,6 +87,8 @@ TEST(ZelShards, GivesTheBookToThoseWhoHaveWaitedForTheShard)
     test.bench.Settle();
     EXPECT_EQ(test.bench.provider->GetCounts().live, 1U);
     EXPECT_EQ(test.bench.provider->GetCounts().images, 1U);
+    EXPECT_THAT(listener->GetCalls(), ElementsAre("subscribed 0", "stale", "fresh", "image"));
+    EXPECT_EQ(listener->PrintBook(), "10x1 |");
 }
 
 TEST(ZelShards, TellsThatBooksAreStaleWhenTheShardIsLeftAndFreshWhenItIsBack)
@@ -96,16 +100,21 @@ TEST(ZelShards, TellsThatBooksAreStaleWhenTheShardIsLeftAndFreshWhenItIsBack)
     const auto listener = test.bench.Subscribe("A");
     test.bench.Settle();
     ASSERT_EQ(test.bench.provider->GetCounts().live, 1U);
+    ASSERT_FALSE(listener->IsStale());
 
     test.bench.provider->LeaveShard(test.shard);
+    EXPECT_TRUE(listener->IsStale());
     EXPECT_EQ(test.bench.provider->GetCounts().live, 0U);
     EXPECT_EQ(test.bench.provider->GetCounts().followed, 0U);
     test.PublishAll();
     EXPECT_EQ(test.bench.provider->GetCounts().messages, 1U) << "nothing of the shard is taken in any more";
+    test.bench.Publish(0, false, {{testing_ns::P("9"), testing_ns::Q("2"), 1, kBid}});
 
     test.bench.provider->ServeShard(test.shard);
     test.bench.Pass(std::chrono::milliseconds(300));
     EXPECT_EQ(test.bench.provider->GetCounts().live, 1U);
+    EXPECT_FALSE(listener->IsStale());
+    EXPECT_EQ(listener->PrintBook(), "10x1 9x2 |");
 }
 
 TEST(ZelShards, RefusesInstrumentsOfAnotherServer)
@@ -116,6 +125,7 @@ TEST(ZelShards, RefusesInstrumentsOfAnotherServer)
     ShardBench test(std::move(options));
     const auto early = test.bench.Subscribe("A", SubscribeStatus::Pending);
     test.bench.Start();
+    EXPECT_THAT(early->GetCalls(), ElementsAre("subscribed 17"));
     test.bench.Subscribe("A", SubscribeStatus::Failed);
     isElsewhere = false;
     test.bench.Subscribe("A", SubscribeStatus::Subscribed);

@@ -119,6 +119,7 @@ void PublisherRun::PlayAll()
         const std::optional<NextMessage> next = m_source->Peek();
         if (!next)
         {
+            m_hasEnded = true;
             break;
         }
         if (m_pace.Waits())
@@ -140,7 +141,6 @@ void PublisherRun::PlayAll()
         }
         PublishNext();
     }
-    m_hasEnded = true;
     while (!m_options.playsOnce && ServeUntil(Clock::now() + kLook))
     {
     }

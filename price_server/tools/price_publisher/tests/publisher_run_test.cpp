@@ -118,6 +118,24 @@ TEST(PublisherRun, FailsWhenTheBrokerHasNotTakenTheEndOfWhatIsPlayedOnce)
     }
 }
 
+TEST(PublisherRun, EndsAsAskedInTheMiddleOfWhatIsPlayedOnceWhateverTheBrokerHasTaken)
+{
+    MemoryBroker broker;
+    const auto transport = broker.MakeTransport();
+    PublisherRun* playing = nullptr;
+    PublisherRun run(Simulated(500), *transport, FullSpeed(),
+                     [&]
+                     {
+                         const bool isStopped = playing->GetCounts().messages >= 100;
+                         broker.SetUp(!isStopped);
+                         return isStopped;
+                     },
+                     {});
+    playing = &run;
+    EXPECT_EQ(run.Run(), ExitCode::Ok);
+    EXPECT_LT(run.GetCounts().messages, 450U);
+}
+
 TEST(PublisherRun, SaysThatThereNeverWasABroker)
 {
     MemoryBroker broker;

@@ -72,7 +72,9 @@ struct ShardView
 /// Why never two: a claim is made over revisions that were read at least GetTakeover ago. Two majorities have a store
 /// in common. There the holder's last confirmed write came before that read, so it was sent before it, so the holder
 /// has stopped GetTakeover - lease before the claim was made. A key that a restarted store has lost is unchanged as any
-/// other, from the first read on.
+/// other, from the first read on. But revisions begin anew with it: when a majority of the stores restart within one
+/// lease, what was written and lost between two reads may look unchanged, and a shard have two servers for as long as a
+/// lease.
 ///
 /// Whose turn: the shards that nobody attends go, in their order, to the server that has the fewest, of several the one
 /// whose session comes first; all servers see much the same and come to the same plan, and where they do not, revisions
@@ -100,8 +102,8 @@ public:
     /// the clock, no more than GetTakeover - lease counts for what is watched.
     void Tick(TimePoint now);
 
-    /// Gives back what is held, says so to the others, and wants nothing more. Tick goes on until HasLeft, or patience
-    /// ends: what could not be given back ends by itself.
+    /// Gives back what is held or claimed, says so to the others, and wants nothing more. Tick goes on until HasLeft,
+    /// or patience ends: what could not be given back ends by itself.
     void Leave(TimePoint now);
     bool HasLeft() const noexcept { return m_isLeaving && m_questions.empty(); }
 
@@ -170,6 +172,7 @@ private:
     void Renew(std::uint32_t number, TimePoint now);
     void Lose(std::uint32_t number, TimePoint now);
     void GiveBack(std::uint32_t number, TimePoint now);
+    void LetGo(std::uint32_t number, TimePoint now);
     void Balance(TimePoint now);
     void TellOthers(TimePoint now);
     void Ask(std::uint32_t number, unsigned store, TimePoint now);

@@ -30,7 +30,9 @@ namespace ps_ns
 /// | zel.reply.SESSION.TICKET | answers |
 ///
 /// It has a connection of its own: answers do not wait behind prices. Nothing blocks but the constructor's and the
-/// destructor's work; a write without a connection fails at once.
+/// destructor's work; a write without a connection fails at once. A bucket that does not answer for some seconds though
+/// there is a connection is logged once, with what the broker said last: of a broker that keeps none, or that this
+/// client has no right to.
 ///
 /// Threads: ILeaseStore's operations are the owner's; one thread of its own looks after the connection; the library's
 /// leave answers.
@@ -58,6 +60,7 @@ private:
     bool Connect();
     void LetGo();
     void MakeBuckets();
+    void ReportSilence(unsigned store, bool isSilent);
     void Put(Answer answer);
     bool Send(const std::string& subject, const std::string& reply, const std::string& data, std::uint64_t* expected);
 
@@ -66,6 +69,14 @@ private:
     const std::string m_session;
     const std::string m_replies; ///< "zel.reply.SESSION."
     const std::unique_ptr<Link> m_link;
+
+    /// Of a bucket; the own thread's.
+    struct Silence
+    {
+        std::chrono::steady_clock::time_point since{}; ///< with a connection; the beginning of time: it answers
+        bool isSaid = false;
+    };
+    std::vector<Silence> m_silences; ///< by bucket
 
     std::mutex m_mutex;
     std::condition_variable m_changed;
