@@ -7,6 +7,7 @@
 #include "zel_market.h"
 
 #include <algorithm>
+#include <limits>
 #include <set>
 #include <utility>
 
@@ -84,7 +85,7 @@ void ZelProvider::OnDirectory(ZelMarket& market, std::uint32_t part, std::uint64
         return;
     }
     std::optional<WireDirectory> directory = ReadDirectory(payload);
-    if (!directory || directory->parts > kMostParts)
+    if (!directory || directory->parts > kMostParts || epoch == std::numeric_limits<std::uint64_t>::max())
     {
         NoteRefused(market, kUnreadable);
         return;
@@ -116,7 +117,7 @@ void ZelProvider::OnDirectory(ZelMarket& market, std::uint32_t part, std::uint64
 void ZelProvider::RefuseNonsense(ZelMarket& market, std::vector<WireInstrument>& instruments)
 {
     std::erase_if(instruments,
-                  [&](const WireInstrument& listed)
+                  [&](const WireInstrument& listed) PS_REQUIRES(m_role)
                   {
                       const std::string fault = FindWireFault(listed);
                       if (!fault.empty())
@@ -167,6 +168,10 @@ void ZelProvider::AdoptDirectory(ZelMarket& market)
                 {
                     added.push_back(MakeEntry(market, listed));
                 }
+                else
+                {
+                    known->symbol.clear(); // another has it still
+                }
             }
             else if (known->listedSymbol != listed.symbol)
             {
@@ -190,6 +195,7 @@ void ZelProvider::AdoptDirectory(ZelMarket& market)
             }
         }
     }
+    InheritNames(market, added);
     m_directory.AddAll(added);
     m_directory.MarkComplete(market.id);
     IsHeard(market, market.epoch);
@@ -206,6 +212,44 @@ void ZelProvider::AdoptDirectory(ZelMarket& market)
     }
     AnswerWaiting(market);
     Wake();
+}
+
+/// The names of instruments that are listed no more, and will never give them up by a rename, go to those that are
+/// listed under them, and with the names who listens.
+void ZelProvider::InheritNames(ZelMarket& market, std::vector<DirectoryEntry>& added)
+{
+    for (const std::unique_ptr<ZelInstrument>& heir : market.instruments)
+    {
+        if (heir->index == ZelInstrument::kNoIndex || !heir->symbol.empty())
+        {
+            continue;
+        }
+        ZelInstrument*& owner = market.bySymbol[heir->listedSymbol];
+        if (owner != nullptr && owner->index != ZelInstrument::kNoIndex)
+        {
+            continue; // its rename is on the way
+        }
+        ZelInstrument* const before = std::exchange(owner, heir.get());
+        heir->symbol = heir->listedSymbol;
+        DirectoryEntry entry = MakeEntry(market, heir->asFirstListed);
+        entry.symbol = heir->symbol;
+        added.push_back(std::move(entry));
+        if (before == nullptr)
+        {
+            continue;
+        }
+        before->symbol.clear();
+        before->feed.DropAll();
+        for (auto& [listener, subscription] : m_subscriptions)
+        {
+            if (subscription.instrument == before)
+            {
+                subscription.instrument = nullptr;
+                subscription.awaitedIn = &market; // AnswerWaiting finds the heir by the name
+                subscription.symbol = heir->symbol;
+            }
+        }
+    }
 }
 
 /// Those who have subscribed before the directory was known.

@@ -51,7 +51,6 @@ void ZelProvider::LoseAll(const char* why)
 void ZelProvider::Lose(ZelMarket& market, const char* why)
 {
     market.isLost = true;
-    market.lostAt = market.lostAt.value_or(m_options.now());
     ++m_counts.losses;
     std::size_t stale = 0;
     for (const std::unique_ptr<ZelInstrument>& instrument : market.instruments)
@@ -70,6 +69,10 @@ void ZelProvider::Lose(ZelMarket& market, const char* why)
         instrument->state = ZelInstrument::State::Idle;
         --m_counts.followed;
         --market.awaited;
+    }
+    if (stale != 0)
+    {
+        market.lostAt = market.lostAt.value_or(m_options.now());
     }
     zel::logging::Log(20, ZelLogSource(),
                       [&](std::ostream& text) {

@@ -88,7 +88,7 @@ void ZelProvider::CheckSilence(TimePoint now)
 void ZelProvider::CheckArrears(TimePoint now)
 {
     std::erase_if(m_behind,
-                  [&](ZelInstrument* instrument)
+                  [&](ZelInstrument* instrument) PS_REQUIRES(m_role)
                   {
                       instrument->isBehind = instrument->state != ZelInstrument::State::Idle &&
                                              instrument->arrears.IsBehind(instrument->sequence);

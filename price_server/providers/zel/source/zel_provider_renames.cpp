@@ -153,6 +153,10 @@ void ZelProvider::NameTheNameless(ZelMarket& market)
 {
     for (const std::unique_ptr<ZelInstrument>& instrument : market.instruments)
     {
+        if (instrument->symbol.empty() && instrument->index == ZelInstrument::kNoIndex)
+        {
+            continue; // listed no more: it has no claim to a name that has gone to another
+        }
         const std::string name = instrument->symbol.empty() ? instrument->listedSymbol : instrument->symbol;
         if (market.bySymbol.try_emplace(name, instrument.get()).second)
         {

@@ -223,5 +223,51 @@ TEST(ZelDirectory, GivesAListedNameAsSoonAsItIsFree)
     transport->Stop();
 }
 
+TEST(ZelDirectory, GivesTheNameOfAnInstrumentThatIsListedNoMoreToTheOneThatIsListedUnderIt)
+{
+    ZelBench bench({Listed("FB")});
+    bench.Start();
+    bench.Publish(0, true, {Bid("1", "1")});
+    bench.publisher->Rename(std::vector<SymbolRename>{{1, "FB", "META"}});
+    bench.Settle();
+    const auto before = bench.Subscribe("META");
+    bench.Settle();
+    ASSERT_EQ(before->PrintBook(), "1x1 |");
+
+    const auto transport = bench.broker.MakeTransport();
+    ZelPublisherOptions options;
+    options.now = [&] { return bench.now; };
+    options.wallTime_ns = [&] { return bench.wallTime_ns += 1000; };
+    ZelPublisher second(*transport, options); // started with recordings that have the new name only
+    second.Start({Listed("META")});
+    second.Tick();
+    bench.Settle();
+    second.Publish(BookMessage(0, true, {Bid("7", "1")}));
+    const auto settle = [&]
+    {
+        for (int i = 0; i < 3; ++i)
+        {
+            bench.Settle();
+            second.Tick();
+        }
+    };
+    settle();
+    EXPECT_EQ(before->PrintBook(), "7x1 |");
+    EXPECT_FALSE(before->IsStale());
+    ASSERT_TRUE(bench.provider->GetDirectory().Find(1, -1, "META"));
+    EXPECT_EQ(bench.provider->GetDirectory().Find(1, -1, "META")->firstSymbol, "META");
+    const auto after = bench.Subscribe("META");
+    settle();
+    EXPECT_EQ(after->PrintBook(), "7x1 |");
+
+    second.Rename(std::vector<SymbolRename>{{1, "META", "E"}});
+    settle();
+    const auto renamed = bench.Subscribe("E");
+    settle();
+    EXPECT_EQ(renamed->PrintBook(), "7x1 |");
+    bench.Subscribe("META", SubscribeStatus::Failed);
+    transport->Stop();
+}
+
 } // namespace
 } // namespace ps_ns

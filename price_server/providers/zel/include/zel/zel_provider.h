@@ -198,6 +198,7 @@ private:
     void OnRename(ZelMarket& market, std::uint64_t epoch, std::uint64_t revision, std::span<const std::byte> payload)
         PS_REQUIRES(m_role);
     void AdoptDirectory(ZelMarket& market) PS_REQUIRES(m_role);
+    void InheritNames(ZelMarket& market, std::vector<DirectoryEntry>& added) PS_REQUIRES(m_role);
     void AnswerWaiting(ZelMarket& market) PS_REQUIRES(m_role);
     bool IsHeard(ZelMarket& market, std::uint64_t epoch) PS_REQUIRES(m_role);
     bool MayGoBack(const ZelMarket& market) const PS_REQUIRES(m_role);
