@@ -122,6 +122,7 @@ std::size_t ZelPublisher::Tick()
     }
     PayOwed();
     const auto now = m_options.now();
+    KeepSome(now);
     if (m_epoch != 0 && now >= m_nextHeartbeat)
     {
         m_nextHeartbeat = now + m_options.heartbeat;
@@ -151,6 +152,7 @@ void ZelPublisher::BeginEpoch()
         market.isOwedAgain = false;
     }
     m_nextHeartbeat = {};
+    KeepAllAnew();
     zel::logging::Log(0, ZelLogSource(),
                       [&](std::ostream& text) { text << "publishes in epoch " << m_epoch << " from now on"; });
 }
@@ -163,13 +165,18 @@ void ZelPublisher::Publish(const MarketMessage& message)
     if (message.HasBook())
     {
         instrument.book.Apply(message.changes, message.isImage);
-        instrument.hasBook = true;
+        const bool isFirst = !std::exchange(instrument.hasBook, true);
         instrument.exchangeTime_ns = message.exchangeTime_ns;
         instrument.receiveTime_ns = message.receiveTime_ns;
         instrument.venueSequence = message.venueSequence;
         const WireKind kind = message.isImage ? WireKind::Image : WireKind::Update;
         WriteBook(m_buffer, {kind, instrument.index, m_epoch, ++instrument.sequence}, message);
         ++(SendPrices(instrument) ? sent : unsent);
+        if (message.isImage)
+        {
+            KeepAsItGoesOut(instrument);
+        }
+        NoteToKeep(message.instrument, isFirst ? std::chrono::milliseconds(0) : m_options.lastValueRound);
     }
     if (!message.trades.empty())
     {
