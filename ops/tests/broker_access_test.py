@@ -13,20 +13,28 @@ from server_process import Table
 
 # role: what it may publish, and may not; what it may subscribe, and may not
 RIGHTS = {
-    "publisher": (["zel.prices.M.A", "zel.control.M"], ["zel.requests.M", "other"],
-                  ["zel.requests.M"], ["zel.prices.>", "zel.control.*", ">", "other"]),
-    "server": (["zel.requests.M"], ["zel.prices.M.A", "zel.control.M", "other"],
-               ["zel.prices.>", "zel.shard.3.>", "zel.control.*"], ["zel.requests.M", ">", "other"]),
+    "publisher": (["zel.prices.M.A", "zel.control.M", "zel.last.M.A", "zel.last.M.=.0", "$JS.API.STREAM.CREATE.zel_last"],
+                  ["zel.requests.M", "$JS.API.STREAM.CREATE.other", "$JS.API.STREAM.DELETE.zel_last",
+                   "$JS.API.STREAM.PURGE.zel_last", "$JS.API.DIRECT.GET.zel_last.zel.last.M.A", "other"],
+                  ["zel.requests.M", "zel.reply.S.>"], ["zel.prices.>", "zel.control.*", "zel.last.>", ">", "other"]),
+    "server": (["zel.requests.M", "$JS.API.DIRECT.GET.zel_last.zel.last.M.A"],
+               ["zel.prices.M.A", "zel.control.M", "zel.last.M.A", "$JS.API.STREAM.CREATE.zel_last",
+                "$JS.API.STREAM.PURGE.zel_last", "other"],
+               ["zel.prices.>", "zel.shard.3.>", "zel.control.*", "zel.reply.S.>"],
+               ["zel.requests.M", "zel.last.>", ">", "other"]),
 }
 
 
 # The same of the cluster's configuration. There, what is published to zel.prices is mapped before rights are asked about.
 CLUSTER_RIGHTS = {
-    "publisher": (["zel.prices.M.A", "zel.control.M"], ["zel.requests.M", "$KV.zel_leases_1.shard.0", "other"],
-                  ["zel.requests.M"], ["zel.shard.>", "zel.servers.*", "$KV.>", ">"]),
+    "publisher": (["zel.prices.M.A", "zel.control.M", "zel.last.M.A", "$JS.API.STREAM.CREATE.zel_last"],
+                  ["zel.requests.M", "$KV.zel_leases_1.shard.0", "$JS.API.STREAM.DELETE.zel_last", "other"],
+                  ["zel.requests.M", "zel.reply.S.>"], ["zel.shard.>", "zel.servers.*", "$KV.>", "zel.last.>", ">"]),
     "server": (["zel.requests.M", "zel.servers.S", "$KV.zel_leases_2.shard.0",
-                "$JS.API.DIRECT.GET.KV_zel_leases_3.$KV.zel_leases_3.shard.0", "$JS.API.STREAM.CREATE.KV_zel_leases_1"],
-               ["zel.prices.M.A", "zel.shard.0.M.A", "zel.control.M", "$KV.other.x", "$JS.API.STREAM.DELETE.KV_zel_leases_1",
+                "$JS.API.DIRECT.GET.KV_zel_leases_3.$KV.zel_leases_3.shard.0", "$JS.API.STREAM.CREATE.KV_zel_leases_1",
+                "$JS.API.DIRECT.GET.zel_last.zel.last.M.A"],
+               ["zel.prices.M.A", "zel.shard.0.M.A", "zel.control.M", "zel.last.M.A", "$JS.API.STREAM.CREATE.zel_last",
+                "$KV.other.x", "$JS.API.STREAM.DELETE.KV_zel_leases_1",
                 "$JS.API.STREAM.CREATE.other", "$JS.API.STREAM.PURGE.KV_zel_leases_1"],
                ["zel.shard.3.>", "zel.control.*", "zel.servers.*", "zel.reply.S.>"], ["zel.requests.M", "$KV.>", ">"]),
 }

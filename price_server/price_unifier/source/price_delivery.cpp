@@ -142,7 +142,7 @@ void PriceDelivery::OnBook(CompositeComponentType::Type type, const BookUpdate& 
     }
     if (update.isImage)
     {
-        SetStale(component, component.hasLostFeed, false);
+        SetStale(component, component.hasLostFeed, update.isStale);
     }
     component.expectsImage = false;
     component.hasImage = true;

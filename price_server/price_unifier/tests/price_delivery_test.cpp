@@ -346,6 +346,25 @@ TEST_F(PriceDeliveryTest, StaysStaleWhateverAProviderSaysWithoutItsFeed)
     EXPECT_TRUE(Live().GetState().isStale);
 }
 
+TEST_F(PriceDeliveryTest, IsStaleWithAnImageThatSaysSoUntilOneComesThatDoesNot)
+{
+    Start();
+    bench->zel->SendStale("X", true);
+    bench->zel->SendStaleImage("X", {{kBid, "10", "2"}});
+    bench->Run();
+    ASSERT_FALSE(observer->books.empty());
+    EXPECT_EQ(observer->books.back()->staleComponents.count(CompositeComponentType::Direct), 1U);
+    EXPECT_TRUE(Live().GetState().isStale);
+    bench->zel->SendStaleImage("X", {{kBid, "10", "3"}});
+    bench->Run();
+    EXPECT_TRUE(Live().GetState().isStale) << "a later one is no better";
+    bench->zel->SendStale("X", false);
+    bench->zel->SendImage("X", {{kBid, "11", "1"}});
+    bench->Run();
+    EXPECT_TRUE(observer->books.back()->staleComponents.empty());
+    EXPECT_FALSE(Live().GetState().isStale);
+}
+
 TEST_F(PriceDeliveryTest, IsNotStaleBeforeItHasShownAnything)
 {
     Start();

@@ -63,15 +63,21 @@ void ScriptedProvider::SendImage(const std::string& symbol, const std::vector<Le
     Send(symbol, true, levels);
 }
 
+void ScriptedProvider::SendStaleImage(const std::string& symbol, const std::vector<Level>& levels)
+{
+    Send(symbol, true, levels, true);
+}
+
 void ScriptedProvider::SendChange(const std::string& symbol, const std::vector<Level>& levels)
 {
     Send(symbol, false, levels);
 }
 
-void ScriptedProvider::Send(const std::string& symbol, bool isImage, const std::vector<Level>& levels)
+void ScriptedProvider::Send(const std::string& symbol, bool isImage, const std::vector<Level>& levels, bool isStale)
 {
     const auto update = std::make_shared<BookUpdate>();
     update->isImage = isImage;
+    update->isStale = isStale;
     update->epoch = m_epoch;
     update->sequence = ++m_sequences[symbol];
     for (const Level& level : levels)

@@ -61,6 +61,7 @@ void InstrumentFeed::PublishBook(MarketMessage& message, UpdatePools& pools)
         m_book.WriteImage(message.changes);
     }
     m_hasImage = true;
+    m_hasStaleImage = m_isStale;
     ++m_sequence;
     m_exchangeTime_ns = message.exchangeTime_ns;
     m_receiveTime_ns = message.receiveTime_ns;
@@ -71,6 +72,7 @@ void InstrumentFeed::PublishBook(MarketMessage& message, UpdatePools& pools)
     }
     const std::shared_ptr<BookUpdate> update = pools.books.Acquire();
     update->isImage = message.isImage;
+    update->isStale = m_isStale;
     update->epoch = m_epoch;
     update->sequence = m_sequence;
     update->exchangeTime_ns = message.exchangeTime_ns;
@@ -110,7 +112,7 @@ void InstrumentFeed::Join(std::shared_ptr<IComponentListener> listener, bool wan
     {
         CallListener([&] { joined.OnStale(true); });
     }
-    else if (m_hasImage)
+    if (m_hasImage && (!m_isStale || m_hasStaleImage))
     {
         SendImage(joined, pools);
     }
@@ -129,11 +131,26 @@ void InstrumentFeed::SetStale(bool isStale)
     }
 }
 
+void InstrumentFeed::ShowStale(UpdatePools& pools)
+{
+    const ScopedRoleLock lock(m_mutex, m_role);
+    if (!m_isStale || !m_hasImage || std::exchange(m_hasStaleImage, true))
+    {
+        return;
+    }
+    ++m_sequence;
+    for (const Slot& slot : m_slots)
+    {
+        SendImage(*slot.listener, pools);
+    }
+}
+
 /// The image bears the sequence of the last update, so that the next one follows it.
 void InstrumentFeed::SendImage(IComponentListener& listener, UpdatePools& pools)
 {
     const std::shared_ptr<BookUpdate> image = pools.books.Acquire();
     image->isImage = true;
+    image->isStale = m_isStale;
     image->epoch = m_epoch;
     image->sequence = m_sequence;
     image->exchangeTime_ns = m_exchangeTime_ns;

@@ -39,7 +39,12 @@ struct NatsTransport::Link
     {
         auto* const link = static_cast<Link*>(closure);
         ParsedSubject subject;
-        if (subject.Parse(natsMsg_GetSubject(message)))
+        const std::string_view name = natsMsg_GetSubject(message);
+        if (name.starts_with(link->replies))
+        {
+            link->OnReply(name.substr(link->replies.size()), message);
+        }
+        else if (subject.Parse(name))
         {
             const std::span<const char> data(natsMsg_GetData(message),
                                              static_cast<std::size_t>(natsMsg_GetDataLength(message)));
@@ -48,6 +53,10 @@ struct NatsTransport::Link
         }
         natsMsg_Destroy(message);
     }
+    /// An answer of the broker: about the stream of last values, or one of those.
+    void OnReply(std::string_view name, natsMsg* message);
+    void OnStreamAnswer(natsMsg* message);
+
     /// The state and what the listener is told of it change together, in one order.
     void ComeUp()
     {
@@ -58,6 +67,7 @@ struct NatsTransport::Link
     void GoDown()
     {
         isUp.store(false);
+        keepsLastValues.store(false); // the next broker has not said so yet
         Tell([](ITransportListener& user) { user.OnTransportState(false); });
     }
     static void OnDisconnected(natsConnection*, void* closure)
@@ -111,6 +121,7 @@ struct NatsTransport::Link
         return std::min(link->shortestPause.count() << doublings, link->longestPause.count());
     }
 
+    std::string replies; ///< constant: in front of the subjects of answers
     std::chrono::milliseconds shortestPause{0};
     std::chrono::milliseconds longestPause{0};
 
@@ -120,12 +131,16 @@ struct NatsTransport::Link
     std::shared_mutex gate;
     ITransportListener* listener = nullptr; ///< under gate: null once stopped
 
-    std::atomic<bool> isUp{false};     ///< connected, as the library's callbacks tell
-    std::atomic<bool> isClosed{false}; ///< the library has given the connection up
+    std::atomic<bool> isUp{false};            ///< connected, as the library's callbacks tell
+    std::atomic<bool> keepsLastValues{false}; ///< the broker has said that the stream is there
+    std::atomic<bool> isClosed{false};        ///< the library has given the connection up
     std::atomic<std::uint64_t> connections{0};
     std::atomic<std::uint64_t> drops{0};
     std::atomic<std::uint64_t> refusals{0}; ///< for want of a right
     std::atomic<natsStatus> lastError{NATS_OK};
+
+    std::mutex saidMutex;
+    std::string streamFaultSaid; ///< under saidMutex: what the log has been told of last
 
     std::shared_mutex connectionMutex;
     natsConnection* connection = nullptr; ///< under connectionMutex; written by the transport's own thread

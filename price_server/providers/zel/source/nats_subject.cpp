@@ -3,6 +3,7 @@
 #include "zel/subject_token.h"
 
 #include <algorithm>
+#include <charconv>
 #include <optional>
 #include <utility>
 
@@ -12,6 +13,7 @@ namespace
 {
 
 constexpr std::string_view kShard = "zel.shard.";
+constexpr std::string_view kLast = "zel.last.";
 
 /// Takes the text up to the next dot off the front.
 std::string_view TakeToken(std::string_view& subject)
@@ -32,6 +34,9 @@ std::string MakeSubject(const TransportAddress& to)
         return std::string(kControlSubject) + EscapeToken(to.market);
     case TransportChannel::Requests:
         return std::string(kRequestsSubject) + EscapeToken(to.market);
+    case TransportChannel::LastValues:
+        return std::string(kLast) + EscapeToken(to.market) + '.' + EscapeToken(to.instrument) +
+               (to.instrument.empty() ? '.' + std::to_string(to.part) : "");
     case TransportChannel::Prices:
         break;
     }
@@ -53,13 +58,31 @@ bool ParsedSubject::Parse(std::string_view subject)
     const std::string_view kind = TakeToken(subject);
     address.channel = kind == "control"    ? TransportChannel::Control
                       : kind == "requests" ? TransportChannel::Requests
+                      : kind == "last"     ? TransportChannel::LastValues
                                            : TransportChannel::Prices;
     if (kind == "shard")
     {
         TakeToken(subject);
     }
-    return Take(subject, m_market, address.market) &&
-           (address.channel != TransportChannel::Prices || Take(subject, m_instrument, address.instrument));
+    if (!Take(subject, m_market, address.market))
+    {
+        return false;
+    }
+    if (address.channel == TransportChannel::Control || address.channel == TransportChannel::Requests)
+    {
+        return true;
+    }
+    if (!Take(subject, m_instrument, address.instrument))
+    {
+        return false;
+    }
+    return address.channel != TransportChannel::LastValues || !address.instrument.empty() || TakePart(subject);
+}
+
+bool ParsedSubject::TakePart(std::string_view subject)
+{
+    const auto [end, error] = std::from_chars(subject.data(), subject.data() + subject.size(), address.part);
+    return error == std::errc() && end == subject.data() + subject.size();
 }
 
 /// Most tokens are their own texts.

@@ -26,6 +26,7 @@ public:
     TransportAddress address;
 
 private:
+    bool TakePart(std::string_view subject);
     static bool Take(std::string_view& subject, std::string& store, std::string_view& text);
 
     std::string m_market;

@@ -5,17 +5,34 @@
 #include "zel/zel_log.h"
 
 #include <algorithm>
+#include <random>
+#include <sstream>
 #include <stdexcept>
 #include <utility>
 
 namespace ps_ns
 {
+namespace
+{
+
+/// No two transports have the same.
+std::string MakeReplies()
+{
+    std::random_device random;
+    std::ostringstream text;
+    text << "zel.reply." << std::hex << random() << '-' << random() << '.';
+    return text.str();
+}
+
+} // namespace
 
 NatsTransport::NatsTransport(NatsOptions options)
     : m_options(std::move(options))
     , m_servers(SplitServers(m_options.url))
+    , m_replies(MakeReplies())
     , m_link(std::make_shared<Link>())
 {
+    m_link->replies = m_replies;
     m_link->shortestPause = m_options.shortestPause;
     m_link->longestPause = m_options.longestPause;
 }
@@ -34,6 +51,10 @@ void NatsTransport::Connect(ITransportListener& listener)
     {
         const std::unique_lock lock(m_link->gate);
         m_link->listener = &listener;
+    }
+    if (m_options.lastValuesBytes != 0)
+    {
+        Want(m_replies + '>');
     }
     m_thread = std::thread([this] { Run(); });
 }
@@ -95,7 +116,7 @@ void NatsTransport::Run()
 
 bool NatsTransport::Publish(const TransportAddress& to, std::span<const std::byte> payload)
 {
-    if (!m_link->isUp.load())
+    if (!m_link->isUp.load() || (to.channel == TransportChannel::LastValues && !m_link->keepsLastValues.load()))
     {
         return false;
     }

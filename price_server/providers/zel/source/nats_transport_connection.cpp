@@ -73,6 +73,7 @@ bool NatsTransport::ConnectOnce()
     m_link->lastError.store(NATS_OK); // of the attempts before
     SubscribeWanted();
     ReportConnected();
+    MakeStreamWhenDue(true);
     m_link->ComeUpFirst(breaks);
     return true;
 }
@@ -94,12 +95,14 @@ void NatsTransport::WatchConnection()
         {
             connectionsSeen = connections;
             ReportConnected();
+            MakeStreamWhenDue(true);
         }
         else if (!isUp && wasUp)
         {
             ReportFailure("the connection is gone");
         }
         wasUp = isUp;
+        MakeStreamWhenDue(false);
         if (const std::uint64_t drops = m_link->drops.load(); drops != std::exchange(dropsSeen, drops))
         {
             zel::logging::Log(30, ZelLogSource(),

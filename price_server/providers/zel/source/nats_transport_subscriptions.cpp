@@ -79,9 +79,15 @@ void NatsTransport::Want(std::string subject)
 
 void NatsTransport::SubscribeShard(std::optional<unsigned> shard)
 {
-    constexpr auto kLongest = std::chrono::milliseconds(50);
     SubscribeControl();
     Want(shard ? MakeShardSubject(*shard) : std::string(kPricesSubject) + '>');
+    AwaitWanted();
+}
+
+/// A question that comes after it does not overtake what is wanted.
+void NatsTransport::AwaitWanted()
+{
+    constexpr auto kLongest = std::chrono::milliseconds(50);
     std::unique_lock lock(m_mutex);
     m_changed.wait_for(lock, m_link->isUp.load() ? kLongest : std::chrono::milliseconds(0),
                        [this] { return m_isStopping || m_wants == m_wantsSeen; });

@@ -8,6 +8,7 @@
 #include "zel_arrears.h"
 #include "zel_back_off.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -51,7 +52,35 @@ struct ZelInstrument
     bool isBehind = false;      ///< is in the provider's list of those that may be in arrears
     ZelBackOff asking;          ///< awaiting: for the image
 
+    std::uint64_t bookEpoch = 0;    ///< the publisher's, of the last book message taken in, whether live or kept
+    std::uint64_t bookSequence = 0; ///< of the same
+    bool wantsLastValue = true;     ///< awaiting: the broker has not said yet what it keeps
+    ZelBackOff askingForLast;       ///< awaiting: for that
+
     static constexpr std::uint32_t kNoIndex = 0xffffffff;
+};
+
+/// A directory whose parts are coming in.
+struct ZelIncoming
+{
+    /// Begins anew when the part is of another directory.
+    void Expect(std::uint64_t itsEpoch, std::uint64_t itsRevision, std::size_t count)
+    {
+        if (epoch != itsEpoch || revision != itsRevision || parts.size() != count)
+        {
+            epoch = itsEpoch;
+            revision = itsRevision;
+            parts.assign(count, std::nullopt);
+        }
+    }
+    bool IsComplete() const
+    {
+        return std::all_of(parts.begin(), parts.end(), [](const auto& instruments) { return instruments.has_value(); });
+    }
+
+    std::uint64_t epoch = 0;
+    std::uint64_t revision = 0;
+    std::vector<std::optional<std::vector<WireInstrument>>> parts;
 };
 
 /// What the provider knows of a market and of its publisher. Under the provider's lock.
@@ -71,6 +100,14 @@ public:
         const auto found = bySymbol.find(symbol);
         return found == bySymbol.end() ? nullptr : found->second;
     }
+    /// What the broker keeps is asked for when the publisher is not heard.
+    void WantLastValues()
+    {
+        hasLastValues = false;
+        wantsLastDirectory = true;
+        askingForLastDirectory.Reset();
+        kept = {};
+    }
     ZelInstrument* FindByIndex(std::uint32_t index) const { return index < byIndex.size() ? byIndex[index] : nullptr; }
 
     const short id;
@@ -85,11 +122,13 @@ public:
     std::size_t awaited = 0;           ///< instruments in that state
     ZelBackOff askingForDirectory;
 
-    // A directory whose parts are coming in:
-    std::uint64_t incomingEpoch = 0;
-    std::uint64_t incomingRevision = 0;
-    TimePoint incomingSince{}; ///< when the last part came
-    std::vector<std::optional<std::vector<WireInstrument>>> incoming;
+    ZelIncoming incoming;      ///< from the publisher
+    TimePoint incomingSince{}; ///< when the last part of that came
+
+    ZelIncoming kept;               ///< the same from the broker's last values
+    bool hasLastValues = false;     ///< since the feed was lost the broker has answered: it keeps some
+    bool wantsLastDirectory = true; ///< since the feed was lost it has not told of all parts
+    ZelBackOff askingForLastDirectory;
 
     std::vector<std::unique_ptr<ZelInstrument>> instruments; ///< all that there ever were
     TextMap<ZelInstrument*> byFirstSymbol;
@@ -113,6 +152,8 @@ inline DirectoryEntry MakeEntry(const ZelMarket& market, const WireInstrument& l
     return entry;
 }
 
+/// A directory of more parts makes no sense.
+inline constexpr std::uint32_t kMostDirectoryParts = 10'000;
 /// Why most messages are refused.
 inline constexpr const char* kUnreadable = "a message cannot be read: it is damaged, or of another version";
 

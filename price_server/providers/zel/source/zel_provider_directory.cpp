@@ -16,7 +16,6 @@ namespace ps_ns
 namespace
 {
 
-constexpr std::uint32_t kMostParts = 10'000;
 constexpr std::size_t kMostShown = 40; // bytes of a refused symbol
 
 } // namespace
@@ -85,31 +84,26 @@ void ZelProvider::OnDirectory(ZelMarket& market, std::uint32_t part, std::uint64
         return;
     }
     std::optional<WireDirectory> directory = ReadDirectory(payload);
-    if (!directory || directory->parts > kMostParts || epoch == std::numeric_limits<std::uint64_t>::max())
+    if (!directory || directory->parts > kMostDirectoryParts || epoch == std::numeric_limits<std::uint64_t>::max())
     {
         NoteRefused(market, kUnreadable);
         return;
     }
     RefuseNonsense(market, directory->instruments);
     const TimePoint now = m_options.now();
-    if (std::pair(epoch, revision) < std::pair(market.incomingEpoch, market.incomingRevision) &&
+    if (std::pair(epoch, revision) < std::pair(market.incoming.epoch, market.incoming.revision) &&
         now - market.incomingSince <= m_options.longestSilence)
     {
         return; // a newer one is coming in
     }
     market.incomingSince = now;
-    if (market.incomingEpoch != epoch || market.incomingRevision != revision ||
-        market.incoming.size() != directory->parts)
+    market.incoming.Expect(epoch, revision, directory->parts);
+    market.incoming.parts[part] = std::move(directory->instruments);
+    if (market.incoming.IsComplete())
     {
-        market.incomingEpoch = epoch;
-        market.incomingRevision = revision;
-        market.incoming.assign(directory->parts, std::nullopt);
-    }
-    market.incoming[part] = std::move(directory->instruments);
-    if (std::all_of(market.incoming.begin(), market.incoming.end(),
-                    [](const auto& instruments) { return instruments.has_value(); }))
-    {
-        AdoptDirectory(market);
+        AdoptDirectory(market, std::exchange(market.incoming, {}));
+        market.wantsDirectory = false;
+        IsHeard(market, market.epoch);
     }
 }
 
@@ -130,12 +124,12 @@ void ZelProvider::RefuseNonsense(ZelMarket& market, std::vector<WireInstrument>&
                   });
 }
 
-void ZelProvider::AdoptDirectory(ZelMarket& market)
+/// Whether it has come from the publisher, or from what the broker keeps: a market is heard by its publisher only.
+void ZelProvider::AdoptDirectory(ZelMarket& market, ZelIncoming incoming)
 {
-    const bool isNewEpoch = std::exchange(market.epoch, market.incomingEpoch) != market.incomingEpoch;
+    const bool isNewEpoch = std::exchange(market.epoch, incoming.epoch) != incoming.epoch;
     market.shownEpoch = isNewEpoch ? std::max(market.shownEpoch + 1, market.epoch) : market.shownEpoch;
-    market.revision = market.incomingRevision;
-    market.wantsDirectory = false;
+    market.revision = incoming.revision;
     market.byIndex.clear();
     for (const std::unique_ptr<ZelInstrument>& instrument : market.instruments)
     {
@@ -143,7 +137,7 @@ void ZelProvider::AdoptDirectory(ZelMarket& market)
     }
     std::vector<DirectoryEntry> added;
     std::vector<SymbolRename> renames;
-    for (auto& part : std::exchange(market.incoming, {}))
+    for (const auto& part : incoming.parts)
     {
         for (const WireInstrument& listed : *part)
         {
@@ -198,7 +192,6 @@ void ZelProvider::AdoptDirectory(ZelMarket& market)
     InheritNames(market, added);
     m_directory.AddAll(added);
     m_directory.MarkComplete(market.id);
-    IsHeard(market, market.epoch);
     zel::logging::Log(isNewEpoch ? 10 : 0, ZelLogSource(),
                       [&](std::ostream& text)
                       {

@@ -24,6 +24,7 @@ void ZelProvider::OnTransportState(bool isConnected)
         {
             market->wantsDirectory = true; // the publisher may have begun an epoch meanwhile
             market->askingForDirectory.Reset();
+            market->WantLastValues();
         }
         m_connectedSince = m_options.now();
     }
@@ -51,6 +52,7 @@ void ZelProvider::LoseAll(const char* why)
 void ZelProvider::Lose(ZelMarket& market, const char* why)
 {
     market.isLost = true;
+    market.WantLastValues();
     ++m_counts.losses;
     std::size_t stale = 0;
     for (const std::unique_ptr<ZelInstrument>& instrument : market.instruments)
@@ -88,16 +90,22 @@ void ZelProvider::OnTransportMessage(const TransportAddress& from, std::span<con
     {
         return; // of a market that this server does not have; or left over from a connection that is gone
     }
-    if (from.channel == TransportChannel::Prices)
+    if (from.channel == TransportChannel::Control)
     {
-        // What comes too fast waits here, and then with the transport, which drops what is too much even for that.
-        if (m_pools.budget->WaitForRoom(2))
-        {
-            OnPrices(*market, payload);
-        }
+        OnControl(*market, payload);
         return;
     }
-    OnControl(*market, payload);
+    // What comes too fast waits here, and then with the transport, which drops what is too much even for that.
+    if (!m_pools.budget->WaitForRoom(2))
+    {
+        return;
+    }
+    if (from.channel == TransportChannel::LastValues)
+    {
+        OnLastValue(*market, from, payload);
+        return;
+    }
+    OnPrices(*market, payload);
 }
 
 /// The first of a market is logged, and then one a minute at most.
@@ -217,6 +225,8 @@ void ZelProvider::OnBook(ZelInstrument& instrument, std::uint64_t sequence, std:
     }
     m_message.epoch = instrument.market.shownEpoch;
     instrument.sequence = sequence;
+    instrument.bookEpoch = instrument.market.epoch;
+    instrument.bookSequence = sequence;
     if (instrument.state == State::Awaiting)
     {
         instrument.state = State::Live;

@@ -4,6 +4,7 @@
 #include "zel/zel_log.h"
 #include "zel/zel_provider.h"
 #include "zel_market.h"
+#include "zel_questions.h"
 
 #include <algorithm>
 #include <map>
@@ -17,12 +18,6 @@ namespace
 constexpr std::chrono::milliseconds kTick{50};
 
 } // namespace
-
-struct ZelProvider::Question
-{
-    std::string market;
-    WireBuffer bytes;
-};
 
 void ZelProvider::Wake()
 {
@@ -53,6 +48,7 @@ void ZelProvider::Run()
 void ZelProvider::Tick()
 {
     std::vector<Question> questions;
+    std::vector<LastValueQuestion> lastValueQuestions;
     {
         const ScopedRoleLock lock(m_mutex, m_role);
         const TimePoint now = m_options.now();
@@ -61,11 +57,17 @@ void ZelProvider::Tick()
         if (m_transport->IsConnected())
         {
             questions = CollectQuestions(now);
+            lastValueQuestions = CollectLastValueQuestions(now);
         }
     }
     for (const Question& question : questions)
     {
         m_transport->AskForImages(question.market, question.bytes); // what does not get through is asked again
+    }
+    for (const LastValueQuestion& question : lastValueQuestions)
+    {
+        m_transport->AskForLastValue(
+            {TransportChannel::LastValues, question.market, question.instrument, question.part});
     }
     if (m_options.isHandDriven)
     {

@@ -82,6 +82,8 @@ void ZelProvider::Await(ZelInstrument& instrument)
 {
     instrument.feed.SetStale(true);
     instrument.asking.Reset();
+    instrument.wantsLastValue = true;
+    instrument.askingForLast.Reset();
     if (instrument.state != ZelInstrument::State::Awaiting)
     {
         m_counts.followed += instrument.state == ZelInstrument::State::Idle ? 1 : 0;

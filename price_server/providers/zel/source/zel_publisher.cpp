@@ -117,6 +117,7 @@ std::size_t ZelPublisher::Tick()
     }
     PayOwed();
     const auto now = m_options.now();
+    KeepSome(now);
     if (m_epoch != 0 && now >= m_nextHeartbeat)
     {
         m_nextHeartbeat = now + m_options.heartbeat;
@@ -148,6 +149,7 @@ void ZelPublisher::TakeState(const Inbox& inbox)
     }
     m_nextHeartbeat = {};
     m_lostAt = kNever;
+    KeepAllAnew();
 }
 
 void ZelPublisher::BeginEpoch()
@@ -193,11 +195,16 @@ void ZelPublisher::Publish(const MarketMessage& message)
     if (message.HasBook())
     {
         instrument.book.Apply(message.changes, message.isImage);
-        instrument.hasBook = true;
+        const bool isFirst = !std::exchange(instrument.hasBook, true);
         instrument.exchangeTime_ns = message.exchangeTime_ns;
         instrument.receiveTime_ns = message.receiveTime_ns;
         instrument.venueSequence = message.venueSequence;
         ++(SendBook(instrument, message) ? sent : unsent);
+        if (message.isImage)
+        {
+            KeepAsItGoesOut(instrument);
+        }
+        NoteToKeep(message.instrument, isFirst ? std::chrono::milliseconds(0) : m_options.lastValueRound);
     }
     if (!message.trades.empty())
     {

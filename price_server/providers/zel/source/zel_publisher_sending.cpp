@@ -71,8 +71,14 @@ void ZelPublisher::NoteDirectory(Market& market)
 /// Begins the directory anew.
 void ZelPublisher::CutDirectory(Market& market) const
 {
-    market.parts.assign(1, 0);
+    market.parts = CutIntoParts(market);
     market.nextPart = 0;
+}
+
+/// Each part's first instrument.
+std::vector<std::size_t> ZelPublisher::CutIntoParts(const Market& market) const
+{
+    std::vector<std::size_t> parts(1, 0);
     std::size_t size = 0;
     for (std::size_t i = 0; i < market.instruments.size(); ++i)
     {
@@ -80,12 +86,13 @@ void ZelPublisher::CutDirectory(Market& market) const
         const std::size_t entry =
             GetWireSize({0, instrument.format, instrument.firstSymbol, instrument.symbol, market.name, {}});
         size += entry;
-        if (size > kDirectoryPart && i != market.parts.back())
+        if (size > kDirectoryPart && i != parts.back())
         {
-            market.parts.push_back(i);
+            parts.push_back(i);
             size = entry;
         }
     }
+    return parts;
 }
 
 std::size_t ZelPublisher::GetOwed() const noexcept
@@ -123,17 +130,7 @@ void ZelPublisher::PayOwed()
 
 void ZelPublisher::SendNextPart(Market& market)
 {
-    const std::size_t part = market.nextPart++;
-    const std::size_t end = part + 1 < market.parts.size() ? market.parts[part + 1] : market.instruments.size();
-    std::vector<WireInstrument> listed;
-    for (std::size_t i = market.parts[part]; i < end; ++i)
-    {
-        const Instrument& instrument = m_instruments[market.instruments[i]];
-        listed.push_back(
-            {instrument.index, instrument.format, instrument.firstSymbol, instrument.symbol, market.name, {}});
-    }
-    WriteDirectory(m_buffer, {WireKind::Directory, static_cast<std::uint32_t>(part), m_epoch, market.revision},
-                   static_cast<std::uint32_t>(market.parts.size()), listed);
+    WritePart(market, market.parts, market.nextPart++);
     SendControl(market);
     if (market.nextPart == market.parts.size() && std::exchange(market.isOwedAgain, false))
     {
@@ -141,8 +138,41 @@ void ZelPublisher::SendNextPart(Market& market)
     }
 }
 
+void ZelPublisher::WritePart(const Market& market, const std::vector<std::size_t>& parts, std::size_t part)
+{
+    const std::size_t end = part + 1 < parts.size() ? parts[part + 1] : market.instruments.size();
+    std::vector<WireInstrument> listed;
+    for (std::size_t i = parts[part]; i < end; ++i)
+    {
+        const Instrument& instrument = m_instruments[market.instruments[i]];
+        listed.push_back(
+            {instrument.index, instrument.format, instrument.firstSymbol, instrument.symbol, market.name, {}});
+    }
+    WriteDirectory(m_buffer, {WireKind::Directory, static_cast<std::uint32_t>(part), m_epoch, market.revision},
+                   static_cast<std::uint32_t>(parts.size()), listed);
+}
+
 /// The whole book as of the instrument's last message.
 bool ZelPublisher::SendImage(Instrument& instrument)
+{
+    WriteImage(instrument);
+    if (!SendPrices(instrument))
+    {
+        return false;
+    }
+    instrument.mayHaveLost = false;
+    {
+        const std::lock_guard lock(m_mutex);
+        ++m_counts.images;
+    }
+    if (instrument.hasBook)
+    {
+        KeepAsItGoesOut(instrument);
+    }
+    return true;
+}
+
+void ZelPublisher::WriteImage(const Instrument& instrument)
 {
     m_image.Clear();
     m_image.isImage = true;
@@ -151,14 +181,6 @@ bool ZelPublisher::SendImage(Instrument& instrument)
     m_image.venueSequence = instrument.venueSequence;
     instrument.book.WriteImage(m_image.changes);
     WriteBook(m_buffer, {WireKind::Image, instrument.index, m_epoch, instrument.sequence}, m_image);
-    if (!SendPrices(instrument))
-    {
-        return false;
-    }
-    instrument.mayHaveLost = false;
-    const std::lock_guard lock(m_mutex);
-    ++m_counts.images;
-    return true;
 }
 
 /// The next message of the instrument's book, which has it already.

@@ -47,6 +47,7 @@ public:
         }
         return true;
     }
+    bool AskForLastValue(const TransportAddress&) override { return true; }
     bool Flush(std::chrono::milliseconds) override { return true; }
     bool IsConnected() const override { return true; }
     std::string Describe() const override { return "recording"; }

@@ -33,6 +33,7 @@ struct BookUpdate
     std::uint64_t receiveTime_ns = 0;  ///< when it reached the recorder or the server, ns since 1970 UTC
     std::uint64_t venueSequence = 0;   ///< the venue's update id; 0: none
     std::vector<Change> changes;       ///< applied in order
+    bool isStale = false; ///< an image of what was known last, while there is no feed; an image without this ends that
 };
 
 } // namespace ps_ns

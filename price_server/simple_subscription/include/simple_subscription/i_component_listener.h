@@ -32,7 +32,8 @@ public:
     virtual void OnTrades(std::shared_ptr<const std::vector<Trade>> trades) = 0;
     virtual void OnCustomFields(std::shared_ptr<const CustomFields> fields) = 0;
     /// True: the provider has lost its feed, or part of it, and what has been delivered may be out of date. False: it
-    /// has it again; the image that makes the book good comes next. For providers that can lose a feed.
+    /// has it again; the image that makes the book good comes next. For providers that can lose a feed. Meanwhile there
+    /// may be images that say themselves that they are stale (BookUpdate::isStale): the last that was known.
     virtual void OnStale(bool isStale) { static_cast<void>(isStale); }
     /// The answer to Unsubscribe; false: the provider could not, and data may go on.
     virtual void OnUnsubscribed(bool ok) = 0;

@@ -54,6 +54,8 @@ public:
         const char* quantity;
     };
     void SendImage(const std::string& symbol, const std::vector<Level>& levels);
+    /// Of what was known last, while there is no feed.
+    void SendStaleImage(const std::string& symbol, const std::vector<Level>& levels);
     void SendChange(const std::string& symbol, const std::vector<Level>& levels);
     void SendTrade(const std::string& symbol, const char* price, const char* quantity);
     void SendCustomFields(const std::string& symbol);
@@ -94,7 +96,7 @@ private:
     };
 
     void Record(const std::string& text);
-    void Send(const std::string& symbol, bool isImage, const std::vector<Level>& levels);
+    void Send(const std::string& symbol, bool isImage, const std::vector<Level>& levels, bool isStale = false);
     /// A copy: a listener may subscribe or unsubscribe meanwhile.
     std::vector<std::shared_ptr<IComponentListener>> GetListeners(const std::string& symbol) const;
 

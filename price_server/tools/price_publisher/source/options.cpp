@@ -103,6 +103,10 @@ void AddOptions(CLI::App& app, Raw& raw, Options& options)
         ->expected(1, CLI::detail::expected_max_vector_size)
         ->type_name("OLD NEW WHEN");
 
+    app.add_flag_callback(
+        "--no-last-values", [&options] { options.keepsLastValues = false; },
+        "have the broker keep nothing; otherwise it keeps instruments and last books for when this is gone");
+
     app.add_option("--delay", options.delay_sec, "list the instruments, and wait so many seconds for price servers (0)")
         ->check(FiniteFrom(0, 1e6))
         ->type_name("SECONDS");

@@ -21,12 +21,15 @@ namespace ps_ns::price_publisher
 namespace
 {
 
+constexpr std::int64_t kLastValuesBytes = 256'000'000; // some 25,000 images of 10 kB
+
 NatsOptions MakeNatsOptions(const Options& options)
 {
     NatsOptions nats;
     nats.url = options.broker;
     nats.clientName = "price_publisher";
     nats.user = options.user;
+    nats.lastValuesBytes = options.keepsLastValues ? kLastValuesBytes : 0;
     if (!options.passwordFile.empty())
     {
         nats.password = ReadPasswordFile(options.passwordFile);

@@ -21,6 +21,13 @@ constexpr std::uint64_t kLongestGap_ns = 5'000'000'000; // a longer silence of t
 constexpr unsigned kBetweenTicks = 256;                 // messages, at full speed
 constexpr milliseconds kFlushPatience{1000};
 
+ZelPublisherOptions MakePublisherOptions(const Options& options)
+{
+    ZelPublisherOptions publisher;
+    publisher.keepsLastValues = options.keepsLastValues;
+    return publisher;
+}
+
 PublisherRun::Clock::duration ToDuration(double seconds)
 {
     return std::chrono::duration_cast<PublisherRun::Clock::duration>(std::chrono::duration<double>(seconds));
@@ -35,7 +42,7 @@ PublisherRun::PublisherRun(std::unique_ptr<IMarketSource> source, IProviderTrans
     , m_options(options)
     , m_isStopped(std::move(isStopped))
     , m_show(std::move(show))
-    , m_publisher(transport)
+    , m_publisher(transport, MakePublisherOptions(options))
     , m_pace(options.speed, kLongestGap_ns)
     , m_end(options.duration_sec ? Clock::now() + ToDuration(*options.duration_sec) : Clock::time_point::max())
 {
@@ -98,6 +105,7 @@ ExitCode PublisherRun::Run()
     {
         PlayAll();
     }
+    m_publisher.SaveLastValues();
     const bool hasArrived = m_transport.Flush(kFlushPatience);
     if (!m_wasConnected)
     {

@@ -40,6 +40,8 @@ TEST(PublisherOptions, HaveTheDocumentedDefaults)
     EXPECT_EQ(options.rate, 200U);
     EXPECT_EQ(options.market, "SIM");
     EXPECT_FALSE(options.duration_sec);
+    EXPECT_TRUE(options.keepsLastValues);
+    EXPECT_FALSE(Good({"--no-last-values"}).keepsLastValues);
 }
 
 TEST(PublisherOptions, ReadAllOfARecording)

@@ -41,6 +41,37 @@ std::map<WireKind, std::size_t> CountKinds(const MemoryBroker& broker)
     return counts;
 }
 
+TEST(PublisherRun, LeavesEveryLastBookWithTheBrokerUnlessItIsToldNotTo)
+{
+    for (const bool isWanted : {true, false})
+    {
+        MemoryBroker broker;
+        broker.keepsLastValues = true;
+        const auto transport = broker.MakeTransport();
+        Options options = FullSpeed();
+        options.keepsLastValues = isWanted;
+        PublisherRun run(Simulated(5000), *transport, options, [] { return false; }, {});
+        EXPECT_EQ(run.Run(), ExitCode::Ok);
+        std::map<std::string, std::uint64_t> published; // the last sequences
+        for (const CarriedMessage& message : broker.waiting)
+        {
+            if (message.channel == TransportChannel::Prices)
+            {
+                published[message.instrument] = ReadHeader(message.payload).value().sequence;
+            }
+        }
+        EXPECT_GT(published.size(), 1U);
+        EXPECT_EQ(broker.lastValues.size(), isWanted ? published.size() + 1 : 0) << "and the directory";
+        for (const auto& [address, kept] : broker.lastValues)
+        {
+            const auto& [market, instrument, part] = address;
+            EXPECT_TRUE(instrument.empty() || ReadHeader(kept).value().sequence == published.at(instrument))
+                << instrument;
+        }
+        transport->Stop();
+    }
+}
+
 TEST(PublisherRun, ListsItsInstrumentsAndPublishesEveryMessage)
 {
     MemoryBroker broker;

@@ -30,17 +30,24 @@ public:
 
     /// Applies a message to the book and delivers it. The first change of an epoch that is no image becomes one: the
     /// book is then known as far as messages have told it. Takes the message's buffers in exchange for empty ones when
-    /// somebody listens. Feed thread only.
+    /// somebody listens. What is published while the book is stale must be an image, and says that it is stale. Feed
+    /// thread only.
     void Publish(MarketMessage& message, UpdatePools& pools);
 
     /// Whether the book may be out of date; the listeners are told of changes, and fresh is told right before the image
-    /// that makes it so. While it is stale, who joins gets no image. Feed thread only.
+    /// that makes it so. While it is stale, who joins gets no image, unless one was published meanwhile. Feed thread
+    /// only.
     void SetStale(bool isStale);
+
+    /// While the book is stale: delivers it as an image that says so, and gives it to who joins. Nothing without a
+    /// book, or when it is fresh. Feed thread only.
+    void ShowStale(UpdatePools& pools);
 
     /// The present book. Feed thread only.
     const LevelBook& GetBook() const noexcept PS_NO_THREAD_ANALYSIS { return m_book; }
 
-    /// Tells the listener OnSubscribed, then the present book if there is one, or that it is stale; updates follow.
+    /// Tells the listener OnSubscribed, then that it is stale or not at all, then the present book if there is one that
+    /// may be shown; updates follow.
     void Join(std::shared_ptr<IComponentListener> listener, bool wantsTrades, UpdatePools& pools);
     void SetWantsTrades(const IComponentListener* listener, bool wantsTrades);
     /// No call to the listener runs, or comes, once this has returned.
@@ -68,6 +75,7 @@ private:
     LevelBook m_book PS_GUARDED_BY(m_role);
     bool m_hasImage PS_GUARDED_BY(m_role) = false;
     bool m_isStale PS_GUARDED_BY(m_role) = false;
+    bool m_hasStaleImage PS_GUARDED_BY(m_role) = false; ///< the last book message came while it was stale
     std::uint64_t m_epoch PS_GUARDED_BY(m_role) = 0;
     std::uint64_t m_sequence PS_GUARDED_BY(m_role) = 0;
     std::uint64_t m_exchangeTime_ns PS_GUARDED_BY(m_role) = 0; ///< of the last book message, as the next two

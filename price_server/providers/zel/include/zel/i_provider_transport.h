@@ -14,9 +14,10 @@ namespace ps_ns
 /// What a message is for. Who listens to one channel need not understand the others.
 enum class TransportChannel : std::uint8_t
 {
-    Prices,  ///< images, updates and trades of one instrument; in shards when the broker maps them
-    Control, ///< directories, renames and heartbeats of one market
-    Requests ///< from price servers to the publisher of one market
+    Prices,    ///< images, updates and trades of one instrument; in shards when the broker maps them
+    Control,   ///< directories, renames and heartbeats of one market
+    Requests,  ///< from price servers to the publisher of one market
+    LastValues ///< kept by the broker: the last image of one instrument, the last parts of one market's directory
 };
 
 /// Where a message goes to, or comes from. Any text is allowed in the names: the adapter escapes what its broker does
@@ -25,7 +26,9 @@ struct TransportAddress
 {
     TransportChannel channel = TransportChannel::Prices;
     std::string_view market;
-    std::string_view instrument; ///< the symbol that it was listed under, which renames leave alone; prices only
+    std::string_view instrument; ///< the symbol that it was listed under, which renames leave alone; prices, and last
+                                 ///< values: empty there for a part of the directory
+    std::uint32_t part = 0;      ///< of the directory; last values only
 };
 
 /// Who uses a transport.
@@ -37,8 +40,9 @@ class ITransportListener
 public:
     virtual ~ITransportListener() = default;
 
-    /// A message; `payload` and the address's texts are valid during the call. It may block for a short while: the
-    /// transport then holds back, within its limits, what comes behind.
+    /// A message; `payload` and the address's texts are valid during the call. Of last values it is the answer to
+    /// AskForLastValue; without bytes: there is none. It may block for a short while: the transport then holds back,
+    /// within its limits, what comes behind.
     virtual void OnTransportMessage(const TransportAddress& from, std::span<const std::byte> payload) = 0;
 
     /// The connection has come to be (again), or is gone. What was on its way when it went is lost.
@@ -51,7 +55,11 @@ public:
 /// The way to a message broker, as narrow as the ZEL provider and its publishers need it: another broker is one more
 /// adapter.
 ///
-/// Threads: Connect and Stop are the owner's. The subscribes, Publish, AskForImages and the queries may be called from
+/// Last values: what is published to that channel replaces what the broker keeps for the address, and is told to nobody
+/// who does not ask. A broker that can keep nothing, or may not, is no failure: the log says so, and what is published
+/// there is gone.
+///
+/// Threads: Connect and Stop are the owner's. The subscribes, Publish, the questions and the queries may be called from
 /// any thread, also while a connection breaks.
 ///
 /// Ownership: the listener is not owned and outlives Stop.
@@ -89,6 +97,10 @@ public:
 
     /// Asks the publisher of a market: for images, or for its directory. As Publish.
     virtual bool AskForImages(std::string_view market, std::span<const std::byte> request) = 0;
+
+    /// Asks the broker for what was published last to an address of the last values. The answer may not come: from a
+    /// broker that keeps none, or when the connection breaks. False: as Publish.
+    virtual bool AskForLastValue(const TransportAddress& of) = 0;
 
     /// Waits until the broker has taken what was published; false: not in that time.
     virtual bool Flush(std::chrono::milliseconds patience) = 0;

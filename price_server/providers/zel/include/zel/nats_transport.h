@@ -29,6 +29,9 @@ struct NatsOptions
     std::chrono::milliseconds longestPause{100};
     int mostPendingMessages = 1'000'000; ///< of one channel; more are dropped, and the listener is told
     int mostPendingBytes = 256 << 20;
+    /// For who publishes last values: the broker is asked to keep them, in memory, in so many bytes at most. 0: it is
+    /// not, and what is published there goes nowhere.
+    std::int64_t lastValuesBytes = 0;
 };
 
 /// NATS as the way to a broker.
@@ -40,6 +43,12 @@ struct NatsOptions
 /// | prices | zel.prices.MARKET.INSTRUMENT | zel.prices.> or, mapped by the broker, zel.shard.N.> |
 /// | control | zel.control.MARKET | zel.control.* |
 /// | requests | zel.requests.MARKET | zel.requests.MARKET |
+/// | last values | zel.last.MARKET.INSTRUMENT, zel.last.MARKET.=.PART | zel.reply.SESSION.>, for answers |
+///
+/// Last values are in a stream of JetStream, "zel_last", in memory, with one message for each subject. Who publishes
+/// them asks for the stream with each connection, and every kBetweenMaking: asking for one that is there does nothing.
+/// Until the broker has said that it is there nothing is published to it. Questions go past the stream's leader
+/// (direct get), and make no consumer.
 ///
 /// What the client library needs us to do:
 ///
@@ -58,6 +67,8 @@ class NatsTransport final : public IProviderTransport
 {
 public:
     static constexpr std::chrono::milliseconds kGraveyardRest{500};
+    static constexpr std::chrono::milliseconds kBetweenMaking{10'000};
+    static constexpr const char* kLastValuesStream = "zel_last";
 
     explicit NatsTransport(NatsOptions options);
     /// Stops.
@@ -76,6 +87,7 @@ public:
     void SubscribeRequests(const std::string& market) override;
     bool Publish(const TransportAddress& to, std::span<const std::byte> payload) override;
     bool AskForImages(std::string_view market, std::span<const std::byte> request) override;
+    bool AskForLastValue(const TransportAddress& of) override;
     bool Flush(std::chrono::milliseconds patience) override;
     bool IsConnected() const override;
     std::string Describe() const override;
@@ -95,24 +107,29 @@ private:
     void SubscribeWanted();
     void Want(std::string subject);
     bool Pause(std::chrono::milliseconds time);
+    void AwaitWanted();
     bool WaitForWants(std::chrono::milliseconds time);
     void ReportFailure(const std::string& why);
     void ReportRefusal();
     void ReportConnected();
+    void MakeStreamWhenDue(bool isNewConnection);
+    std::string DescribeStream() const;
 
     const NatsOptions m_options;
     const std::vector<std::string> m_servers;
+    const std::string m_replies;  ///< in front of the subjects of answers to this one
     std::shared_ptr<Link> m_link; ///< made by the constructor
 
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::vector<std::string> m_wanted;    ///< under m_mutex: subjects to listen to
-    std::uint64_t m_wants = 0;            ///< under m_mutex: another one when those have changed
-    std::uint64_t m_wantsSeen = 0;        ///< under m_mutex: up to here they are listened to
-    bool m_isStopping = false;            ///< under m_mutex
-    std::thread m_thread;                 ///< the owner's
-    unsigned m_failures = 0;              ///< own thread: attempts since the last connection
-    std::set<std::string> m_refusalsSaid; ///< own thread: what the log has been told of
+    std::vector<std::string> m_wanted;                       ///< under m_mutex: subjects to listen to
+    std::uint64_t m_wants = 0;                               ///< under m_mutex: another one when those have changed
+    std::uint64_t m_wantsSeen = 0;                           ///< under m_mutex: up to here they are listened to
+    bool m_isStopping = false;                               ///< under m_mutex
+    std::thread m_thread;                                    ///< the owner's
+    unsigned m_failures = 0;                                 ///< own thread: attempts since the last connection
+    std::set<std::string> m_refusalsSaid;                    ///< own thread: what the log has been told of
+    std::chrono::steady_clock::time_point m_streamAskedAt{}; ///< own thread
 };
 
 } // namespace ps_ns

@@ -27,6 +27,7 @@ namespace ps_ns
 {
 
 class ZelMarket;
+struct ZelIncoming;
 struct ZelInstrument;
 struct WireInstrument;
 
@@ -57,6 +58,9 @@ struct ZelOptions
     std::chrono::milliseconds askAgain{200};         ///< when an image or a directory has not come; doubles each time
     std::chrono::milliseconds longestAskPause{2000}; ///< up to this
     std::chrono::milliseconds longestArrears{1000};  ///< behind what a heartbeat has told, before an image is asked for
+    /// Nothing has been heard of a market's publisher for so long, in which there was a connection: the broker is asked
+    /// for the last values. Longer than the time between two heartbeats.
+    std::chrono::milliseconds lastValuesAfter{300};
 
     /// As MdsOptions::renameStep; called on the provider's thread for renames. Empty: renames are made at once.
     std::function<void(const std::vector<SymbolRename>& renames, const std::function<void()>& make)> renameStep;
@@ -73,7 +77,8 @@ struct ZelCounts
     std::uint64_t gaps = 0;     ///< instruments' sequences that were broken
     std::uint64_t losses = 0;   ///< times that a market's feed was lost
     std::uint64_t imagesAsked = 0;
-    std::uint64_t images = 0; ///< taken in
+    std::uint64_t images = 0;     ///< taken in
+    std::uint64_t lastValues = 0; ///< taken in: images that the broker had kept
     std::uint64_t renames = 0;
     std::uint64_t followed = 0;    ///< instruments that are kept up to date now
     std::uint64_t live = 0;        ///< of those: with a book that is known to be good
@@ -106,6 +111,12 @@ enum class ZelState : std::uint8_t
 /// when the market is lost, and nothing has been heard of the larger for longestSilence in which there was a
 /// connection: a publisher whose clock is behind its predecessor's, or a second one that has outlived the first. Should
 /// the larger be heard again, it is followed again.
+///
+/// While a market's publisher is not heard, the broker's last values stand in, if it keeps any: the directory, when it
+/// is newer than the one in use; and once for each instrument that is awaited the image, when it is newer than the
+/// book, and no newer than the directory. Such a book is stale (BookUpdate::isStale), as is the one that is there
+/// already, which is shown again instead of an older one. What makes a book fresh is an image of the living publisher,
+/// and nothing else: the state stays "awaiting". No shard is asked about that is not served here.
 ///
 /// What makes no sense is refused, and nothing else is lost with it: a message, or one entry of a directory. The log
 /// says so once for each market, and then at most once a minute.
@@ -178,6 +189,7 @@ private:
     };
     /// A request that is ready to be sent.
     struct Question;
+    struct LastValueQuestion;
 
     void OnTransportMessage(const TransportAddress& from, std::span<const std::byte> payload) override;
     void OnTransportState(bool isConnected) override;
@@ -197,8 +209,12 @@ private:
                      std::span<const std::byte> payload) PS_REQUIRES(m_role);
     void OnRename(ZelMarket& market, std::uint64_t epoch, std::uint64_t revision, std::span<const std::byte> payload)
         PS_REQUIRES(m_role);
-    void AdoptDirectory(ZelMarket& market) PS_REQUIRES(m_role);
+    void AdoptDirectory(ZelMarket& market, ZelIncoming incoming) PS_REQUIRES(m_role);
     void InheritNames(ZelMarket& market, std::vector<DirectoryEntry>& added) PS_REQUIRES(m_role);
+    void OnLastValue(ZelMarket& market, const TransportAddress& of, std::span<const std::byte> payload);
+    void OnLastDirectory(ZelMarket& market, std::uint32_t part, std::span<const std::byte> payload) PS_REQUIRES(m_role);
+    bool TakeLastImage(ZelInstrument& instrument, std::span<const std::byte> payload) PS_REQUIRES(m_role);
+    bool IsUnheard(const ZelMarket& market, TimePoint now) const PS_REQUIRES(m_role);
     void AnswerWaiting(ZelMarket& market) PS_REQUIRES(m_role);
     bool IsHeard(ZelMarket& market, std::uint64_t epoch) PS_REQUIRES(m_role);
     bool MayGoBack(const ZelMarket& market) const PS_REQUIRES(m_role);
@@ -221,6 +237,9 @@ private:
     void CheckSilence(TimePoint now) PS_REQUIRES(m_role);
     void CheckArrears(TimePoint now) PS_REQUIRES(m_role);
     std::vector<Question> CollectQuestions(TimePoint now) PS_REQUIRES(m_role);
+    std::vector<LastValueQuestion> CollectLastValueQuestions(TimePoint now) PS_REQUIRES(m_role);
+    void AddDirectoryQuestions(ZelMarket& market, TimePoint now, std::vector<LastValueQuestion>& questions) const
+        PS_REQUIRES(m_role);
     void MakeRenames();
     void Rename(const std::vector<SymbolRename>& renames);
     void NameTheNameless(ZelMarket& market) PS_REQUIRES(m_role);
@@ -242,6 +261,7 @@ private:
     std::vector<ZelInstrument*> m_awaiting PS_GUARDED_BY(m_role); ///< some may have left that state
     std::vector<ZelInstrument*> m_behind PS_GUARDED_BY(m_role);   ///< some may have caught up
     TimePoint m_connectedSince PS_GUARDED_BY(m_role){};
+    TimePoint m_lastImagesAskedAt PS_GUARDED_BY(m_role){};                  ///< of the broker's last values
     std::vector<std::vector<SymbolRename>> m_renames PS_GUARDED_BY(m_role); ///< steps still to be made
     MarketMessage m_message PS_GUARDED_BY(m_role);                          ///< filled again and again
     ZelCounts m_counts PS_GUARDED_BY(m_role);

@@ -30,10 +30,18 @@ struct ZelPublisherOptions
     using Clock = std::chrono::steady_clock;
 
     static constexpr std::size_t kUsualAnswerBytes = 256 * 1024;
+    static constexpr std::int64_t kUsualLastValueBytes = 4'000'000;
 
     std::chrono::milliseconds heartbeat{200}; ///< providers take a market for lost after 700 ms of silence
     /// Of images and directories, in one Tick; the rest waits for the next: questions do not hold up updates.
     std::size_t mostAnswerBytes = kUsualAnswerBytes;
+
+    /// Directories and images are put with the broker as last values, for the time after this publisher.
+    bool keepsLastValues = true;
+    std::chrono::milliseconds lastValueRound{2000}; ///< so long after a change the image is put there, at the soonest
+    std::chrono::milliseconds lastValueRefresh{30000}; ///< and without one: a broker may have lost what it kept
+    std::int64_t lastValueBytes_perSecond = kUsualLastValueBytes; ///< no more: what is left waits
+
     std::function<Clock::time_point()> now = [] { return Clock::now(); };
     std::function<std::uint64_t()> wallTime_ns = [] // since 1970 UTC: where epochs come from
     {
@@ -49,6 +57,7 @@ struct ZelPublisherCounts
     std::uint64_t messages = 0; ///< updates and trades that went to the broker
     std::uint64_t bytes = 0;    ///< of all that went to the broker
     std::uint64_t images = 0;   ///< that were asked for, or made up for what an outage may have lost
+    std::uint64_t kept = 0;     ///< images put with the broker as last values
     std::uint64_t requests = 0; ///< that came in
     std::uint64_t dropped = 0;  ///< requests that there was no room for: who has not been heard asks again
     std::uint64_t unsent = 0;   ///< updates and trades while there was no connection: images make up for them
@@ -68,6 +77,11 @@ struct ZelPublisherCounts
 ///
 /// Questions: what is owed is a set. However often an image or a directory is asked for before it goes out, it goes out
 /// once; and in one Tick no more than mostAnswerBytes go out (but at least one message).
+///
+/// Last values: what goes out as an image anyway is put with the broker too; and the image of what has changed since,
+/// and now and then of everything, within lastValueBytes_perSecond and only when nothing is owed. So what a publisher
+/// leaves when it is killed is some lastValueRound old, or older where there is more than that lets through.
+/// Directories go first. Nothing is kept for a broker that keeps nothing.
 ///
 /// Several publishers may serve different markets by way of one broker. Of two that serve the same market, providers
 /// follow the one whose epoch is newer.
@@ -98,6 +112,9 @@ public:
     /// in.
     std::size_t Tick();
 
+    /// Puts all that has changed with the broker, as much as it takes: for the end.
+    void SaveLastValues();
+
     /// Images and parts of directories that are still owed.
     std::size_t GetOwed() const noexcept;
 
@@ -114,6 +131,8 @@ public:
     ZelPublisherCounts GetCounts() const;
 
 private:
+    using TimePoint = ZelPublisherOptions::Clock::time_point;
+
     struct Instrument
     {
         std::size_t market = 0;
@@ -132,6 +151,10 @@ private:
         bool mayHaveLost = false;  ///< messages, since its last image: the next message is one
         std::uint64_t movedAt = 0; ///< the number of the heartbeat before its last message
         bool wasTooLarge = false;  ///< for the broker, which the log has said
+        bool isToBeKept = false;   ///< is in m_toKeep
+        TimePoint keptAt{};        ///< its image, as a last value
+        std::uint64_t keptEpoch = 0;
+        std::uint64_t keptSequence = 0;
     };
     struct Market
     {
@@ -145,6 +168,11 @@ private:
         std::size_t nextPart = 0;          ///< at the end: none is owed
         bool isOwedAgain = false;          ///< asked for while it was being sent
         bool wasTooLarge = false;          ///< a message of its control channel
+
+        std::vector<std::size_t> keptParts; ///< as `parts`, for the last values; empty: not cut in this epoch
+        std::size_t nextKeptPart = 0;
+        std::uint64_t keptRevision = 0;
+        TimePoint keptAt{};
     };
     /// What the transport's threads have left.
     struct Inbox
@@ -165,6 +193,9 @@ private:
     void NoteDirectory(Market& market);
     void PayOwed();
     void CutDirectory(Market& market) const;
+    std::vector<std::size_t> CutIntoParts(const Market& market) const;
+    void WritePart(const Market& market, const std::vector<std::size_t>& parts, std::size_t part);
+    void WriteImage(const Instrument& instrument);
     void SendNextPart(Market& market);
     bool SendImage(Instrument& instrument);
     bool SendBook(Instrument& instrument, const MarketMessage& message);
@@ -176,18 +207,34 @@ private:
     bool SendPrices(Instrument& instrument);
     void NoteMoved(InstrumentIndex number);
 
+    void NoteToKeep(InstrumentIndex number, std::chrono::milliseconds wait);
+    void KeepAllAnew();
+    void KeepSome(TimePoint now);
+    bool KeepDirectory(Market& market, TimePoint now);
+    bool KeepChanged(TimePoint now);
+    bool KeepUnchanged(TimePoint now);
+    bool KeepImage(Instrument& instrument, TimePoint now);
+    bool KeepWritten(Instrument& instrument, TimePoint now);
+    void KeepAsItGoesOut(Instrument& instrument);
+    bool Keep(const TransportAddress& to, bool& wasTooLarge);
+
     IProviderTransport& m_transport;
     const ZelPublisherOptions m_options;
     std::vector<Instrument> m_instruments;
     std::vector<Market> m_markets;
     std::map<std::string, std::size_t, std::less<>> m_marketByName;
     std::uint64_t m_epoch = 0;
-    ZelPublisherOptions::Clock::time_point m_nextHeartbeat{};
+    TimePoint m_nextHeartbeat{};
     std::uint64_t m_heartbeats = 0;
-    std::uint64_t m_lostAt =
-        std::numeric_limits<std::uint64_t>::max(); ///< how many there had been when the connection broke; none has
-    std::deque<InstrumentIndex> m_owed;            ///< images, the oldest question first
-    MarketMessage m_image;                         ///< filled again and again, as the next one
+    /// How many there had been when the connection broke; this: it has not.
+    std::uint64_t m_lostAt = std::numeric_limits<std::uint64_t>::max();
+    std::deque<std::pair<InstrumentIndex, TimePoint>> m_toKeep; ///< images for the last values, and not before then
+    std::size_t m_nextRefreshed = 0;
+    std::int64_t m_keepCredit = 0; ///< bytes that may be put with the broker now
+    TimePoint m_creditAt{};
+    TimePoint m_notKeptBefore{};        ///< the broker keeps nothing just now
+    std::deque<InstrumentIndex> m_owed; ///< images, the oldest question first
+    MarketMessage m_image;              ///< filled again and again, as the next one
     WireBuffer m_buffer;
 
     mutable std::mutex m_mutex;

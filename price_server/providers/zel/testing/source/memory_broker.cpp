@@ -29,8 +29,7 @@ std::size_t MemoryBroker::Deliver()
         {
             if (transport->IsConnected() && transport->Wants(message))
             {
-                transport->m_listener->OnTransportMessage({message.channel, message.market, message.instrument},
-                                                          message.payload);
+                transport->Hand(message);
             }
         }
     }
@@ -44,6 +43,10 @@ void MemoryBroker::SetUp(bool isUp)
         return;
     }
     waiting.clear();
+    if (!isUp)
+    {
+        lastValues.clear(); // they were in memory
+    }
     for (MemoryTransport* const transport : std::vector(m_transports))
     {
         transport->TellState();
@@ -86,8 +89,35 @@ bool MemoryTransport::Publish(const TransportAddress& to, std::span<const std::b
     {
         return false;
     }
-    m_broker.waiting.push_back({to.channel, std::string(to.market), std::string(to.instrument),
-                                std::vector<std::byte>(payload.begin(), payload.end())});
+    CarriedMessage message{to.channel, std::string(to.market), std::string(to.instrument),
+                           std::vector<std::byte>(payload.begin(), payload.end()), to.part};
+    if (to.channel != TransportChannel::LastValues)
+    {
+        m_broker.waiting.push_back(std::move(message));
+        return true;
+    }
+    if (m_broker.keepsLastValues && (!m_broker.passes || m_broker.passes(message)))
+    {
+        m_broker.lastValues[{message.market, message.instrument, message.part}] = std::move(message.payload);
+    }
+    return m_broker.keepsLastValues;
+}
+
+bool MemoryTransport::AskForLastValue(const TransportAddress& of)
+{
+    if (!IsConnected())
+    {
+        return false;
+    }
+    ++m_broker.lastValueQuestions;
+    if (m_broker.keepsLastValues)
+    {
+        const auto kept = m_broker.lastValues.find({std::string(of.market), std::string(of.instrument), of.part});
+        m_broker.waiting.push_back({TransportChannel::LastValues, std::string(of.market), std::string(of.instrument),
+                                    kept == m_broker.lastValues.end() ? std::vector<std::byte>() : kept->second,
+                                    of.part});
+        m_asked.insert({std::string(of.market), std::string(of.instrument), of.part});
+    }
     return true;
 }
 
@@ -104,6 +134,10 @@ void MemoryTransport::SetCut(bool isCut)
 
 bool MemoryTransport::Wants(const CarriedMessage& message) const
 {
+    if (message.channel == TransportChannel::LastValues)
+    {
+        return m_asked.count({message.market, message.instrument, message.part}) != 0;
+    }
     if (message.channel == TransportChannel::Control)
     {
         return m_wantsControl;

@@ -35,6 +35,7 @@ struct Options
     std::uint32_t rate = 200;   ///< updates a second of the simulated market
     std::string market = "SIM"; ///< the simulated market's name
     std::vector<TimedRename> renames;
+    bool keepsLastValues = true; ///< the broker is asked to keep directories and images for the time after this
 
     double delay_sec = 0; ///< between the first connection and the first message
     std::optional<double> duration_sec;

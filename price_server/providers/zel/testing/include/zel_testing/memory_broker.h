@@ -3,12 +3,15 @@
 #include "zel/i_provider_transport.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace ps_ns::testing_ns
@@ -21,6 +24,7 @@ struct CarriedMessage
     std::string market;
     std::string instrument;
     std::vector<std::byte> payload;
+    std::uint32_t part = 0; ///< of a directory among the last values
 };
 
 class MemoryTransport;
@@ -41,8 +45,14 @@ public:
     bool IsUp() const noexcept { return m_isUp; }
 
     std::uint32_t shards = 0; ///< that it divides the instruments into; 0: none
+    bool keepsLastValues = false;
 
-    /// Called for each message that is about to be delivered; false: it is lost. Empty: none is.
+    /// Of the last values, by market, instrument and part. Kept as soon as they are published; answers wait as all
+    /// messages do. Gone when the broker goes down.
+    std::map<std::tuple<std::string, std::string, std::uint32_t>, std::vector<std::byte>> lastValues;
+    std::size_t lastValueQuestions = 0; ///< asked since the start, whether there was an answer or not
+
+    /// Called for each message that is about to be delivered, or kept; false: it is lost. Empty: none is.
     std::function<bool(const CarriedMessage&)> passes;
     std::deque<CarriedMessage> waiting;
 
@@ -69,6 +79,7 @@ public:
     void SubscribeRequests(const std::string& market) override { m_requests.push_back(market); }
     bool Publish(const TransportAddress& to, std::span<const std::byte> payload) override;
     bool AskForImages(std::string_view market, std::span<const std::byte> request) override;
+    bool AskForLastValue(const TransportAddress& of) override;
     bool Flush(std::chrono::milliseconds) override { return IsConnected(); }
     bool IsConnected() const override { return m_listener != nullptr && m_broker.IsUp() && !m_isCut; }
     std::string Describe() const override { return "memory"; }
@@ -78,7 +89,8 @@ public:
     /// Hands a message over whatever the connection is: as a transport that had it waiting when the connection broke.
     void Hand(const CarriedMessage& message)
     {
-        m_listener->OnTransportMessage({message.channel, message.market, message.instrument}, message.payload);
+        m_listener->OnTransportMessage({message.channel, message.market, message.instrument, message.part},
+                                       message.payload);
     }
     /// As a transport that had to drop messages.
     void ReportLoss() { m_listener->OnTransportLoss(); }
@@ -95,6 +107,7 @@ private:
     bool m_wantsAllPrices = false;
     bool m_wantsControl = false;
     std::set<unsigned> m_shards;
+    std::set<std::tuple<std::string, std::string, std::uint32_t>> m_asked; ///< last values
     bool m_isCut = false;
 };
 
