@@ -143,7 +143,8 @@ private:
     bool HasView(const ClientScope& client, const std::shared_ptr<const MergedOrderBook>& view) const noexcept;
     void NoteDelivered(ClientScope& client, const std::shared_ptr<const MergedOrderBook>& view);
     /// True when the recipient has to wait for its interval: its timer is armed then, and runs `later`.
-    bool MustWait(DeliveryPace& pace, unsigned interval_ms, std::function<void()> later);
+    template <class Later> // a function object on the heap is for the first time only
+    bool MustWait(DeliveryPace& pace, unsigned interval_ms, const Later& later);
     void NoteSent(DeliveryPace& pace, unsigned interval_ms, const std::shared_ptr<const MergedOrderBook>& book);
     /// False when the recipient has that book, or one that shows the same and such are skipped.
     bool IsNews(const DeliveryPace& pace, const std::shared_ptr<const MergedOrderBook>& book) const;

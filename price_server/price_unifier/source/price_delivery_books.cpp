@@ -225,6 +225,34 @@ void PriceDelivery::NoteDelivered(ClientScope& client, const std::shared_ptr<con
     }
 }
 
+template <class Later>
+bool PriceDelivery::MustWait(DeliveryPace& pace, unsigned interval_ms, const Later& later)
+{
+    if (interval_ms == 0)
+    {
+        return false;
+    }
+    const Clock::time_point now = m_now();
+    if (pace.isWaiting || now >= pace.nextTime)
+    {
+        return pace.isWaiting;
+    }
+    if (pace.timer == nullptr)
+    {
+        pace.timer = m_makeTimer("Conflation",
+                                 [&pace, later]
+                                 {
+                                     if (std::exchange(pace.isWaiting, false))
+                                     {
+                                         later();
+                                     }
+                                 });
+    }
+    pace.isWaiting = true;
+    pace.timer->Run(static_cast<unsigned>(std::chrono::ceil<std::chrono::milliseconds>(pace.nextTime - now).count()));
+    return true;
+}
+
 void PriceDelivery::DeliverOwn()
 {
     const auto later = [this]
@@ -264,33 +292,6 @@ void PriceDelivery::DeliverTo(const std::shared_ptr<ClientScope>& client)
     {
         Send(*client, book);
     }
-}
-
-bool PriceDelivery::MustWait(DeliveryPace& pace, unsigned interval_ms, std::function<void()> later)
-{
-    if (interval_ms == 0)
-    {
-        return false;
-    }
-    const Clock::time_point now = m_now();
-    if (pace.isWaiting || now >= pace.nextTime)
-    {
-        return pace.isWaiting;
-    }
-    if (pace.timer == nullptr)
-    {
-        pace.timer = m_makeTimer("Conflation",
-                                 [&pace, later = std::move(later)]
-                                 {
-                                     if (std::exchange(pace.isWaiting, false))
-                                     {
-                                         later();
-                                     }
-                                 });
-    }
-    pace.isWaiting = true;
-    pace.timer->Run(static_cast<unsigned>(std::chrono::ceil<std::chrono::milliseconds>(pace.nextTime - now).count()));
-    return true;
 }
 
 void PriceDelivery::NoteSent(DeliveryPace& pace, unsigned interval_ms,

@@ -1,58 +1,19 @@
+#include "counted_allocations.h"
 #include "testing/manager_bench.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdint>
-#include <cstdlib>
-#include <new>
+#include <functional>
+#include <initializer_list>
 #include <string>
 #include <type_traits>
 
 using namespace ps_ns;
 using namespace ps_ns::testing;
 
-// A program of its own: it replaces the process's operator new. A definition in these tests has a currency of a length
-// that no other string has, so that each copy of the definition is one allocation of just that size.
-
-namespace
-{
-
-constexpr std::size_t kMarkedLength = 4099;
-
-std::atomic<std::uint64_t> g_copies{0};
-std::atomic<std::uint64_t> g_allocations{0};
-
-} // namespace
-
-// Inlined, the two halves of a pair look mismatched to the compiler.
-[[gnu::noinline]] void* operator new(std::size_t size)
-{
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    if (size == kMarkedLength + 1)
-    {
-        g_copies.fetch_add(1, std::memory_order_relaxed);
-    }
-    void* const memory = std::malloc(size);
-    if (memory == nullptr)
-    {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept
-{
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    return std::malloc(size);
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept
-{
-    std::free(memory);
-}
+// A definition in these tests has a currency of a length that no other string has, so that each copy of the definition
+// is one allocation of just that size.
 
 namespace
 {
@@ -75,11 +36,11 @@ protected:
     template <class Request>
     Counted Count(Request request)
     {
-        const std::uint64_t before = g_copies.load();
+        const std::uint64_t before = GetMarkedAllocations();
         request();
-        const std::uint64_t posted = g_copies.load();
+        const std::uint64_t posted = GetMarkedAllocations();
         bench.Run();
-        return {posted - before, g_copies.load() - posted};
+        return {posted - before, GetMarkedAllocations() - posted};
     }
     /// A direct client A with id 1, subscribed.
     unsigned long SubscribeDirect()
@@ -102,9 +63,9 @@ static_assert(std::is_nothrow_move_constructible_v<CompositeInstrumentDef>);
 
 TEST_F(DefinitionCopies, AreCountedByTheirCurrency)
 {
-    const std::uint64_t before = g_copies.load();
+    const std::uint64_t before = GetMarkedAllocations();
     const CompositeInstrumentDef copy = def;
-    EXPECT_EQ(g_copies.load(), before + 1);
+    EXPECT_EQ(GetMarkedAllocations(), before + 1);
     EXPECT_EQ(copy.currency, def.currency);
 }
 
@@ -172,9 +133,9 @@ TEST_F(DefinitionCopies, AreNotMadeByARefusedDuplicateNorIsAnythingElseAllocated
     SubscribeDirect();
     bench.events.Clear();
     const int level = zel::logging::g_minLogLevel.exchange(100);
-    const std::uint64_t before = g_allocations.load();
+    const std::uint64_t before = GetAllocations();
     const auto [handle, result] = bench.manager->Subscribe(def, scope, observer, 2);
-    const std::uint64_t after = g_allocations.load();
+    const std::uint64_t after = GetAllocations();
     zel::logging::g_minLogLevel = level;
     EXPECT_EQ(handle, 0U);
     EXPECT_EQ(result, ps_messages_ns::SubscriptionResult::Refused);
