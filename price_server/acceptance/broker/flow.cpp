@@ -21,6 +21,7 @@ NatsOptions MakeNatsOptions(const std::string& broker)
 {
     NatsOptions options;
     options.url = broker;
+    options.lastValuesBytes = 64'000'000; // as price_publisher: they must not get in the way
     options.clientName = "broker_soak";
     return options;
 }
