@@ -20,6 +20,10 @@ using NatsOptionsHandle = std::unique_ptr<natsOptions, NatsOptionsDeleter>;
 /// text wants.
 natsStatus SetUser(natsOptions* options, const std::string& user, const std::string& password);
 
+/// What the broker has refused last for want of a right, as it says it; empty when the last error was none of that
+/// kind.
+std::string GetRefusal(natsConnection* connection);
+
 /// Where ended subscriptions lie until the library's threads have surely let go of them: destroying one while messages
 /// arrive damages the heap.
 ///

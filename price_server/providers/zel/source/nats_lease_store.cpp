@@ -343,10 +343,7 @@ void NatsLeaseStore::ReportSilence(unsigned store, bool isSilent)
         return;
     }
     silence.isSaid = true;
-    const char* said = nullptr;
-    const bool isRefused =
-        natsConnection_GetLastError(m_link->connection, &said) == NATS_NOT_PERMITTED && said != nullptr;
-    const std::string reason(isRefused ? said : "");
+    const std::string reason = GetRefusal(m_link->connection);
     zel::logging::Log(30, ZelLogSource(),
                       [&](std::ostream& text)
                       {

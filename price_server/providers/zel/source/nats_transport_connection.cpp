@@ -121,13 +121,8 @@ void NatsTransport::WatchConnection()
 void NatsTransport::ReportRefusal()
 {
     constexpr std::size_t kMostKept = 1000;
-    const char* said = nullptr;
-    if (natsConnection_GetLastError(m_link->connection, &said) != NATS_NOT_PERMITTED || said == nullptr)
-    {
-        return;
-    }
-    const std::string text(said);
-    if (m_refusalsSaid.size() >= kMostKept || !m_refusalsSaid.insert(text).second)
+    const std::string text = GetRefusal(m_link->connection);
+    if (text.empty() || m_refusalsSaid.size() >= kMostKept || !m_refusalsSaid.insert(text).second)
     {
         return;
     }
