@@ -67,9 +67,8 @@ private:
         ps_ns::SpinThenSleep wait;
         while (!m_stop.load())
         {
-            if (ps_ns::Task* const task = m_queue.take())
+            if (ps_ns::RunSome(m_queue) != 0)
             {
-                ps_ns::RunTask(m_queue, task);
                 wait.Reset();
             }
             else

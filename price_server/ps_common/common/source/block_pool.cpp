@@ -5,7 +5,6 @@
 #include <mutex>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 namespace ps_ns
 {
@@ -18,7 +17,7 @@ constexpr std::size_t kSlabBytes = BlockPool::kSlabBytes;
 constexpr std::align_val_t kSlabAlignment{kSlabBytes};
 constexpr std::align_val_t kLineAlignment{64};
 
-using Batch = std::array<void*, kBatch>;
+using Batch = detail::BlockBatch<kBatch>;
 
 /// A free block that lies in its slab, not in a batch.
 struct FreeBlock
@@ -72,39 +71,41 @@ public:
     explicit Depot(std::size_t sizeIndex)
         : m_blockSize(BlockPool::kBlockSizes[sizeIndex])
         , m_maxSlabs(BlockPool::kKeptBytes[sizeIndex] / kSlabBytes)
+        , m_batchesForSlab((Slab::GetRoom(m_blockSize) + kBatch - 1) / kBatch)
     {
-        m_batches.reserve(m_maxSlabs * Slab::GetRoom(m_blockSize) / kBatch);
     }
 
-    /// Fills `batch` from its beginning; returns how many blocks there are, at least one. Throws std::bad_alloc.
-    std::size_t Take(Batch& batch)
+    /// Replaces an empty batch by one that is filled from its beginning; returns how many blocks there are, at least
+    /// one. Throws std::bad_alloc, with the batch as it was.
+    std::size_t Fill(Batch*& batch)
     {
         const std::lock_guard lock(m_mutex);
-        if (!m_batches.empty())
+        if (Batch* const full = Pop(m_fullBatches))
         {
-            batch = m_batches.back();
-            m_batches.pop_back();
+            Push(m_emptyBatches, std::exchange(batch, full));
             return kBatch;
         }
         std::size_t count = 0;
         while (count < kBatch && (m_slabsWithFree != nullptr || AddSlab(count != 0)))
         {
-            batch[count++] = TakeFromSlab();
+            batch->blocks[count++] = TakeFromSlab();
         }
         return count;
     }
 
-    /// Takes over a whole batch.
-    void Give(const Batch& batch) noexcept
+    /// Replaces a full batch by an empty one.
+    void Empty(Batch*& batch) noexcept
     {
         const std::lock_guard lock(m_mutex);
-        if (m_slabCount <= m_maxSlabs && m_batches.size() < m_batches.capacity())
+        if (m_slabCount <= m_maxSlabs)
         {
-            m_batches.push_back(batch);
+            Batch* const empty = Pop(m_emptyBatches);
+            Push(m_fullBatches, std::exchange(batch, empty));
             return;
         }
-        // More is held than may be kept: the batches go too, so that they do not hold the slabs of a burst in place.
-        ReturnToSlabs(batch.data(), kBatch);
+        // More is held than may be kept: the full batches go too, so that they do not hold the slabs of a burst in
+        // place.
+        ReturnToSlabs(batch->blocks.data(), kBatch);
         ReturnBatches();
     }
 
@@ -112,6 +113,17 @@ public:
     {
         const std::lock_guard lock(m_mutex);
         ReturnToSlabs(blocks, count);
+    }
+
+    /// One block without a batch. Throws std::bad_alloc.
+    void* TakeOne()
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_slabsWithFree == nullptr)
+        {
+            AddSlab(false);
+        }
+        return TakeFromSlab();
     }
 
     void ReleaseUnused() noexcept
@@ -139,17 +151,27 @@ private:
     /// False instead of an exception when the caller can do without.
     bool AddSlab(bool canDoWithout)
     {
+        Batch* batches = nullptr;
         try
         {
+            for (std::size_t i = 0; i < m_batchesForSlab; ++i)
+            {
+                Push(batches, new Batch);
+            }
             Link(new (::operator new(kSlabBytes, kSlabAlignment)) Slab);
         }
         catch (const std::bad_alloc&)
         {
+            Delete(batches, m_batchesForSlab);
             if (!canDoWithout)
             {
                 throw;
             }
             return false;
+        }
+        while (Batch* const batch = Pop(batches))
+        {
+            Push(m_emptyBatches, batch);
         }
         ++m_slabCount;
         return true;
@@ -185,11 +207,22 @@ private:
 
     void ReturnBatches() noexcept
     {
-        for (const Batch& batch : m_batches)
+        while (Batch* const full = Pop(m_fullBatches))
         {
-            ReturnToSlabs(batch.data(), kBatch);
+            ReturnToSlabs(full->blocks.data(), kBatch);
+            Push(m_emptyBatches, full);
         }
-        m_batches.clear();
+    }
+
+    static void Push(Batch*& list, Batch* batch) noexcept { batch->next = std::exchange(list, batch); }
+    static Batch* Pop(Batch*& list) noexcept
+    {
+        Batch* const batch = list;
+        if (batch != nullptr)
+        {
+            list = batch->next;
+        }
+        return batch;
     }
 
     void Release(Slab* slab) noexcept
@@ -197,6 +230,16 @@ private:
         Unlink(slab);
         ::operator delete(slab, kSlabAlignment);
         --m_slabCount;
+        Delete(m_emptyBatches, m_batchesForSlab); // what is left has room in the others
+    }
+
+    /// The first `most` of a list.
+    static void Delete(Batch*& list, std::size_t most) noexcept
+    {
+        for (std::size_t i = 0; i < most && list != nullptr; ++i)
+        {
+            delete Pop(list);
+        }
     }
 
     void Link(Slab* slab) noexcept
@@ -221,8 +264,10 @@ private:
 
     const std::size_t m_blockSize;
     const std::size_t m_maxSlabs;
+    const std::size_t m_batchesForSlab; ///< enough for all of its blocks
     std::mutex m_mutex;
-    std::vector<Batch> m_batches;    ///< under m_mutex; its capacity is all that it ever needs
+    Batch* m_fullBatches = nullptr;  ///< under m_mutex
+    Batch* m_emptyBatches = nullptr; ///< under m_mutex; with the full ones, m_batchesForSlab for each slab
     Slab* m_slabsWithFree = nullptr; ///< under m_mutex
     std::size_t m_slabCount = 0;     ///< under m_mutex; those without free blocks are in no list
 };
@@ -264,35 +309,52 @@ thread_local bool t_hasEnded = false;
 /// Opens the calling thread's caches at its first use, and empties them at its end.
 class BlockCaches
 {
+    using Cache = BlockPool::Cache;
+
 public:
-    BlockCaches() noexcept
+    BlockCaches()
     {
-        for (auto& cache : BlockPool::t_caches)
+        try
         {
-            cache.room = 2 * kBatch;
+            for (Cache& cache : BlockPool::t_caches)
+            {
+                cache.batch = new Batch;
+                cache.spare = new Batch;
+                cache.blocks = cache.batch->blocks.data();
+                cache.room = kBatch;
+            }
+        }
+        catch (...)
+        {
+            Close();
+            throw;
         }
     }
     ~BlockCaches()
     {
         Empty();
-        for (auto& cache : BlockPool::t_caches)
-        {
-            cache.room = 0;
-        }
+        Close();
         t_hasEnded = true;
     }
     BlockCaches(const BlockCaches&) = delete;
     BlockCaches& operator=(const BlockCaches&) = delete;
 
-    /// False when the thread has ended: then there is nothing to open.
+    /// False when there is nothing to open: the thread has ended, or the heap has no memory for it.
     static bool Open() noexcept
     {
         if (t_hasEnded)
         {
             return false;
         }
-        static thread_local const BlockCaches caches;
-        static_cast<void>(caches);
+        try
+        {
+            static thread_local const BlockCaches caches;
+            static_cast<void>(caches);
+        }
+        catch (const std::bad_alloc&)
+        {
+            return false;
+        }
         return true;
     }
 
@@ -300,13 +362,64 @@ public:
     {
         for (std::size_t index = 0; index < kSizes; ++index)
         {
-            auto& cache = BlockPool::t_caches[index];
-            for (std::size_t i = 0; i < cache.count; ++i)
+            Cache& cache = BlockPool::t_caches[index];
+            UnpoisonAll(index, cache.blocks, cache.count);
+            GetDepot(index).Give(cache.blocks, std::exchange(cache.count, 0));
+            if (std::exchange(cache.isSpareFull, false))
             {
-                BlockPool::Unpoison(cache.blocks[i], BlockPool::kBlockSizes[index]);
+                UnpoisonAll(index, cache.spare->blocks.data(), kBatch);
+                GetDepot(index).Give(cache.spare->blocks.data(), kBatch);
             }
-            GetDepot(index).Give(cache.blocks.data(), cache.count);
-            cache.count = 0;
+        }
+    }
+
+    /// More free blocks for a cache that has none. Throws std::bad_alloc.
+    static void Refill(Cache& cache, std::size_t index)
+    {
+        if (std::exchange(cache.isSpareFull, false))
+        {
+            SwapWithSpare(cache, kBatch);
+            return;
+        }
+        cache.count = static_cast<std::uint32_t>(GetDepot(index).Fill(cache.batch));
+        cache.blocks = cache.batch->blocks.data();
+    }
+
+    /// Room in a cache that is full.
+    static void MakeRoom(Cache& cache, std::size_t index) noexcept
+    {
+        if (cache.isSpareFull)
+        {
+            UnpoisonAll(index, cache.spare->blocks.data(), kBatch);
+            GetDepot(index).Empty(cache.spare);
+        }
+        cache.isSpareFull = true;
+        SwapWithSpare(cache, 0);
+    }
+
+private:
+    static void Close() noexcept
+    {
+        for (Cache& cache : BlockPool::t_caches)
+        {
+            delete cache.batch;
+            delete cache.spare;
+            cache = {};
+        }
+    }
+
+    static void SwapWithSpare(Cache& cache, std::uint32_t count) noexcept
+    {
+        std::swap(cache.batch, cache.spare);
+        cache.blocks = cache.batch->blocks.data();
+        cache.count = count;
+    }
+
+    static void UnpoisonAll(std::size_t index, void* const* blocks, std::size_t count) noexcept
+    {
+        for (std::size_t i = 0; i < count; ++i)
+        {
+            BlockPool::Unpoison(blocks[i], BlockPool::kBlockSizes[index]);
         }
     }
 };
@@ -323,22 +436,20 @@ void* BlockPool::AllocateSlowly(std::size_t sizeIndex)
     {
         return AllocateFromHeap(kBlockSizes[sizeIndex]);
     }
-    Batch batch;
     if (!BlockCaches::Open())
     {
-        const std::size_t count = GetDepot(sizeIndex).Take(batch);
-        GetDepot(sizeIndex).Give(batch.data() + 1, count - 1);
-        return batch[0];
-    }
-    std::size_t count = GetDepot(sizeIndex).Take(batch);
-    void* const block = batch[--count];
-    for (std::size_t ahead = 0; ahead < std::min<std::size_t>(kAhead, count); ++ahead)
-    {
-        PrefetchForWriting(batch[count - 1 - ahead], kBlockSizes[sizeIndex]);
+        return GetDepot(sizeIndex).TakeOne();
     }
     Cache& cache = t_caches[sizeIndex];
-    std::copy_n(batch.begin(), count, cache.blocks.begin());
-    cache.count = static_cast<std::uint32_t>(count);
+    if (cache.count == 0)
+    {
+        BlockCaches::Refill(cache, sizeIndex);
+    }
+    void* const block = cache.blocks[--cache.count];
+    for (std::uint32_t ahead = 1; ahead <= std::min(kAhead, cache.count); ++ahead)
+    {
+        PrefetchForWriting(cache.blocks[cache.count - ahead], kBlockSizes[sizeIndex]);
+    }
     Unpoison(block, kBlockSizes[sizeIndex]);
     return block;
 }
@@ -358,14 +469,7 @@ void BlockPool::FreeSlowly(void* block, std::size_t sizeIndex) noexcept
     Cache& cache = t_caches[sizeIndex];
     if (cache.count == cache.room)
     {
-        cache.count -= std::uint32_t{kBatch};
-        Batch batch;
-        std::copy_n(cache.blocks.begin() + cache.count, kBatch, batch.begin());
-        for (void* const free : batch)
-        {
-            Unpoison(free, kBlockSizes[sizeIndex]);
-        }
-        GetDepot(sizeIndex).Give(batch);
+        BlockCaches::MakeRoom(cache, sizeIndex);
     }
     Poison(block, kBlockSizes[sizeIndex]);
     cache.blocks[cache.count++] = block;

@@ -2,12 +2,16 @@
 
 #include "common/channel_task.h"
 
+#include <array>
 #include <exception>
 
 namespace ps_ns
 {
 namespace
 {
+
+/// Enough to share what they cost together, few enough for the lines of all of them to be at hand.
+constexpr std::size_t kTasksAtOnce = 16;
 
 const std::shared_ptr<const zel::logging::Source>& LogSource()
 {
@@ -46,15 +50,29 @@ void RunTask(const DataQueue<DataMsgTask>& queue, Task* task) noexcept
     DisposeOf(task);
 }
 
-std::size_t RunDry(DataQueue<DataMsgTask>& queue)
+std::size_t RunSome(DataQueue<DataMsgTask>& queue)
 {
-    std::size_t count = 0;
-    while (Task* const task = queue.take())
+    std::array<Task*, kTasksAtOnce> tasks;
+    const std::size_t count = queue.take(tasks);
+    for (std::size_t i = 0; i < count; ++i)
     {
-        RunTask(queue, task);
-        ++count;
+        if (i + 1 == count)
+        {
+            queue.uncount(count);
+        }
+        RunTask(queue, tasks[i]);
     }
     return count;
+}
+
+std::size_t RunDry(DataQueue<DataMsgTask>& queue)
+{
+    std::size_t total = 0;
+    while (const std::size_t count = RunSome(queue))
+    {
+        total += count;
+    }
+    return total;
 }
 
 } // namespace ps_ns

@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <latch>
+#include <span>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -107,6 +109,61 @@ TEST_F(DataQueueTest, CountsTheQueuedTasksInSizeAndGauge)
     RunOne();
     EXPECT_EQ(m_queue->size(), 0U);
     EXPECT_EQ(m_gauge.Get(), 0.0);
+}
+
+TEST_F(DataQueueTest, GivesSeveralTasksAtOnceInTheirOrder)
+{
+    for (const char* const name : {"a", "b", "c"})
+    {
+        Insert(name);
+    }
+    std::array<Task*, 2> tasks{};
+    ASSERT_EQ(m_queue->take(tasks), 2U);
+    for (Task* const task : tasks)
+    {
+        task->execute();
+        delete task;
+    }
+    EXPECT_EQ(m_sequence, (Sequence{"a run", "a destroyed", "b run", "b destroyed"}));
+    EXPECT_TRUE(RunOne());
+    EXPECT_EQ(m_sequence.back(), "c destroyed");
+    EXPECT_EQ(m_queue->take(tasks), 0U);
+}
+
+TEST_F(DataQueueTest, GivesAsManyAsThereAreWhenAskedForMore)
+{
+    std::array<Task*, 8> tasks{};
+    Insert("a");
+    Insert("b");
+    ASSERT_EQ(m_queue->take(tasks), 2U);
+    EXPECT_EQ(tasks[2], nullptr);
+    Insert("c");
+    ASSERT_EQ(m_queue->take(std::span(tasks).subspan(2)), 1U);
+    for (std::size_t i = 0; i < 3; ++i)
+    {
+        tasks[i]->execute();
+        delete tasks[i];
+    }
+    EXPECT_EQ(m_sequence, (Sequence{"a run", "a destroyed", "b run", "b destroyed", "c run", "c destroyed"}));
+}
+
+TEST_F(DataQueueTest, CountsWhatWasTakenTogetherUntilItIsToldOtherwise)
+{
+    Insert("a");
+    Insert("b");
+    Insert("c");
+    std::array<Task*, 2> tasks{};
+    ASSERT_EQ(m_queue->take(tasks), 2U);
+    EXPECT_EQ(m_queue->size(), 3U);
+    EXPECT_EQ(m_gauge.Get(), 3.0);
+    m_queue->uncount(2);
+    EXPECT_EQ(m_queue->size(), 1U);
+    EXPECT_EQ(m_gauge.Get(), 1.0);
+    m_queue->uncount(0);
+    EXPECT_EQ(m_queue->size(), 1U);
+    EXPECT_EQ(m_gauge.Get(), 1.0);
+    delete tasks[0];
+    delete tasks[1];
 }
 
 TEST_F(DataQueueTest, RemembersTheLargestSize)

@@ -9,6 +9,7 @@
 #include <future>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 using namespace ps_ns;
 using namespace ps_ns::test;
@@ -76,6 +77,24 @@ TEST_F(RunDryTest, RunsWhatTheTasksThemselvesPost)
     Post([this] { m_sequence.push_back("second"); });
     EXPECT_EQ(RunDry(m_queue), 3U);
     EXPECT_EQ(m_sequence, (Sequence{"first", "second", "posted by the first"}));
+}
+
+TEST_F(RunDryTest, LetsATaskSeeAnEmptyQueueOnlyWhenNothingIsBehindIt)
+{
+    constexpr std::size_t kPosts = 100; // more than are taken at once
+    std::vector<std::size_t> behind;
+    for (std::size_t number = 0; number < kPosts; ++number)
+    {
+        Post([&] { behind.push_back(m_queue.size()); });
+    }
+    EXPECT_EQ(RunDry(m_queue), kPosts);
+    ASSERT_EQ(behind.size(), kPosts);
+    for (std::size_t number = 0; number < kPosts; ++number)
+    {
+        EXPECT_GE(behind[number], kPosts - 1 - number);
+    }
+    EXPECT_EQ(behind.back(), 0U);
+    EXPECT_EQ(m_queue.size(), 0U);
 }
 
 TEST_F(RunDryTest, RunsEachTaskAsTheQueuesThread)
@@ -273,16 +292,42 @@ TEST_F(QueueReaderTest, StopsWhenItDies)
     EXPECT_EQ(runs, 1);
 }
 
-TEST_F(QueueReaderTest, WaitsOnlyWhenThereIsNothingAndStartsTheWaitOverWithEachTask)
+TEST_F(QueueReaderTest, WaitsOnlyWhenThereIsNothing)
 {
     CountingWait::waits = 0;
     CountingWait::resets = 0;
-    for (int number = 0; number < 10; ++number)
+    std::atomic<int> runs{0};
+    for (int number = 0; number < 100; ++number)
     {
-        Post([] { EXPECT_EQ(CountingWait::waits, 0); });
+        Post(
+            [&]
+            {
+                EXPECT_EQ(CountingWait::waits, 0);
+                ++runs;
+            });
     }
     QueueReader<CountingWait> reader(m_queue);
     reader.Start();
     reader.Stop();
-    EXPECT_EQ(CountingWait::resets, 10);
+    EXPECT_EQ(runs, 100);
+}
+
+TEST_F(QueueReaderTest, StartsTheWaitOverWhenItHasFoundSomething)
+{
+    CountingWait::waits = 0;
+    CountingWait::resets = 0;
+    QueueReader<CountingWait> reader(m_queue);
+    reader.Start();
+    for (int round = 1; round <= 10; ++round)
+    {
+        std::promise<void> ran;
+        Post([&] { ran.set_value(); });
+        ran.get_future().wait();
+        const int before = CountingWait::waits;
+        while (CountingWait::waits == before)
+        {
+            std::this_thread::yield();
+        }
+        EXPECT_EQ(CountingWait::resets, round);
+    }
 }

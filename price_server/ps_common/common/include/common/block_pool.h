@@ -10,14 +10,25 @@ namespace ps_ns
 namespace detail
 {
 
-/// The free blocks of one size that one thread keeps. Neither count nor room before the thread's first use, and after
-/// its end: each access then goes the slow way.
+/// Addresses of free blocks, as many as go from thread to thread at once.
+template <std::size_t kMost>
+struct BlockBatch
+{
+    std::array<void*, kMost> blocks;
+    BlockBatch* next; ///< in the depot's lists
+};
+
+/// The free blocks of one size that one thread keeps: those in `batch`, and a spare batch that is full or empty.
+/// Neither count nor room before the thread's first use, and after its end: each access then goes the slow way.
 template <std::size_t kMost>
 struct BlockCache
 {
     std::uint32_t count = 0;
     std::uint32_t room = 0;
-    std::array<void*, kMost> blocks{};
+    void** blocks = nullptr; ///< those of `batch`
+    BlockBatch<kMost>* batch = nullptr;
+    BlockBatch<kMost>* spare = nullptr;
+    bool isSpareFull = false;
 };
 
 } // namespace detail
@@ -32,8 +43,9 @@ struct BlockCache
 /// Threads: any. A block may be freed by another thread than the one that allocated it; a thread that ends hands back
 /// what it keeps, and may still allocate and free after that, in the destructors of its thread-local objects.
 ///
-/// Bounds: after a burst, what is free beyond kKeptBytes of a size goes back to the heap, but for what the threads'
-/// own few free blocks hold in place: at most 2 * kBatch blocks of each size and thread.
+/// Bounds: an eighth of what the pool holds is for the addresses of free blocks, at most. After a burst, what is free
+/// beyond kKeptBytes of a size goes back to the heap, but for what the threads' own few free blocks hold in place: at
+/// most 2 * kBatch blocks of each size and thread.
 ///
 /// Sanitizers see every block come from the heap and go back to it: recycling is off in builds with them. The
 /// environment variable PS_RECYCLE_BLOCKS, 1 or 0, says otherwise, and is read once, when the first block is
@@ -61,11 +73,13 @@ public:
     static void ReleaseUnused() noexcept;
 
 private:
-    using Cache = detail::BlockCache<2 * kBatch>;
+    using Cache = detail::BlockCache<kBatch>;
     friend class BlockCaches;
 
     /// How many allocations ahead a block's line is asked for: it lies in the cache of the core that freed it.
     static constexpr std::uint32_t kAhead = 4;
+    /// How many allocations ahead a batch's line is asked for: it lies there too.
+    static constexpr std::uint32_t kBatchAhead = 12;
 
     static constexpr std::size_t GetSizeIndex(std::size_t size) noexcept { return size <= kBlockSizes[0] ? 0 : 1; }
     static void* AllocateSlowly(std::size_t sizeIndex);

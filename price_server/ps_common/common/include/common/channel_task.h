@@ -13,9 +13,9 @@ class ChannelTask final : public Base
 {
 public:
     /// `name` labels the action in the reader's error messages; it may be empty.
-    ChannelTask(std::function<void()> action, std::string name)
+    ChannelTask(std::function<void()>&& action, const std::string& name)
         : m_action(std::move(action))
-        , m_name(std::move(name))
+        , m_name(name)
     {
     }
 

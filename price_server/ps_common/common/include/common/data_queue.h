@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 
 namespace ps_ns
@@ -33,6 +34,9 @@ struct DataMsgTask
 /// (queue_reader.h).
 ///
 /// Threads: insert() from any thread; take() from one thread at a time; shutdown() from the owner's.
+///
+/// The consumer takes several tasks at once, and takes them off the count at once: both sides write it, and its line
+/// would go to and fro with each of them.
 ///
 /// Ownership: the queue owns the tasks in it. Its destructor disposes, without running them, of those nobody took; no
 /// producer may be inside insert() by then.
@@ -58,12 +62,19 @@ public:
 
     /// Takes the oldest task off the queue; null when there is none.
     Task* take();
+    /// Takes the oldest tasks off the queue, in their order, as many as there are and `tasks` has room for; returns how
+    /// many these are. They count as queued until uncount() is told of them.
+    std::size_t take(std::span<Task*> tasks);
+    /// `count` of the tasks that were taken together are no longer queued. To be called before the last of them runs: a
+    /// task that finds no other one counted is then right, as it is when each is taken by itself.
+    void uncount(std::size_t count) noexcept;
 
     /// Refuses tasks from now on; what is queued stays for the consumer. One-way.
     void shutdown() noexcept { m_shutdown.store(true); }
     bool isShutdown() const noexcept { return m_shutdown.load(); }
 
-    /// Number of queued tasks, and the largest such number so far. Concurrent inserts may lower the mark by one.
+    /// Number of queued tasks, with those that the consumer has taken together and is still at; and the largest such
+    /// number so far. Concurrent inserts may lower the mark by one.
     std::uint64_t size() const noexcept { return m_size.load(); }
     std::uint64_t maxSize() const noexcept { return m_maxSize.load(); }
 
@@ -98,6 +109,8 @@ private:
 
     void refuse(Task* task);
     void link(Node* node) noexcept;
+    static void unpack(Node* dummy, std::span<Task*> tasks) noexcept;
+    static void prefetchTask(const Task* task) noexcept;
     void noteWait(std::chrono::steady_clock::time_point begin) noexcept;
 
     // The consumer's side.

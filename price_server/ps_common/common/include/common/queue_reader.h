@@ -14,8 +14,12 @@ namespace ps_ns
 /// and goes no further.
 void RunTask(const DataQueue<DataMsgTask>& queue, Task* task) noexcept;
 
+/// Takes some tasks at once, runs them on the calling thread in their order, and returns how many these were; 0 when
+/// the queue is empty. The caller is the queue's only reader.
+std::size_t RunSome(DataQueue<DataMsgTask>& queue);
+
 /// Runs everything that is queued on the calling thread, until the queue is empty; returns how many tasks ran. The
-/// caller is the queue's only reader.
+/// caller is as for RunSome.
 std::size_t RunDry(DataQueue<DataMsgTask>& queue);
 
 /// The one thread that runs a queue's tasks, in their order.
@@ -58,9 +62,8 @@ private:
         {
             // Asked before the look: what was queued before Stop is still found.
             const bool stop = m_stop.load();
-            if (Task* const task = m_queue.take())
+            if (RunSome(m_queue) != 0)
             {
-                RunTask(m_queue, task);
                 wait.Reset();
             }
             else if (stop)

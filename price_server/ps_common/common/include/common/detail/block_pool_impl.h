@@ -14,6 +14,8 @@
 #include <sanitizer/asan_interface.h>
 #endif
 
+#include <algorithm>
+
 namespace ps_ns
 {
 
@@ -33,6 +35,7 @@ inline void* BlockPool::Allocate(std::size_t size)
     if (cache.count >= kAhead)
     {
         PrefetchForWriting(cache.blocks[cache.count - kAhead], kBlockSizes[index]);
+        __builtin_prefetch(cache.blocks + std::max(cache.count, kBatchAhead) - kBatchAhead);
     }
     Unpoison(block, kBlockSizes[index]);
     return block;

@@ -116,28 +116,64 @@ void DataQueue<Element>::refuse(Task* task)
 template <class Element>
 Task* DataQueue<Element>::take()
 {
+    Task* task = nullptr;
+    uncount(take({&task, 1}));
+    return task;
+}
+
+template <class Element>
+std::size_t DataQueue<Element>::take(std::span<Task*> tasks)
+{
     while (m_consumerLock.value.exchange(true, std::memory_order_acquire))
     {
     }
-    Node* const dummy = m_head.value;
-    Node* const first = dummy->next.load();
-    if (first == nullptr)
+    Node* const oldDummy = m_head.value;
+    Node* newDummy = oldDummy;
+    std::size_t count = 0;
+    for (Node* next = nullptr; count < tasks.size() && (next = newDummy->next.load()) != nullptr; ++count)
     {
-        m_consumerLock.value.store(false, std::memory_order_release);
-        return nullptr;
+        newDummy = next;
+        __builtin_prefetch(next->value); // its producer has it; it comes while the next nodes are looked at
     }
-    // The first node becomes the new dummy. Its value is out then, but still written there: it is not wiped, because
-    // the node's line may be on its way to the producer.
-    const std::unique_ptr<const Element> element(first->value);
-    Task* const task = element->task;
-    __builtin_prefetch(task); // its producer has it; the counters' lines come meanwhile
-    m_head.value = first;
+    // The last of the nodes becomes the new dummy. Its value is out then, but still written there: it is not wiped,
+    // because the node's line may be on its way to the producer.
+    m_head.value = newDummy;
     m_consumerLock.value.store(false, std::memory_order_release);
+    unpack(oldDummy, tasks.first(count));
+    return count;
+}
 
-    m_size.fetch_sub(1);
-    --m_depthGauge;
-    delete dummy;
-    return task;
+template <class Element>
+void DataQueue<Element>::uncount(std::size_t count) noexcept
+{
+    if (count != 0) // a look that found nothing leaves the line to the producers
+    {
+        m_size.fetch_sub(count);
+        m_depthGauge -= static_cast<double>(count);
+    }
+}
+
+/// Gets the tasks out of the nodes behind `dummy`, which are the caller's alone by now, and frees what held them: the
+/// dummy and all of the nodes but the last.
+template <class Element>
+void DataQueue<Element>::unpack(Node* dummy, std::span<Task*> tasks) noexcept
+{
+    for (Task*& task : tasks)
+    {
+        Node* const node = dummy->next.load(std::memory_order_relaxed);
+        const std::unique_ptr<const Element> element(node->value);
+        task = element->task;
+        prefetchTask(task);
+        delete std::exchange(dummy, node);
+    }
+}
+
+/// A task lies on two lines, which its producer has.
+template <class Element>
+void DataQueue<Element>::prefetchTask(const Task* task) noexcept
+{
+    __builtin_prefetch(task);
+    __builtin_prefetch(reinterpret_cast<const char*>(task) + kCacheLineSize);
 }
 
 } // namespace ps_ns
