@@ -1,10 +1,7 @@
 #include "clocks.h"
-#include "common/tick_clock.h"
 #include "comparison.h"
 #include "composite_price/default_composite_price_factory.h"
 #include "config/config.h"
-#include "keep.h"
-#include "price_unifier/source/callback_time_stats.h"
 #include "price_unifier/source/composite_subscription_mgr.h"
 #include "price_unifier/source/price_delivery.h"
 #include "quiet_observers.h"
@@ -169,23 +166,6 @@ void CompareDelivery(Runner& runner)
         return FloorUpdate_ns(observers, [](Observer& observer, unsigned long id, const Def& def, const Book& book)
                               { observer.OnOrderBook(id, def, book); });
     };
-    const auto byTimedReference = [](const Observers& observers)
-    {
-        const ps_ns::TickClock& clock = ps_ns::TickClock::Get();
-        ps_ns::CallbackTimes times;
-        std::uint64_t begin = clock.Now();
-        const double time_ns =
-            FloorUpdate_ns(observers,
-                           [&](Observer& observer, unsigned long id, const Def& def, const Book& book)
-                           {
-                               observer.OnOrderBook(id, def, book);
-                               const std::uint64_t now = clock.Now();
-                               times.Add(now - begin);
-                               begin = now;
-                           });
-        Keep(times);
-        return time_ns;
-    };
     const auto byPointerCopy = [](const Observers& observers)
     {
         return FloorUpdate_ns(observers,
@@ -208,7 +188,6 @@ void CompareDelivery(Runner& runner)
                         "to " + std::to_string(count) + (areMixed ? " observers of four classes" : " observers"),
                         {DeliverTo("PriceDelivery", count, areMixed, ours),
                          DeliverTo("floor: virtual calls", count, areMixed, byReference),
-                         DeliverTo("floor: virtual calls, each timed", count, areMixed, byTimedReference),
                          DeliverTo("a shared_ptr copy each", count, areMixed, byPointerCopy),
                          DeliverTo("a book copy each", count, areMixed, byBookCopy)}});
         }

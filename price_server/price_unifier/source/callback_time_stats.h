@@ -1,6 +1,5 @@
 #pragma once
 
-#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <limits>
@@ -8,24 +7,8 @@
 namespace ps_ns
 {
 
-/// Durations that one thread has collected, to be added to the record at once.
-struct CallbackTimes
-{
-    std::uint64_t min = std::numeric_limits<std::uint64_t>::max();
-    std::uint64_t max = 0;
-    std::uint64_t total = 0;
-    std::uint64_t count = 0;
-
-    void Add(std::uint64_t duration) noexcept
-    {
-        min = std::min(min, duration);
-        max = std::max(max, duration);
-        total += duration;
-        ++count;
-    }
-};
-
-/// How long callbacks take, in whatever unit the caller measures (the composite subscriptions: nanoseconds).
+/// How long callbacks take, in whatever unit the caller measures. The composite subscriptions measure in nanoseconds,
+/// and all callbacks that one change of an instrument sets off as one duration.
 ///
 /// Threads: Update from any thread, without a lock: of two concurrent updates one may lose its minimum or maximum,
 /// never its part in total and count. A copy is not one atomic step.
@@ -55,21 +38,6 @@ struct CallbackTimeStats
         }
         total.fetch_add(duration);
         count.fetch_add(1);
-    }
-
-    /// The same as an Update for each of them.
-    void Update(const CallbackTimes& times)
-    {
-        if (times.min < min.load())
-        {
-            min.store(times.min);
-        }
-        if (times.max > max.load())
-        {
-            max.store(times.max);
-        }
-        total.fetch_add(times.total);
-        count.fetch_add(times.count);
     }
 
     /// A copy of the record, which then starts over. An update that falls between the two is lost.

@@ -115,10 +115,8 @@ public:
     /// Subscriptions served by ZEL and by MDS, read from the gauges. From any thread.
     std::pair<std::uint64_t, std::uint64_t> GetSubscriptionCounts();
 
-    /// How long observers' data callbacks took, in nanoseconds. From any thread.
+    /// How long the data callbacks took that one change of an instrument set off, in nanoseconds. From any thread.
     void UpdateSnapshotTime(unsigned long duration_ns);
-    /// The same as one call for each of the durations.
-    void UpdateSnapshotTimes(const CallbackTimes& times_ns);
     void UpdateTradesTime(unsigned long duration_ns);
     const CallbackTimeStats& GetSnapshotCallbackTime() const;
     const CallbackTimeStats& GetTradesCallbackTime() const;

@@ -84,11 +84,6 @@ void CompositeSubscriptionMgr::UpdateSnapshotTime(unsigned long duration_ns)
     m_snapshotCallbackTime.Update(duration_ns);
 }
 
-void CompositeSubscriptionMgr::UpdateSnapshotTimes(const CallbackTimes& times_ns)
-{
-    m_snapshotCallbackTime.Update(times_ns);
-}
-
 void CompositeSubscriptionMgr::UpdateTradesTime(unsigned long duration_ns)
 {
     m_tradesCallbackTime.Update(duration_ns);

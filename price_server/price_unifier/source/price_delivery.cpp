@@ -6,6 +6,7 @@
 #include "logging/logging.h"
 #include "price_unifier/source/composite_subscription_mgr.h"
 #include "price_unifier/source/detail/call_observer.h"
+#include "price_unifier/source/detail/callback_round.h"
 
 #include <algorithm>
 #include <limits>
@@ -166,13 +167,16 @@ void PriceDelivery::OnTrades(CompositeComponentType::Type type, const std::share
     {
         return;
     }
-    CallTimed(m_observer->GetName(), true, [&] { m_observer->OnTrades(m_def, trades); });
+    detail::CallbackRound round(*m_manager, &CompositeSubscriptionMgr::UpdateTradesTime, m_counts.trades);
+    round.Resume();
+    CallObserver(m_observer->GetName(), [&] { m_observer->OnTrades(m_def, trades); });
+    round.Count(1);
     for (const auto& client : m_clients)
     {
         if (client->isActive && client->info.trades && !client->isRemoved.load())
         {
-            CallTimed(client->observer->GetName(), true,
-                      [&] { client->observer->OnTrades(client->id, m_def, trades); });
+            CallObserver(client->observer->GetName(), [&] { client->observer->OnTrades(client->id, m_def, trades); });
+            round.Count(1);
         }
     }
 }
@@ -216,7 +220,8 @@ void PriceDelivery::ActivateClient(ClientScope& client, bool sendImage)
     }
     if (sendImage)
     {
-        Send(client, GetView(client.info.depth));
+        detail::CallbackRound round = MakeRound();
+        Send(client, GetView(client.info.depth), round);
     }
 }
 
@@ -236,7 +241,8 @@ void PriceDelivery::ChangeClient(ClientScope& client, const CompositeSubscriptio
     DropUnusedViews();
     if (wasWaiting && client.isActive)
     {
-        Send(client, GetView(info.depth));
+        detail::CallbackRound round = MakeRound();
+        Send(client, GetView(info.depth), round);
     }
 }
 
@@ -260,12 +266,14 @@ void PriceDelivery::SetMergedScope(const CompositeSubscriptionInfo& scope)
     {
         return;
     }
+    detail::CallbackRound round = MakeRound();
     if (!m_holdsBackEmpty)
     {
         std::shared_ptr<MergedOrderBook> book = MergeBook();
         book->sequence = ++m_sequence;
         m_current = std::move(book);
-        DeliverOwn();
+        DeliverOwn(round);
+        round.Pause();
     }
     for (std::size_t i = 0; i < m_clients.size(); ++i)
     {
@@ -278,7 +286,7 @@ void PriceDelivery::SetMergedScope(const CompositeSubscriptionInfo& scope)
         }
         else if (client->isActive)
         {
-            DeliverTo(client);
+            DeliverTo(client, round);
         }
     }
 }
@@ -292,14 +300,15 @@ void PriceDelivery::GenerateSnapshot(std::uint32_t reason, ClientScope* client)
     const std::shared_ptr<const MergedOrderBook> newest = client != nullptr ? GetView(client->info.depth) : m_current;
     const std::shared_ptr<MergedOrderBook> snapshot = newest->Cut(newest->bids.depth);
     snapshot->snapshotReason = reason;
+    detail::CallbackRound round = MakeRound();
     if (client != nullptr)
     {
-        Send(*client, snapshot);
+        Send(*client, snapshot, round);
         NoteDelivered(*client, newest);
     }
     else
     {
-        SendOwn(snapshot);
+        SendOwn(snapshot, round);
         m_ownPace.delivered = newest;
     }
 }

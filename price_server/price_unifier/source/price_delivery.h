@@ -21,6 +21,11 @@ namespace ps_ns
 class CompositeSubscriptionMgr;
 class ICompositePriceFactory;
 
+namespace detail
+{
+class CallbackRound;
+} // namespace detail
+
 /// How often the observers of one composite subscription were called back with data. From any thread.
 struct CallbackCounts
 {
@@ -136,10 +141,11 @@ private:
     void PublishAs(std::shared_ptr<MergedOrderBook> book);
     void Publish();
     bool HoldsBackEmpty(const MergedOrderBook& book);
+    detail::CallbackRound MakeRound() noexcept;
     void Deliver();
-    void DeliverOwn();
-    void DeliverToClients();
-    void DeliverTo(const std::shared_ptr<ClientScope>& client);
+    void DeliverOwn(detail::CallbackRound& round);
+    void DeliverToClients(detail::CallbackRound& round);
+    void DeliverTo(const std::shared_ptr<ClientScope>& client, detail::CallbackRound& round);
     bool HasView(const ClientScope& client, const std::shared_ptr<const MergedOrderBook>& view) const noexcept;
     void NoteDelivered(ClientScope& client, const std::shared_ptr<const MergedOrderBook>& view);
     /// True when the recipient has to wait for its interval: its timer is armed then, and runs `later`.
@@ -148,10 +154,12 @@ private:
     void NoteSent(DeliveryPace& pace, unsigned interval_ms, const std::shared_ptr<const MergedOrderBook>& book);
     /// False when the recipient has that book, or one that shows the same and such are skipped.
     bool IsNews(const DeliveryPace& pace, const std::shared_ptr<const MergedOrderBook>& book) const;
-    void SendOwn(const std::shared_ptr<const MergedOrderBook>& book);
-    void Send(ClientScope& client, const std::shared_ptr<const MergedOrderBook>& book);
+    void SendOwn(const std::shared_ptr<const MergedOrderBook>& book, detail::CallbackRound& round);
+    void Send(ClientScope& client, const std::shared_ptr<const MergedOrderBook>& book, detail::CallbackRound& round);
     void TellAnswer(ClientScope& client, CompositeComponentType::Type type);
     void ForgetBook(CompositeComponentType::Type type);
+    /// True when clients of that depth see less than all of the newest book.
+    bool IsCut(std::int32_t depth) const noexcept;
     const std::shared_ptr<const MergedOrderBook>& GetView(std::int32_t depth);
     void DropUnusedViews();
 
@@ -165,9 +173,6 @@ private:
     /// Calls an observer; what it throws is logged, so that those behind it are served.
     template <class Call>
     void CallObserver(const std::string& name, const Call& call);
-    /// The same, and notes how long a book or a trade took.
-    template <class Call>
-    void CallTimed(const std::string& name, bool isTrade, const Call& call);
 
     const CompositeInstrumentDef& m_def; ///< the core's
     const std::shared_ptr<ICompositePriceObserver> m_observer;

@@ -1,17 +1,21 @@
 #include "price_unifier/source/price_delivery.h"
 
-#include "common/tick_clock.h"
 #include "composite_price/i_composite_price_factory.h"
 #include "price_unifier/source/composite_subscription_mgr.h"
 #include "price_unifier/source/detail/call_observer.h"
+#include "price_unifier/source/detail/callback_round.h"
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 namespace ps_ns
 {
 namespace
 {
+
+/// The depth of no scope.
+constexpr std::int32_t kNoDepth = std::numeric_limits<std::int32_t>::min();
 
 std::uint32_t ToLevels(std::int32_t depth) noexcept
 {
@@ -105,72 +109,26 @@ bool PriceDelivery::HoldsBackEmpty(const MergedOrderBook& book)
     return true;
 }
 
-void PriceDelivery::Deliver()
+detail::CallbackRound PriceDelivery::MakeRound() noexcept
 {
-    DeliverOwn();
-    DeliverToClients();
+    return {*m_manager, &CompositeSubscriptionMgr::UpdateSnapshotTime, m_counts.books};
 }
 
-namespace
+void PriceDelivery::Deliver()
 {
-
-/// Measures one callback after another with one look at the clock for each: where one ends the next begins. Adds to the
-/// shared counts once, at the end.
-class CallbackTimer
-{
-public:
-    CallbackTimer(CompositeSubscriptionMgr& manager, CallbackCounts& counts)
-        : m_manager(manager)
-        , m_counts(counts)
-        , m_clock(TickClock::Get())
-        , m_begin(m_clock.Now())
-    {
-    }
-    ~CallbackTimer() { Finish(); }
-    CallbackTimer(const CallbackTimer&) = delete;
-    CallbackTimer& operator=(const CallbackTimer&) = delete;
-
-    void NoteCallback()
-    {
-        const std::uint64_t now = m_clock.Now();
-        m_times.Add(now > m_begin ? now - m_begin : 0); // another core's counter may be a little behind
-        m_begin = now;
-    }
-    /// The next callback begins now.
-    void Restart() { m_begin = m_clock.Now(); }
-    /// Adds what has been measured.
-    void Finish()
-    {
-        if (m_times.count != 0)
-        {
-            m_manager.UpdateSnapshotTimes({m_clock.ToNanoseconds(m_times.min), m_clock.ToNanoseconds(m_times.max),
-                                           m_clock.ToNanoseconds(m_times.total), m_times.count});
-            m_counts.books.fetch_add(m_times.count, std::memory_order_relaxed);
-            m_times = {};
-        }
-    }
-
-private:
-    CompositeSubscriptionMgr& m_manager;
-    CallbackCounts& m_counts;
-    const TickClock& m_clock;
-    std::uint64_t m_begin;
-    CallbackTimes m_times; ///< in ticks
-};
-
-} // namespace
+    detail::CallbackRound round = MakeRound();
+    DeliverOwn(round);
+    DeliverToClients(round);
+}
 
 /// The loop that every update of every instrument goes through: what most clients want, every change of the same view,
-/// takes no look-up and no counted reference of its own, and one look at the clock.
-void PriceDelivery::DeliverToClients()
+/// takes no look-up, no counted reference of its own and no look at the clock.
+void PriceDelivery::DeliverToClients(detail::CallbackRound& round)
 {
-    if (m_clients.empty())
-    {
-        return;
-    }
-    CallbackTimer timer(*m_manager, m_counts);
-    std::int32_t depth = 0;
     std::shared_ptr<const MergedOrderBook> view; // held: a callback must not lose its book to what it sets off
+    std::int32_t depth = kNoDepth;
+    std::uint64_t sequence = 0;
+    std::uint64_t calls = 0;
     for (std::size_t i = 0; i < m_clients.size(); ++i)
     {
         ClientScope& client = *m_clients[i];
@@ -178,28 +136,34 @@ void PriceDelivery::DeliverToClients()
         {
             continue;
         }
-        if (view == nullptr || client.info.depth != depth)
+        if (client.info.depth != depth)
         {
             depth = client.info.depth;
+            if (IsCut(depth))
+            {
+                round.Pause();
+            }
             view = GetView(depth);
-            timer.Restart();
+            sequence = view->sequence;
+            round.Resume();
         }
-        if (client.viewSequence == view->sequence)
+        if (client.viewSequence == sequence)
         {
             continue; // nothing new at this depth
         }
-        if (client.info.conflationInterval_ms != 0 || view->sequence < client.sentSequence)
+        if (client.info.conflationInterval_ms != 0 || sequence < client.sentSequence)
         {
-            timer.Finish();
-            DeliverTo(m_clients[i]);
-            timer.Restart();
+            round.Pause();
+            DeliverTo(m_clients[i], round);
+            round.Resume();
             continue;
         }
-        client.viewSequence = view->sequence;
-        client.sentSequence = view->sequence;
+        client.viewSequence = sequence;
+        client.sentSequence = sequence;
+        ++calls;
         CallObserver(client.observer->GetName(), [&] { client.observer->OnOrderBook(client.id, m_def, view); });
-        timer.NoteCallback();
     }
+    round.Count(calls);
 }
 
 /// True when the view is what the client had last.
@@ -253,22 +217,23 @@ bool PriceDelivery::MustWait(DeliveryPace& pace, unsigned interval_ms, const Lat
     return true;
 }
 
-void PriceDelivery::DeliverOwn()
+void PriceDelivery::DeliverOwn(detail::CallbackRound& round)
 {
     const auto later = [this]
     {
         if (IsNews(m_ownPace, m_current))
         {
-            SendOwn(m_current);
+            detail::CallbackRound own = MakeRound();
+            SendOwn(m_current, own);
         }
     };
     if (m_ownPace.delivered != m_current && !MustWait(m_ownPace, m_scope.conflationInterval_ms, later))
     {
-        SendOwn(m_current);
+        SendOwn(m_current, round);
     }
 }
 
-void PriceDelivery::DeliverTo(const std::shared_ptr<ClientScope>& client)
+void PriceDelivery::DeliverTo(const std::shared_ptr<ClientScope>& client, detail::CallbackRound& round)
 {
     const std::shared_ptr<const MergedOrderBook>& book = GetView(client->info.depth);
     if (HasView(*client, book))
@@ -277,7 +242,7 @@ void PriceDelivery::DeliverTo(const std::shared_ptr<ClientScope>& client)
     }
     if (client->info.conflationInterval_ms == 0)
     {
-        Send(*client, book);
+        Send(*client, book, round);
         return;
     }
     const auto later = [this, weak = std::weak_ptr<ClientScope>(client)]
@@ -285,12 +250,13 @@ void PriceDelivery::DeliverTo(const std::shared_ptr<ClientScope>& client)
         const auto held = weak.lock();
         if (held != nullptr && IsNews(held->pace, GetView(held->info.depth)))
         {
-            Send(*held, GetView(held->info.depth));
+            detail::CallbackRound own = MakeRound();
+            Send(*held, GetView(held->info.depth), own);
         }
     };
     if (!MustWait(client->pace, client->info.conflationInterval_ms, later))
     {
-        Send(*client, book);
+        Send(*client, book, round);
     }
 }
 
@@ -315,15 +281,18 @@ bool PriceDelivery::IsNews(const DeliveryPace& pace, const std::shared_ptr<const
            !book->ShowsSameAs(*pace.delivered);
 }
 
-void PriceDelivery::SendOwn(const std::shared_ptr<const MergedOrderBook>& book)
+void PriceDelivery::SendOwn(const std::shared_ptr<const MergedOrderBook>& book, detail::CallbackRound& round)
 {
     // A copy of the pointer: the callback must not lose its book to what it sets off.
     const std::shared_ptr<const MergedOrderBook> held = book;
     NoteSent(m_ownPace, m_scope.conflationInterval_ms, held);
-    CallTimed(m_observer->GetName(), false, [&] { m_observer->OnOrderBook(m_def, held); });
+    round.Resume();
+    CallObserver(m_observer->GetName(), [&] { m_observer->OnOrderBook(m_def, held); });
+    round.Count(1);
 }
 
-void PriceDelivery::Send(ClientScope& client, const std::shared_ptr<const MergedOrderBook>& book)
+void PriceDelivery::Send(ClientScope& client, const std::shared_ptr<const MergedOrderBook>& book,
+                         detail::CallbackRound& round)
 {
     if (client.isRemoved.load() || book == nullptr)
     {
@@ -347,16 +316,24 @@ void PriceDelivery::Send(ClientScope& client, const std::shared_ptr<const Merged
         held = newest;
     }
     client.sentSequence = held->sequence;
-    CallTimed(client.observer->GetName(), false, [&] { client.observer->OnOrderBook(client.id, m_def, held); });
+    round.Resume();
+    CallObserver(client.observer->GetName(), [&] { client.observer->OnOrderBook(client.id, m_def, held); });
+    round.Count(1);
+    round.Pause();
+}
+
+bool PriceDelivery::IsCut(std::int32_t depth) const noexcept
+{
+    return m_current != nullptr && ToLevels(depth) < m_current->bids.depth;
 }
 
 const std::shared_ptr<const MergedOrderBook>& PriceDelivery::GetView(std::int32_t depth)
 {
-    const std::uint32_t levels = ToLevels(depth);
-    if (m_current == nullptr || levels >= m_current->bids.depth)
+    if (!IsCut(depth))
     {
         return m_current;
     }
+    const std::uint32_t levels = ToLevels(depth);
     auto view = std::find_if(m_views.begin(), m_views.end(), [&](const DepthView& v) { return v.depth == levels; });
     if (view == m_views.end())
     {

@@ -99,9 +99,9 @@ private:
     void AddCallbacks(std::vector<MetricFamily>& families) const
     {
         MetricFamily times{
-            "price_server_callback_seconds", "How long observers' price callbacks take.", MetricType::Summary, {}};
+            "price_server_callback_seconds", "How long the price callbacks of a change take.", MetricType::Summary, {}};
         MetricFamily longest{"price_server_longest_callback_seconds",
-                             "The longest price callback since the start.",
+                             "The longest that the price callbacks of a change took since the start.",
                              MetricType::Gauge,
                              {}};
         const std::array<std::pair<const char*, const CallbackTimeStats*>, 2> kinds{

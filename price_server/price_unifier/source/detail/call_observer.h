@@ -1,9 +1,7 @@
 #pragma once
 
-#include "price_unifier/source/composite_subscription_mgr.h"
 #include "price_unifier/source/price_delivery.h"
 
-#include <chrono>
 #include <exception>
 #include <string>
 
@@ -30,26 +28,6 @@ void PriceDelivery::CallObserver(const std::string& name, const Call& call)
     catch (...)
     {
         detail::LogObserverThrew(m_def, name, nullptr);
-    }
-}
-
-template <class Call>
-void PriceDelivery::CallTimed(const std::string& name, bool isTrade, const Call& call)
-{
-    const auto begin = std::chrono::steady_clock::now();
-    CallObserver(name, call);
-    const auto duration =
-        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - begin);
-    const auto duration_ns = static_cast<unsigned long>(duration.count());
-    if (isTrade)
-    {
-        m_manager->UpdateTradesTime(duration_ns);
-        m_counts.trades.fetch_add(1, std::memory_order_relaxed);
-    }
-    else
-    {
-        m_manager->UpdateSnapshotTime(duration_ns);
-        m_counts.books.fetch_add(1, std::memory_order_relaxed);
     }
 }
 
