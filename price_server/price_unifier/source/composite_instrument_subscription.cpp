@@ -54,12 +54,23 @@ Submarket GetSubmarket(const CompositeInstrumentDef& def)
 CompositeInstrumentSubscription::CompositeInstrumentSubscription(
     SimpleSubscriptionMgr* simpleSubscriptionMgr, const CompositeInstrumentDef& def,
     const CompositeSubscriptionInfo& adjustedScope, const std::shared_ptr<ICompositePriceObserver>& observer,
+    unsigned long handle, CompositeSubscriptionMgr* manager, bool skipUnchangedSnapshots, unsigned defaultDepth,
+    unsigned maxDepth, unsigned emptySuppressInterval, unsigned instrumentMonitoringInterval_sec)
+    : CompositeInstrumentSubscription(simpleSubscriptionMgr, CompositeInstrumentDef(def), adjustedScope, observer,
+                                      handle, manager, skipUnchangedSnapshots, defaultDepth, maxDepth,
+                                      emptySuppressInterval, instrumentMonitoringInterval_sec)
+{
+}
+
+CompositeInstrumentSubscription::CompositeInstrumentSubscription(
+    SimpleSubscriptionMgr* simpleSubscriptionMgr, CompositeInstrumentDef&& def,
+    const CompositeSubscriptionInfo& adjustedScope, const std::shared_ptr<ICompositePriceObserver>& observer,
     unsigned long handle, CompositeSubscriptionMgr* manager, bool skipUnchangedSnapshots, unsigned /*defaultDepth*/,
     unsigned maxDepth, unsigned emptySuppressInterval, unsigned instrumentMonitoringInterval_sec)
     : m_simpleSubscriptionMgr(simpleSubscriptionMgr)
     , m_handle(handle)
     , m_core(std::make_shared<SubscriptionCore>(
-          def, observer, manager, adjustedScope,
+          std::move(def), observer, manager, adjustedScope,
           PriceDelivery::Settings{skipUnchangedSnapshots, maxDepth, emptySuppressInterval,
                                   instrumentMonitoringInterval_sec},
           simpleSubscriptionMgr->GetSubscriptionExecutor(GetSubmarket(def)), simpleSubscriptionMgr->GetTimers(),
@@ -70,7 +81,7 @@ CompositeInstrumentSubscription::CompositeInstrumentSubscription(
 {
     for (std::size_t i = 0; i < m_components.size(); ++i)
     {
-        m_components[i].isWanted = def.components[i];
+        m_components[i].isWanted = GetDefinition().components[i];
     }
     m_simpleSubscriptionMgr->GetRegistry().Enrol(this);
 }

@@ -73,6 +73,13 @@ public:
                                     CompositeSubscriptionMgr* manager, bool skipUnchangedSnapshots,
                                     unsigned defaultDepth, unsigned maxDepth, unsigned emptySuppressInterval,
                                     unsigned instrumentMonitoringInterval_sec);
+    /// The same, for a caller who is done with the definition: it is not copied.
+    CompositeInstrumentSubscription(SimpleSubscriptionMgr* simpleSubscriptionMgr, CompositeInstrumentDef&& def,
+                                    const CompositeSubscriptionInfo& adjustedScope,
+                                    const std::shared_ptr<ICompositePriceObserver>& observer, unsigned long handle,
+                                    CompositeSubscriptionMgr* manager, bool skipUnchangedSnapshots,
+                                    unsigned defaultDepth, unsigned maxDepth, unsigned emptySuppressInterval,
+                                    unsigned instrumentMonitoringInterval_sec);
     ~CompositeInstrumentSubscription() override;
 
     // --- Scopes. There is one space of ids, direct and flexible together. ---

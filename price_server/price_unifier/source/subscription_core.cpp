@@ -39,12 +39,12 @@ private:
 
 } // namespace
 
-SubscriptionCore::SubscriptionCore(const CompositeInstrumentDef& def,
+SubscriptionCore::SubscriptionCore(CompositeInstrumentDef&& def,
                                    const std::shared_ptr<ICompositePriceObserver>& observer,
                                    CompositeSubscriptionMgr* manager, const CompositeSubscriptionInfo& scope,
                                    const PriceDelivery::Settings& settings, std::shared_ptr<Executor> executor,
                                    std::shared_ptr<AsyncDispatcher> timers, zel::metrics::Gauge staleGauge)
-    : m_def(def)
+    : m_def(std::move(def))
     , m_executor(std::move(executor))
     , m_timers(std::move(timers))
     , m_staleGauge(std::move(staleGauge))

@@ -36,7 +36,7 @@ using ComponentAnswers = std::array<ComponentAnswer, CompositeComponentType::kCo
 class SubscriptionCore final : public std::enable_shared_from_this<SubscriptionCore>
 {
 public:
-    SubscriptionCore(const CompositeInstrumentDef& def, const std::shared_ptr<ICompositePriceObserver>& observer,
+    SubscriptionCore(CompositeInstrumentDef&& def, const std::shared_ptr<ICompositePriceObserver>& observer,
                      CompositeSubscriptionMgr* manager, const CompositeSubscriptionInfo& scope,
                      const PriceDelivery::Settings& settings, std::shared_ptr<Executor> executor,
                      std::shared_ptr<AsyncDispatcher> timers, zel::metrics::Gauge staleGauge);
