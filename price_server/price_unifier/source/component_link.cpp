@@ -5,11 +5,9 @@
 namespace ps_ns
 {
 
-ComponentLink::ComponentLink(CompositeComponentType::Type component, std::shared_ptr<SubscriptionCore> core,
-                             std::shared_ptr<UnsubscribeGate> gate)
-    : m_component(component)
-    , m_core(std::move(core))
-    , m_gate(std::move(gate))
+ComponentLink::ComponentLink(CompositeComponentType::Type component, std::shared_ptr<SubscriptionCore> core)
+    : m_core(std::move(core))
+    , m_component(component)
 {
 }
 
@@ -23,7 +21,7 @@ void ComponentLink::Detach(bool forSymbolChange)
 {
     m_core->Exclude(m_isLive);
     m_forSymbolChange.store(forSymbolChange);
-    m_gate->Expect(forSymbolChange);
+    m_core->GetGate().Expect(forSymbolChange);
     m_owesAnswer.store(true);
 }
 
@@ -34,12 +32,12 @@ void ComponentLink::DeliverIfLive(Call call)
     {
         return;
     }
-    m_core->Deliver(
-        [self = shared_from_this(), call = std::move(call)](PriceDelivery& delivery)
+    m_core->Run(
+        [self = shared_from_this(), call = std::move(call)](SubscriptionCore& core)
         {
             if (self->m_isLive.load())
             {
-                call(*self, delivery);
+                call(*self, core);
             }
         });
 }
@@ -52,36 +50,42 @@ void ComponentLink::OnSubscribed(ps_messages_ns::SubscriptionResult::Value resul
 void ComponentLink::OnBook(std::shared_ptr<const BookUpdate> update)
 {
     DeliverIfLive(
-        [update = std::move(update)](ComponentLink& link, PriceDelivery& delivery)
+        [update = std::move(update)](ComponentLink& link, SubscriptionCore& core)
         {
-            delivery.OnBook(link.m_component, *update);
-            link.m_core->NoteSnapshot();
+            core.GetDelivery().OnBook(link.m_component, *update);
+            core.NoteSnapshot();
         });
 }
 
 void ComponentLink::OnTrades(std::shared_ptr<const std::vector<Trade>> trades)
 {
-    DeliverIfLive([trades = std::move(trades)](ComponentLink& link, PriceDelivery& delivery)
-                  { delivery.OnTrades(link.m_component, trades); });
+    DeliverIfLive([trades = std::move(trades)](ComponentLink& link, SubscriptionCore& core)
+                  { core.GetDelivery().OnTrades(link.m_component, trades); });
 }
 
 void ComponentLink::OnCustomFields(std::shared_ptr<const CustomFields> fields)
 {
-    DeliverIfLive([fields = std::move(fields)](ComponentLink& link, PriceDelivery& delivery)
-                  { delivery.OnCustomFields(link.m_component, fields); });
+    DeliverIfLive([fields = std::move(fields)](ComponentLink& link, SubscriptionCore& core)
+                  { core.GetDelivery().OnCustomFields(link.m_component, fields); });
 }
 
 void ComponentLink::OnStale(bool isStale)
 {
-    DeliverIfLive([isStale](ComponentLink& link, PriceDelivery& delivery)
-                  { delivery.OnStale(link.m_component, isStale); });
+    DeliverIfLive(
+        [isStale](ComponentLink& link, SubscriptionCore& core)
+        {
+            if (PriceDelivery* const delivery = core.FindDelivery()) // without one there is nothing to be out of date
+            {
+                delivery->OnStale(link.m_component, isStale);
+            }
+        });
 }
 
 void ComponentLink::OnUnsubscribed(bool ok)
 {
     if (m_owesAnswer.exchange(false))
     {
-        m_gate->OnAnswer(m_forSymbolChange.load(), ok);
+        m_core->GetGate().OnAnswer(m_forSymbolChange.load(), ok);
     }
 }
 

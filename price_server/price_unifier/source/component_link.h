@@ -2,7 +2,6 @@
 
 #include "composite_instrument/composite_component_type.h"
 #include "price_unifier/source/subscription_core.h"
-#include "price_unifier/source/unsubscribe_gate.h"
 #include "simple_subscription/i_component_listener.h"
 
 #include <atomic>
@@ -12,15 +11,14 @@ namespace ps_ns
 {
 
 /// One component's subscription with one provider: takes what the provider delivers and hands it to the core, until it
-/// is detached. From then on only the answer to the unsubscribe matters, and that is given to the gate exactly once,
+/// is detached. From then on only the answer to the unsubscribe matters, and the core's gate gets it exactly once,
 /// even if the provider lets the link go without one.
 ///
 /// Threads: the listener operations come from the provider's, Detach from the data-queue thread.
 class ComponentLink final : public IComponentListener, public std::enable_shared_from_this<ComponentLink>
 {
 public:
-    ComponentLink(CompositeComponentType::Type component, std::shared_ptr<SubscriptionCore> core,
-                  std::shared_ptr<UnsubscribeGate> gate);
+    ComponentLink(CompositeComponentType::Type component, std::shared_ptr<SubscriptionCore> core);
     ~ComponentLink() override;
 
     /// Takes in nothing more, and expects the answer to an unsubscribe, if it has not been let go already.
@@ -36,13 +34,12 @@ public:
     void OnUnsubscribed(bool ok) override;
 
 private:
-    /// Runs `deliver` on the executor, unless the link is detached by then.
+    /// Runs `call(link, core)` on the executor, unless the link is detached by then.
     template <class Call>
     void DeliverIfLive(Call call);
 
-    const CompositeComponentType::Type m_component;
     const std::shared_ptr<SubscriptionCore> m_core;
-    const std::shared_ptr<UnsubscribeGate> m_gate;
+    const CompositeComponentType::Type m_component;
     std::atomic<bool> m_isLive{true};
     std::atomic<bool> m_forSymbolChange{false};
     std::atomic<bool> m_owesAnswer{false};

@@ -54,24 +54,28 @@ Submarket GetSubmarket(const CompositeInstrumentDef& def)
 CompositeInstrumentSubscription::CompositeInstrumentSubscription(
     SimpleSubscriptionMgr* simpleSubscriptionMgr, const CompositeInstrumentDef& def,
     const CompositeSubscriptionInfo& adjustedScope, const std::shared_ptr<ICompositePriceObserver>& observer,
+    unsigned long handle, CompositeSubscriptionMgr* manager, bool skipUnchangedSnapshots, unsigned defaultDepth,
+    unsigned maxDepth, unsigned emptySuppressInterval, unsigned instrumentMonitoringInterval_sec)
+    : CompositeInstrumentSubscription(simpleSubscriptionMgr, CompositeInstrumentDef(def), adjustedScope, observer,
+                                      handle, manager, skipUnchangedSnapshots, defaultDepth, maxDepth,
+                                      emptySuppressInterval, instrumentMonitoringInterval_sec)
+{
+}
+
+CompositeInstrumentSubscription::CompositeInstrumentSubscription(
+    SimpleSubscriptionMgr* simpleSubscriptionMgr, CompositeInstrumentDef&& def,
+    const CompositeSubscriptionInfo& adjustedScope, const std::shared_ptr<ICompositePriceObserver>& observer,
     unsigned long handle, CompositeSubscriptionMgr* manager, bool skipUnchangedSnapshots, unsigned /*defaultDepth*/,
     unsigned maxDepth, unsigned emptySuppressInterval, unsigned instrumentMonitoringInterval_sec)
     : m_simpleSubscriptionMgr(simpleSubscriptionMgr)
     , m_handle(handle)
     , m_core(std::make_shared<SubscriptionCore>(
-          def, observer, manager, adjustedScope,
-          PriceDelivery::Settings{skipUnchangedSnapshots, maxDepth, emptySuppressInterval,
-                                  instrumentMonitoringInterval_sec},
-          simpleSubscriptionMgr->GetSubscriptionExecutor(GetSubmarket(def)), simpleSubscriptionMgr->GetTimers(),
-          simpleSubscriptionMgr->GetStaleGauge()))
-    , m_gate(std::make_shared<UnsubscribeGate>([this, manager]
-                                               { manager->OnUnsubscribeCompositeSubscription(this, GetDefinition()); }))
+          std::move(def), observer, manager, adjustedScope,
+          SubscriptionCore::Settings{skipUnchangedSnapshots, maxDepth, emptySuppressInterval,
+                                     instrumentMonitoringInterval_sec},
+          simpleSubscriptionMgr->GetSurroundings(GetSubmarket(def)), static_cast<IUnsubscribeOwner*>(this)))
     , m_mergedScope(adjustedScope)
 {
-    for (std::size_t i = 0; i < m_components.size(); ++i)
-    {
-        m_components[i].isWanted = def.components[i];
-    }
     m_simpleSubscriptionMgr->GetRegistry().Enrol(this);
 }
 
@@ -79,11 +83,16 @@ CompositeInstrumentSubscription::~CompositeInstrumentSubscription()
 {
     m_simpleSubscriptionMgr->GetRegistry().Leave(this);
     m_core->Silence();
-    m_gate->Disarm();
+    m_core->GetGate().Disarm();
     for (Component& component : m_components)
     {
         Unsubscribe(component, false);
     }
+}
+
+void CompositeInstrumentSubscription::OnAllUnsubscribed()
+{
+    m_core->GetManager()->OnUnsubscribeCompositeSubscription(this, GetDefinition());
 }
 
 // --- Components ------------------------------------------------------------------------------------------------------
@@ -109,8 +118,8 @@ int CompositeInstrumentSubscription::Subscribe(CompositeComponentType::Type type
         why = "no provider serves " + GetComponentSymbol(type, GetSymbol());
         return failure; // undecided: the switch to another provider may still come
     }
-    m_core->BeginEpoch(type, m_provider, GetSymbol());
-    const auto link = std::make_shared<ComponentLink>(type, m_core, m_gate);
+    m_core->BeginEpoch(type, m_provider, m_newSymbol);
+    const auto link = std::make_shared<ComponentLink>(type, m_core);
     int status = SubscribeStatus::Failed;
     try
     {
@@ -151,7 +160,7 @@ int CompositeInstrumentSubscription::SubscribeComponents()
     bool isFirst = true;
     for (const auto type : kComponentTypes)
     {
-        if (!Get(type).isWanted)
+        if (!IsWanted(type))
         {
             continue;
         }
@@ -250,7 +259,7 @@ void CompositeInstrumentSubscription::UnsubscribeComponents() noexcept
     {
         Unsubscribe(component, false);
     }
-    m_gate->BeginTeardown();
+    m_core->GetGate().BeginTeardown();
 }
 
 void CompositeInstrumentSubscription::SubscribeAnew(CompositeComponentType::Type type)
@@ -288,12 +297,12 @@ void CompositeInstrumentSubscription::SwitchProvider(CompositeComponentType::Typ
             component.provider = provider;
             component.isDecided = true;
         }
-        else if (component.isWanted && !component.isDecided)
+        else if (IsWanted(other) && !component.isDecided)
         {
             DecideProvider(other); // what was undecided with it may be decided now
         }
         const bool isSame = component.provider == before && component.link != nullptr;
-        if (!component.isWanted || isSame || !component.isDecided || m_lifeState == DirectUnsubscribed)
+        if (!IsWanted(other) || isSame || !component.isDecided || m_lifeState == DirectUnsubscribed)
         {
             continue;
         }
@@ -313,14 +322,15 @@ void CompositeInstrumentSubscription::SwitchProvider(CompositeComponentType::Typ
 void CompositeInstrumentSubscription::UnsubscribeDirect(UnsubscribeAnswer answer) noexcept
 {
     m_lifeState = DirectUnsubscribed;
-    m_gate->BeginChange(m_simpleSubscriptionMgr->GetSymbolChangeGroups().Get(GetDefinition().marketId, GetSymbol()),
-                        [answer = std::move(answer), id = CompositeInstrumentID(GetDefinition())](bool ok)
-                        { answer(id, ok); });
+    m_core->GetGate().BeginChange(
+        std::shared_ptr<UnsubscribeGate>(m_core, &m_core->GetGate()),
+        m_simpleSubscriptionMgr->GetSymbolChangeGroups().Get(GetDefinition().marketId, GetSymbol()),
+        [answer = std::move(answer), id = CompositeInstrumentID(GetDefinition())](bool ok) { answer(id, ok); });
     for (Component& component : m_components)
     {
         Unsubscribe(component, true);
     }
-    m_gate->FinishExpecting();
+    m_core->GetGate().FinishExpecting();
 }
 
 void CompositeInstrumentSubscription::ResubscribeDirect(const std::string& newSymbol) noexcept
@@ -330,13 +340,13 @@ void CompositeInstrumentSubscription::ResubscribeDirect(const std::string& newSy
         return; // subscribed again already
     }
     m_simpleSubscriptionMgr->GetSymbolChangeGroups().Drop(GetDefinition().marketId, GetSymbol());
-    m_newSymbol = std::make_unique<const std::string>(newSymbol);
+    m_newSymbol = std::make_shared<const std::string>(newSymbol);
     if (!m_isEnding)
     {
         m_lifeState = Active;
         for (const auto type : kComponentTypes)
         {
-            if (!Get(type).isWanted)
+            if (!IsWanted(type))
             {
                 continue;
             }
@@ -350,7 +360,7 @@ void CompositeInstrumentSubscription::ResubscribeDirect(const std::string& newSy
             }
         }
     }
-    m_gate->EndChange();
+    m_core->GetGate().EndChange();
 }
 
 // --- Delivery --------------------------------------------------------------------------------------------------------
@@ -364,9 +374,10 @@ void CompositeInstrumentSubscription::RunViaExecutor(std::function<void()> task)
 {
     m_core->RunViaExecutor(std::move(task));
     // Data may follow the last of the answers that are replayed to a client who has just joined.
-    if (m_joining.replaysToCome != 0 && --m_joining.replaysToCome == 0)
+    if (m_joining != nullptr && --m_joining->replaysToCome == 0)
     {
-        m_core->ActivateClient(std::move(m_joining.client), m_joining.hadSnapshot);
+        const std::unique_ptr<Joining> joining = std::move(m_joining);
+        m_core->ActivateClient(std::move(joining->client), joining->hadSnapshot);
     }
 }
 
@@ -375,18 +386,20 @@ void CompositeInstrumentSubscription::RunViaExecutor(std::function<void()> task)
 SubscriptionResult::Value
 CompositeInstrumentSubscription::GetSubscribeResult(CompositeComponentType::Type component) const
 {
-    return m_answersAtJoin[static_cast<std::size_t>(component)].result;
+    return m_answersAtJoin != nullptr ? (*m_answersAtJoin)[static_cast<std::size_t>(component)].result
+                                      : SubscriptionResult::None;
 }
 
 const PriceFormat& CompositeInstrumentSubscription::GetPriceFormat(CompositeComponentType::Type component) const
 {
-    return m_answersAtJoin[static_cast<std::size_t>(component)].format;
+    static const PriceFormat kUnknown;
+    return m_answersAtJoin != nullptr ? (*m_answersAtJoin)[static_cast<std::size_t>(component)].format : kUnknown;
 }
 
 ComponentView CompositeInstrumentSubscription::GetComponentView(CompositeComponentType::Type type) const
 {
     const Component& component = m_components[static_cast<std::size_t>(type)];
-    return {component.isWanted,
+    return {IsWanted(type),
             component.isDecided,
             component.link != nullptr,
             component.provider,

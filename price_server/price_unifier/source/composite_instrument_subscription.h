@@ -12,11 +12,12 @@
 #include "simple_subscription/subscription_registry.h"
 
 #include <array>
+#include <cstddef>
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
 #include <tuple>
+#include <vector>
 
 namespace ps_ns
 {
@@ -25,7 +26,6 @@ class ComponentLink;
 class CompositeSubscriptionMgr;
 class ICompositePriceObserver;
 class SimpleSubscriptionMgr;
-class UnsubscribeGate;
 
 /// One component of a composite subscription, for people who look into the server.
 struct ComponentView
@@ -52,7 +52,7 @@ struct ComponentView
 /// Ends: after UnsubscribeComponents it reports to the manager exactly once, as its last touch, from whatever thread
 /// the last provider answered on. Under a symbol change it holds that report back until ResubscribeDirect, or until the
 /// change has failed.
-class CompositeInstrumentSubscription final : public EnrolledSubscription
+class CompositeInstrumentSubscription final : public EnrolledSubscription, private IUnsubscribeOwner
 {
 public:
     /// What a symbol change asks: it passes over what is not Active.
@@ -68,6 +68,13 @@ public:
     /// `adjustedScope` has a real depth, no sentinel. `handle` is 0 on the flexible interface. Intervals: the
     /// empty-book one in milliseconds, 0 for none; the monitoring one in seconds, 0 for none.
     CompositeInstrumentSubscription(SimpleSubscriptionMgr* simpleSubscriptionMgr, const CompositeInstrumentDef& def,
+                                    const CompositeSubscriptionInfo& adjustedScope,
+                                    const std::shared_ptr<ICompositePriceObserver>& observer, unsigned long handle,
+                                    CompositeSubscriptionMgr* manager, bool skipUnchangedSnapshots,
+                                    unsigned defaultDepth, unsigned maxDepth, unsigned emptySuppressInterval,
+                                    unsigned instrumentMonitoringInterval_sec);
+    /// The same, for a caller who is done with the definition: it is not copied.
+    CompositeInstrumentSubscription(SimpleSubscriptionMgr* simpleSubscriptionMgr, CompositeInstrumentDef&& def,
                                     const CompositeSubscriptionInfo& adjustedScope,
                                     const std::shared_ptr<ICompositePriceObserver>& observer, unsigned long handle,
                                     CompositeSubscriptionMgr* manager, bool skipUnchangedSnapshots,
@@ -89,7 +96,7 @@ public:
                      CompositeSubscriptionInfo& newAggregate);
     /// Re-targets the components to a new merged scope; the clients that it concerns get a new book.
     void ChangeScope(const CompositeSubscriptionInfo& aggregate);
-    bool GetScope(unsigned long subscriptionId, ScopeEntry& scope) const;
+    bool GetScope(unsigned long subscriptionId, ScopeEntry& entry) const;
     bool HasIndividualSubscriptions() const noexcept { return !m_scopes.empty(); }
     const CompositeSubscriptionInfo& GetMergedScope() const noexcept { return m_mergedScope; }
 
@@ -140,13 +147,14 @@ public:
     /// When the newest update in the book reached the provider, ns since 1970 UTC; 0: none yet. From any thread.
     std::uint64_t GetLastUpdateTime_ns() const noexcept { return m_core->GetLastUpdateTime_ns(); }
     ComponentView GetComponentView(CompositeComponentType::Type component) const;
-    /// Calls `visit` for each scope, in no order: its id, what it asks for, and the name of its observer.
+    /// Calls `visit` for each scope: its id, what it asks for, and the name of its observer.
     template <class Visit>
     void ForEachScope(Visit&& visit) const
     {
-        for (const auto& [id, scope] : m_scopes)
+        for (const Scope& scope : m_scopes)
         {
-            visit(id, scope.info, scope.observer != nullptr ? scope.observer->GetName() : m_core->GetObserverName());
+            visit(scope.id, scope.info,
+                  scope.client != nullptr ? scope.client->observer->GetName() : m_core->GetObserver()->GetName());
         }
     }
     /// Callbacks made so far, like "books=12 trades=3 customFields=0".
@@ -157,20 +165,31 @@ public:
 private:
     struct Component
     {
-        bool isWanted = false;
-        bool isDecided = true; ///< its provider is final
-        ProviderType::Value provider = ProviderType::Zel;
         std::shared_ptr<ComponentLink> link; ///< null: not subscribed
+        ProviderType::Value provider = ProviderType::Zel;
+        bool isDecided = true; ///< its provider is final
     };
     struct Scope
     {
+        unsigned long id = 0;
         CompositeSubscriptionInfo info;
-        std::shared_ptr<IFlexiblePriceObserver> observer; ///< empty: a direct client's
-        std::shared_ptr<ClientScope> client;              ///< the delivery's record; empty for a direct client's
+        std::shared_ptr<ClientScope> client; ///< the delivery's record; empty for a direct client's
     };
 
     Component& Get(CompositeComponentType::Type type) { return m_components[static_cast<std::size_t>(type)]; }
+    bool IsWanted(CompositeComponentType::Type type) const
+    {
+        return GetDefinition().components[static_cast<std::size_t>(type)];
+    }
+    /// Where the id's scope is, or belongs.
+    std::size_t FindPlace(unsigned long subscriptionId) const;
+    bool HasScopeAt(std::size_t place, unsigned long subscriptionId) const
+    {
+        return place < m_scopes.size() && m_scopes[place].id == subscriptionId;
+    }
     CompositeSubscriptionInfo MergeScopes() const;
+    void Join(const std::shared_ptr<ClientScope>& client);
+    void OnAllUnsubscribed() override;
 
     void DecideProvider(CompositeComponentType::Type type);
     /// Subscribes one component with its provider; returns the status, and why if it is a failure with a reason.
@@ -184,16 +203,15 @@ private:
     SimpleSubscriptionMgr* const m_simpleSubscriptionMgr;
     const unsigned long m_handle;
     const std::shared_ptr<SubscriptionCore> m_core;
-    const std::shared_ptr<UnsubscribeGate> m_gate;
-    std::unique_ptr<const std::string> m_newSymbol;     ///< null: still the definition's
+    std::shared_ptr<const std::string> m_newSymbol;     ///< null: still the definition's
     ProviderType::Value m_provider = ProviderType::Zel; ///< who serves the first wanted component that could be
     LifeState m_lifeState = Active;
     bool m_isEnding = false;
 
     CompositeSubscriptionInfo m_mergedScope;
-    std::map<unsigned long, Scope> m_scopes; ///< a tree: most subscriptions have one scope, and no room for buckets
+    std::vector<Scope> m_scopes; ///< by id: most subscriptions have one
     std::array<Component, CompositeComponentType::kCount> m_components;
-    ComponentAnswers m_answersAtJoin;
+    std::unique_ptr<const ComponentAnswers> m_answersAtJoin; ///< null: there were none
 
     /// The client that has just joined, until its replays have been posted.
     struct Joining
@@ -202,7 +220,7 @@ private:
         unsigned replaysToCome = 0;
         bool hadSnapshot = false;
     };
-    Joining m_joining;
+    std::unique_ptr<Joining> m_joining;
     std::shared_ptr<ClientScope> m_lastAsker; ///< whose scope was added or changed last; null: a direct client's
 };
 

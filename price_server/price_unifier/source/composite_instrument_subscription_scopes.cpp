@@ -11,17 +11,23 @@ namespace ps_ns
 
 using ps_messages_ns::SubscriptionResult;
 
+std::size_t CompositeInstrumentSubscription::FindPlace(unsigned long subscriptionId) const
+{
+    const auto place = std::lower_bound(m_scopes.begin(), m_scopes.end(), subscriptionId,
+                                        [](const Scope& scope, unsigned long id) { return scope.id < id; });
+    return static_cast<std::size_t>(place - m_scopes.begin());
+}
+
 CompositeSubscriptionInfo CompositeInstrumentSubscription::MergeScopes() const
 {
     if (m_scopes.empty())
     {
         return m_mergedScope; // no sentinel ever reaches a component: the last one stays
     }
-    auto scope = m_scopes.begin();
-    CompositeSubscriptionInfo merged = scope->second.info;
-    while (++scope != m_scopes.end())
+    CompositeSubscriptionInfo merged = m_scopes.front().info;
+    for (std::size_t i = 1; i < m_scopes.size(); ++i)
     {
-        merged = CompositeSubscriptionInfo::Merge(merged, scope->second.info);
+        merged = CompositeSubscriptionInfo::Merge(merged, m_scopes[i].info);
     }
     return merged;
 }
@@ -30,33 +36,21 @@ bool CompositeInstrumentSubscription::AddScope(const CompositeSubscriptionInfo& 
                                                const std::shared_ptr<IFlexiblePriceObserver>& flexibleObserver,
                                                CompositeSubscriptionInfo& newAggregate)
 {
-    Scope scope{info, flexibleObserver, nullptr};
-    if (flexibleObserver != nullptr)
-    {
-        scope.client = std::make_shared<ClientScope>(subscriptionId, flexibleObserver, info);
-    }
-    const std::shared_ptr<ClientScope> client = scope.client;
-    const auto [entry, isNew] = m_scopes.try_emplace(subscriptionId, std::move(scope));
-    if (!isNew)
+    const std::size_t place = FindPlace(subscriptionId);
+    if (HasScopeAt(place, subscriptionId))
     {
         return false;
     }
-    const bool hadSnapshot = m_core->AnySnapshotsReceived();
+    std::shared_ptr<ClientScope> client;
+    if (flexibleObserver != nullptr)
+    {
+        client = std::make_shared<ClientScope>(subscriptionId, flexibleObserver, info);
+    }
+    const auto entry =
+        m_scopes.insert(m_scopes.begin() + static_cast<std::ptrdiff_t>(place), Scope{subscriptionId, info, client});
     try
     {
-        m_answersAtJoin = client != nullptr ? m_core->AddClient(client) : m_core->GetAnswers();
-        const auto replays =
-            std::count_if(m_answersAtJoin.begin(), m_answersAtJoin.end(),
-                          [](const ComponentAnswer& answer) { return answer.result != SubscriptionResult::None; });
-        m_joining = Joining{};
-        if (client != nullptr && replays == 0)
-        {
-            m_core->ActivateClient(client, hadSnapshot);
-        }
-        else if (client != nullptr)
-        {
-            m_joining = Joining{client, static_cast<unsigned>(replays), hadSnapshot};
-        }
+        Join(client);
     }
     catch (...)
     {
@@ -73,40 +67,63 @@ bool CompositeInstrumentSubscription::AddScope(const CompositeSubscriptionInfo& 
     return true;
 }
 
+/// `client` is null for a direct client's scope.
+void CompositeInstrumentSubscription::Join(const std::shared_ptr<ClientScope>& client)
+{
+    const bool hadSnapshot = m_core->AnySnapshotsReceived();
+    const ComponentAnswers answers = client != nullptr ? m_core->AddClient(client) : m_core->GetAnswers();
+    const bool hasAnswers = answers != ComponentAnswers{};
+    m_answersAtJoin = hasAnswers ? std::make_unique<const ComponentAnswers>(answers) : nullptr;
+    const auto replays =
+        std::count_if(answers.begin(), answers.end(),
+                      [](const ComponentAnswer& answer) { return answer.result != SubscriptionResult::None; });
+    m_joining.reset();
+    if (client != nullptr && replays == 0)
+    {
+        m_core->ActivateClient(client, hadSnapshot);
+    }
+    else if (client != nullptr)
+    {
+        m_joining = std::make_unique<Joining>(Joining{client, static_cast<unsigned>(replays), hadSnapshot});
+    }
+}
+
 bool CompositeInstrumentSubscription::RemoveScope(unsigned long subscriptionId, CompositeSubscriptionInfo& newAggregate)
 {
-    const auto entry = m_scopes.find(subscriptionId);
-    if (entry == m_scopes.end())
+    const std::size_t place = FindPlace(subscriptionId);
+    if (!HasScopeAt(place, subscriptionId))
     {
         return false;
     }
+    std::shared_ptr<ClientScope> client = std::move(m_scopes[place].client);
+    m_scopes.erase(m_scopes.begin() + static_cast<std::ptrdiff_t>(place));
+    m_mergedScope = MergeScopes();
+    newAggregate = m_mergedScope;
     // The record moves to the executor, so that it is let go there: its timers must not lose it under their feet.
-    if (std::shared_ptr<ClientScope> client = std::move(entry->second.client))
+    if (client != nullptr)
     {
         m_lastAsker.reset();
         client->isRemoved.store(true);
         m_core->RemoveClient(std::move(client));
     }
-    m_scopes.erase(entry);
-    m_mergedScope = MergeScopes();
-    newAggregate = m_mergedScope;
     return true;
 }
 
 bool CompositeInstrumentSubscription::ChangeScope(const CompositeSubscriptionInfo& info, unsigned long subscriptionId,
                                                   CompositeSubscriptionInfo& newAggregate)
 {
-    const auto entry = m_scopes.find(subscriptionId);
-    if (entry == m_scopes.end())
+    const std::size_t place = FindPlace(subscriptionId);
+    if (!HasScopeAt(place, subscriptionId))
     {
         return false;
     }
-    if (entry->second.client != nullptr)
+    Scope& scope = m_scopes[place];
+    if (scope.client != nullptr)
     {
-        m_core->ChangeClient(entry->second.client, info);
+        m_core->ChangeClient(scope.client, info);
     }
-    m_lastAsker = entry->second.client;
-    entry->second.info = info;
+    m_lastAsker = scope.client;
+    scope.info = info;
     m_mergedScope = MergeScopes();
     newAggregate = m_mergedScope;
     return true;
@@ -127,14 +144,15 @@ void CompositeInstrumentSubscription::ChangeScope(const CompositeSubscriptionInf
     m_core->SetMergedScope(aggregate);
 }
 
-bool CompositeInstrumentSubscription::GetScope(unsigned long subscriptionId, ScopeEntry& scope) const
+bool CompositeInstrumentSubscription::GetScope(unsigned long subscriptionId, ScopeEntry& entry) const
 {
-    const auto entry = m_scopes.find(subscriptionId);
-    if (entry == m_scopes.end())
+    const std::size_t place = FindPlace(subscriptionId);
+    if (!HasScopeAt(place, subscriptionId))
     {
         return false;
     }
-    scope = {entry->second.info, entry->second.observer};
+    const Scope& scope = m_scopes[place];
+    entry = {scope.info, scope.client != nullptr ? scope.client->observer : nullptr};
     return true;
 }
 

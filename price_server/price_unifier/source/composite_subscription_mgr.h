@@ -266,9 +266,9 @@ private:
     void SubscribeImpl(const CompositeInstrumentDef& def, const CompositeSubscriptionInfo& info,
                        const std::shared_ptr<ICompositePriceObserver>& observer, unsigned long subscriptionId,
                        unsigned long handle);
-    void RunDirectSubscribe(const CompositeInstrumentDef& def, const std::shared_ptr<ICompositePriceObserver>& observer,
+    void RunDirectSubscribe(CompositeInstrumentDef&& posted, const std::shared_ptr<ICompositePriceObserver>& observer,
                             unsigned long handle, const CompositeSubscriptionInfo& info, unsigned long subscriptionId);
-    void RunFlexibleSubscribe(LocalObserverFactory& factory, const CompositeInstrumentDef& def,
+    void RunFlexibleSubscribe(LocalObserverFactory& factory, CompositeInstrumentDef&& def,
                               const CompositeSubscriptionInfo& info,
                               const std::shared_ptr<IFlexiblePriceObserver>& flexibleObserver,
                               unsigned long subscriptionId);
@@ -279,10 +279,11 @@ private:
     void ReplayResults(CompositeInstrumentSubscription& subscription, const CompositeInstrumentDef& def,
                        const std::shared_ptr<IFlexiblePriceObserver>& flexibleObserver, unsigned long subscriptionId);
     void OpenFlexibleSubscription(LocalObserverFactory& factory, CompositeInstrumentID&& id,
-                                  const CompositeInstrumentDef& def, const CompositeSubscriptionInfo& info,
+                                  CompositeInstrumentDef&& posted, const CompositeSubscriptionInfo& info,
                                   const std::shared_ptr<IFlexiblePriceObserver>& flexibleObserver,
                                   unsigned long subscriptionId);
-    SubscriptionMap::iterator CreateSubscription(CompositeInstrumentID&& id, const CompositeInstrumentDef& def,
+    /// The subscription takes the action's own copy of the definition over: the action is done with it.
+    SubscriptionMap::iterator CreateSubscription(CompositeInstrumentID&& id, CompositeInstrumentDef&& def,
                                                  const MarketValues& market, const CompositeSubscriptionInfo& adjusted,
                                                  const std::shared_ptr<ICompositePriceObserver>& observer,
                                                  unsigned long handle);

@@ -5,6 +5,8 @@
 #include "price_unifier/source/detail/manager_log.h"
 #include "simple_subscription/simple_subscription_mgr.h"
 
+#include <utility>
+
 namespace ps_ns
 {
 
@@ -82,40 +84,41 @@ void CompositeSubscriptionMgr::SubscribeImpl(const CompositeInstrumentDef& def, 
                                              unsigned long subscriptionId, unsigned long handle)
 {
     // Named anew, or they would be captured as constants, which a closure cannot move: it would be copied as a whole.
-    Post([this, def = def, observer = observer, handle, info, subscriptionId]
-         { RunDirectSubscribe(def, observer, handle, info, subscriptionId); });
+    Post([this, def = def, observer = observer, handle, info, subscriptionId]() mutable
+         { RunDirectSubscribe(std::move(def), observer, handle, info, subscriptionId); });
 }
 
-void CompositeSubscriptionMgr::RunDirectSubscribe(const CompositeInstrumentDef& def,
+void CompositeSubscriptionMgr::RunDirectSubscribe(CompositeInstrumentDef&& posted,
                                                   const std::shared_ptr<ICompositePriceObserver>& observer,
                                                   unsigned long handle, const CompositeSubscriptionInfo& info,
                                                   unsigned long subscriptionId)
 {
     AssertOnQueueThread(m_dataQueue);
-    const auto report = [&](Result result)
+    const auto report = [&](const CompositeInstrumentDef& def, Result result)
     {
         observer->OnSubscribe(def, EventInfo{}, result, 0, PriceFormat{}, CompositeComponentType::Direct,
                               CompositeSubscriptionState(def.components));
     };
 
-    CompositeInstrumentID id(def);
+    CompositeInstrumentID id(posted);
     if (m_subscriptionByCompositeInstrumentID.count(id) != 0)
     {
-        report(SubscriptionResult::DuplicateSubscription);
+        report(posted, SubscriptionResult::DuplicateSubscription);
         detail::LogManager(20,
                            [&](std::ostream& text)
                            {
-                               text << "CompositeSubscriptionMgr: Subscribe request for instrument " << def.ToString()
-                                    << " handle=" << handle << " (observer=" << observer->GetName()
+                               text << "CompositeSubscriptionMgr: Subscribe request for instrument "
+                                    << posted.ToString() << " handle=" << handle << " (observer=" << observer->GetName()
                                     << ") rejected as a duplicate";
                            });
         return;
     }
 
-    const MarketValues market = GetMarketValues(def);
-    const CompositeSubscriptionInfo adjusted = GetAdjustedCompositeSubscriptionInfo(def, info);
-    const auto entry = CreateSubscription(std::move(id), def, market, adjusted, observer, handle);
+    const MarketValues market = GetMarketValues(posted);
+    const CompositeSubscriptionInfo adjusted = GetAdjustedCompositeSubscriptionInfo(posted, info);
+    const auto entry = CreateSubscription(std::move(id), std::move(posted), market, adjusted, observer, handle);
     CompositeInstrumentSubscription* const subscription = entry->second;
+    const CompositeInstrumentDef& def = subscription->GetDefinition(); // what was posted
 
     CompositeSubscriptionInfo ignored;
     subscription->AddScope(adjusted, subscriptionId, nullptr, ignored);
@@ -131,7 +134,7 @@ void CompositeSubscriptionMgr::RunDirectSubscribe(const CompositeInstrumentDef& 
     const std::string failure = SubscribeComponents(def, subscription);
     if (!failure.empty())
     {
-        report(SubscriptionResult::SubscribeComponentsFailed);
+        report(def, SubscriptionResult::SubscribeComponentsFailed);
         detail::LogManager(20,
                            [&](std::ostream& text)
                            {
@@ -155,15 +158,15 @@ CompositeSubscriptionMgr::GetMarketValues(const CompositeInstrumentDef& def) con
 }
 
 CompositeSubscriptionMgr::SubscriptionMap::iterator
-CompositeSubscriptionMgr::CreateSubscription(CompositeInstrumentID&& id, const CompositeInstrumentDef& def,
+CompositeSubscriptionMgr::CreateSubscription(CompositeInstrumentID&& id, CompositeInstrumentDef&& def,
                                              const MarketValues& market, const CompositeSubscriptionInfo& adjusted,
                                              const std::shared_ptr<ICompositePriceObserver>& observer,
                                              unsigned long handle)
 {
     AssertOnQueueThread(m_dataQueue);
     std::unique_ptr<CompositeInstrumentSubscription> subscription(new CompositeInstrumentSubscription(
-        m_simpleSubscriptionMgr, def, adjusted, observer, handle, this, m_skipUnchangedSnapshots, market.defaultDepth,
-        market.maxDepth, market.emptySuppressInterval, m_instrumentMonitoringInterval_sec));
+        m_simpleSubscriptionMgr, std::move(def), adjusted, observer, handle, this, m_skipUnchangedSnapshots,
+        market.defaultDepth, market.maxDepth, market.emptySuppressInterval, m_instrumentMonitoringInterval_sec));
     const auto entry = m_subscriptionByCompositeInstrumentID.try_emplace(std::move(id), subscription.get()).first;
     subscription.release(); // the map's now
     return entry;

@@ -4,6 +4,8 @@
 #include "price_unifier/source/detail/manager_log.h"
 #include "price_unifier/source/notifications.h"
 
+#include <utility>
+
 namespace ps_ns
 {
 
@@ -14,11 +16,11 @@ void CompositeSubscriptionMgr::Subscribe(const CompositeInstrumentDef& def, cons
                                          const std::shared_ptr<IFlexiblePriceObserver>& flexibleObserver,
                                          unsigned long subscriptionId)
 {
-    Post([&factory, def = def, info, flexibleObserver = flexibleObserver, subscriptionId, this]
-         { RunFlexibleSubscribe(factory, def, info, flexibleObserver, subscriptionId); });
+    Post([&factory, def = def, info, flexibleObserver = flexibleObserver, subscriptionId, this]() mutable
+         { RunFlexibleSubscribe(factory, std::move(def), info, flexibleObserver, subscriptionId); });
 }
 
-void CompositeSubscriptionMgr::RunFlexibleSubscribe(LocalObserverFactory& factory, const CompositeInstrumentDef& def,
+void CompositeSubscriptionMgr::RunFlexibleSubscribe(LocalObserverFactory& factory, CompositeInstrumentDef&& def,
                                                     const CompositeSubscriptionInfo& info,
                                                     const std::shared_ptr<IFlexiblePriceObserver>& flexibleObserver,
                                                     unsigned long subscriptionId)
@@ -37,7 +39,7 @@ void CompositeSubscriptionMgr::RunFlexibleSubscribe(LocalObserverFactory& factor
     }
     else
     {
-        OpenFlexibleSubscription(factory, std::move(id), def, info, flexibleObserver, subscriptionId);
+        OpenFlexibleSubscription(factory, std::move(id), std::move(def), info, flexibleObserver, subscriptionId);
     }
 }
 
@@ -119,18 +121,19 @@ void CompositeSubscriptionMgr::ReplayResults(CompositeInstrumentSubscription& su
 }
 
 void CompositeSubscriptionMgr::OpenFlexibleSubscription(LocalObserverFactory& factory, CompositeInstrumentID&& id,
-                                                        const CompositeInstrumentDef& def,
+                                                        CompositeInstrumentDef&& posted,
                                                         const CompositeSubscriptionInfo& info,
                                                         const std::shared_ptr<IFlexiblePriceObserver>& flexibleObserver,
                                                         unsigned long subscriptionId)
 {
     AssertOnQueueThread(m_dataQueue);
     constexpr unsigned long kNoHandle = 0;
-    const MarketValues market = GetMarketValues(def);
-    const CompositeSubscriptionInfo adjusted = GetAdjustedCompositeSubscriptionInfo(def, info);
-    const std::shared_ptr<ICompositePriceObserver> localObserver = factory.CreateLocalObserver(def);
-    const auto entry = CreateSubscription(std::move(id), def, market, adjusted, localObserver, kNoHandle);
+    const MarketValues market = GetMarketValues(posted);
+    const CompositeSubscriptionInfo adjusted = GetAdjustedCompositeSubscriptionInfo(posted, info);
+    const std::shared_ptr<ICompositePriceObserver> localObserver = factory.CreateLocalObserver(posted);
+    const auto entry = CreateSubscription(std::move(id), std::move(posted), market, adjusted, localObserver, kNoHandle);
     CompositeInstrumentSubscription* const subscription = entry->second;
+    const CompositeInstrumentDef& def = subscription->GetDefinition(); // what was posted
 
     CompositeSubscriptionInfo newScope;
     subscription->AddScope(adjusted, subscriptionId, flexibleObserver, newScope);

@@ -41,52 +41,40 @@ void detail::LogObserverThrew(const CompositeInstrumentDef& def, const std::stri
                       });
 }
 
-PriceDelivery::PriceDelivery(const CompositeInstrumentDef& def, std::shared_ptr<ICompositePriceObserver> observer,
-                             CompositeSubscriptionMgr* manager, const CompositeSubscriptionInfo& scope,
-                             const Settings& settings, MakeTimer makeTimer, std::function<Clock::time_point()> now)
-    : m_def(def)
-    , m_observer(std::move(observer))
-    , m_manager(manager)
-    , m_factory(manager->GetPriceFactory())
-    , m_settings(settings)
-    , m_makeTimer(std::move(makeTimer))
-    , m_now(std::move(now))
-    , m_scope(scope)
+PriceDelivery::PriceDelivery(DeliveryHost& host)
+    : m_host(host)
+    , m_def(host.GetDefinition())
+    , m_observer(host.GetObserver())
+    , m_manager(host.GetManager())
+    , m_settings(host.GetSettings())
+    , m_scope(host.GetDeliveredScope())
+    , m_counts(host.GetCounts())
+    , m_factory(m_manager->GetPriceFactory())
     , m_lastTradePrice(sbe_common_ns::kNullPrice)
 {
-    for (std::size_t i = 0; i < m_components.size(); ++i)
-    {
-        m_components[i].isWanted = def.components[i];
-    }
 }
 
 PriceDelivery::~PriceDelivery() = default;
 
 // --- What the components deliver -------------------------------------------------------------------------------------
 
-void PriceDelivery::OnAnswer(CompositeComponentType::Type type, SubscriptionResult::Value result,
-                             const PriceFormat& format, const CompositeSubscriptionState& state)
+void PriceDelivery::NoteAnswer(CompositeComponentType::Type type)
 {
-    Component& component = Get(type);
-    component.isAnswered = result == SubscriptionResult::Success;
-    component.lastSpoke = m_now();
+    Get(type).lastSpoke = m_host.Now();
     ArmMonitor();
-    // A later answer, after a switch or a rename, is told only when it says something else.
-    const bool isNews = component.told != nullptr ? component.told->result != result || component.told->format != format
-                                                  : result != SubscriptionResult::None || format != PriceFormat{};
-    if (isNews)
+}
+
+void PriceDelivery::TellClients(CompositeComponentType::Type type, SubscriptionResult::Value result,
+                                const PriceFormat& format, const CompositeSubscriptionState& state)
+{
+    if (m_clients.empty())
     {
-        component.told.reset(new Answer{result, format, state});
-        CallObserver(m_observer->GetName(),
-                     [&] { m_observer->OnSubscribe(m_def, EventInfo{}, result, 0, format, type, state); });
-        for (const auto& client : m_clients)
-        {
-            TellAnswer(*client, type);
-        }
+        return; // who comes later is told by replay
     }
-    if (!component.isAnswered)
+    Get(type).told.reset(new Answer{result, format, state});
+    for (const auto& client : m_clients)
     {
-        ForgetBook(type);
+        TellAnswer(*client, type);
     }
 }
 
@@ -111,7 +99,6 @@ void PriceDelivery::TellAnswer(ClientScope& client, CompositeComponentType::Type
                  });
 }
 
-/// The component has no prices any more: no image will come that could replace what it showed.
 void PriceDelivery::ForgetBook(CompositeComponentType::Type type)
 {
     Component& component = Get(type);
@@ -126,11 +113,9 @@ void PriceDelivery::ForgetBook(CompositeComponentType::Type type)
     Publish();
 }
 
-void PriceDelivery::ExpectImage(CompositeComponentType::Type type, std::uint64_t subscriptionEpoch)
+void PriceDelivery::ExpectImage(CompositeComponentType::Type type)
 {
-    Component& component = Get(type);
-    component.expectsImage = true;
-    component.subscriptionEpoch = subscriptionEpoch;
+    Get(type).expectsImage = true;
 }
 
 void PriceDelivery::OnBook(CompositeComponentType::Type type, const BookUpdate& update)
@@ -246,9 +231,8 @@ void PriceDelivery::ChangeClient(ClientScope& client, const CompositeSubscriptio
     }
 }
 
-void PriceDelivery::SetMergedScope(const CompositeSubscriptionInfo& scope)
+void PriceDelivery::OnMergedScope()
 {
-    m_scope = scope;
     m_ownPace.isWaiting = false;
     m_ownPace.nextTime = {};
     // What each client without an interval has had is known by its sequence only: find the books while they are there.
@@ -325,7 +309,7 @@ void PriceDelivery::NoteSpoken(Component& component, std::uint64_t receiveTime_n
     {
         return;
     }
-    component.lastSpoke = m_now();
+    component.lastSpoke = m_host.Now();
     SetStale(component, component.isSilent, false);
 }
 
@@ -344,7 +328,7 @@ void PriceDelivery::SetStale(Component& component, bool& reason, bool isStale)
     {
         return;
     }
-    onStaleChanged(component.IsStale());
+    m_host.OnStaleChanged(component.IsStale());
     if (wasStale)
     {
         zel::logging::Log(10, LogSource(),
@@ -374,7 +358,7 @@ void PriceDelivery::ArmMonitor()
     {
         return;
     }
-    m_monitorTimer = m_makeTimer("InstrumentMonitor", [this] { OnMonitor(); });
+    m_monitorTimer = m_host.MakeTimer("InstrumentMonitor", [this] { OnMonitor(); });
     RunMonitorAfter(std::chrono::seconds(m_settings.monitoringInterval_sec));
 }
 
@@ -388,13 +372,13 @@ void PriceDelivery::RunMonitorAfter(Clock::duration time)
 void PriceDelivery::OnMonitor()
 {
     const auto interval = std::chrono::seconds(m_settings.monitoringInterval_sec);
-    const Clock::time_point now = m_now();
+    const Clock::time_point now = m_host.Now();
     Clock::duration untilNext = interval;
     bool hasChanged = false;
     for (const auto type : kComponentTypes)
     {
         Component& component = Get(type);
-        if (!component.isAnswered || component.IsStale())
+        if (!m_host.IsAnswered(type) || component.IsStale())
         {
             continue;
         }

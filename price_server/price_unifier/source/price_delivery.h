@@ -4,13 +4,13 @@
 #include "composite_instrument/i_flexible_price_observer.h"
 #include "price_unifier/source/book_merger.h"
 #include "price_unifier/source/client_scope.h"
+#include "price_unifier/source/delivery_host.h"
 #include "simple_subscription/book_update.h"
 
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,7 +18,6 @@
 namespace ps_ns
 {
 
-class CompositeSubscriptionMgr;
 class ICompositePriceFactory;
 
 namespace detail
@@ -26,40 +25,23 @@ namespace detail
 class CallbackRound;
 } // namespace detail
 
-/// How often the observers of one composite subscription were called back with data. From any thread.
-struct CallbackCounts
-{
-    std::atomic<std::uint64_t> books{0};
-    std::atomic<std::uint64_t> trades{0};
-    std::atomic<std::uint64_t> customFields{0};
-};
-
 /// The part of a composite subscription that runs on its executor: merges what the components deliver and hands it to
 /// the subscription's own observer, once for each change, and then to each flexible client with its own depth and
 /// interval. Everybody who wants the same depth gets the same object.
 ///
-/// Threads: the executor's only, but for the counts.
+/// It is made when there is something to deliver, or somebody to deliver to (delivery_host.h).
+///
+/// Threads: the executor's only.
 ///
 /// Conflation: a recipient with an interval gets at most one book in that time, and the newest one when it is over. Its
 /// own observer goes by the merged scope's interval. Trades are never conflated.
 class PriceDelivery
 {
 public:
-    using Clock = std::chrono::steady_clock;
-    /// Makes a timer that runs a function on the executor.
-    using MakeTimer = std::function<std::shared_ptr<AsyncTask>(const char* name, std::function<void()> onExpiry)>;
+    using Clock = DeliveryHost::Clock;
+    using Settings = DeliveryHost::Settings;
 
-    struct Settings
-    {
-        bool skipUnchangedSnapshots = false; ///< a book that shows the same as the last one is not delivered again
-        unsigned maxDepth = 0;               ///< levels that a merged book has at most, whatever a scope asks for
-        unsigned emptySuppressInterval_ms = 0;
-        unsigned monitoringInterval_sec = 0; ///< 0: off
-    };
-
-    PriceDelivery(const CompositeInstrumentDef& def, std::shared_ptr<ICompositePriceObserver> observer,
-                  CompositeSubscriptionMgr* manager, const CompositeSubscriptionInfo& scope, const Settings& settings,
-                  MakeTimer makeTimer, std::function<Clock::time_point()> now);
+    explicit PriceDelivery(DeliveryHost& host);
     ~PriceDelivery();
     PriceDelivery(const PriceDelivery&) = delete;
     PriceDelivery& operator=(const PriceDelivery&) = delete;
@@ -71,16 +53,21 @@ public:
     void ActivateClient(ClientScope& client, bool sendImage);
     void RemoveClient(const ClientScope& client);
     void ChangeClient(ClientScope& client, const CompositeSubscriptionInfo& info);
-    /// Another merged scope: the own observer, and the clients who see something else than before, get a new book.
-    void SetMergedScope(const CompositeSubscriptionInfo& scope);
+    /// The host has another merged scope: the own observer, and the clients who see something else than before, get a
+    /// new book.
+    void OnMergedScope();
     /// The newest book again, to one client, or to the own observer when there is no client.
     void GenerateSnapshot(std::uint32_t reason, ClientScope* client);
 
     // --- What the components deliver ---
 
-    /// A component's answer: told to the own observer and to each client who has not got it by replay.
-    void OnAnswer(CompositeComponentType::Type component, ps_messages_ns::SubscriptionResult::Value result,
-                  const PriceFormat& format, const CompositeSubscriptionState& state);
+    /// A component has answered: its silence counts from now on.
+    void NoteAnswer(CompositeComponentType::Type component);
+    /// The own observer has been told another answer: so is each client who has not got it by replay.
+    void TellClients(CompositeComponentType::Type component, ps_messages_ns::SubscriptionResult::Value result,
+                     const PriceFormat& format, const CompositeSubscriptionState& state);
+    /// The component has no prices any more: no image will come that could replace what it showed.
+    void ForgetBook(CompositeComponentType::Type component);
     void OnBook(CompositeComponentType::Type component, const BookUpdate& update);
     void OnTrades(CompositeComponentType::Type component, const std::shared_ptr<const std::vector<Trade>>& trades);
     void OnCustomFields(CompositeComponentType::Type component, const std::shared_ptr<const CustomFields>& fields);
@@ -90,20 +77,15 @@ public:
     void OnStale(CompositeComponentType::Type component, bool isStale);
 
     /// The component is subscribed anew (another provider, another symbol): its book stays until the new image replaces
-    /// it, and only an image can come first. `subscriptionEpoch` is what merged books carry from that image on.
-    void ExpectImage(CompositeComponentType::Type component, std::uint64_t subscriptionEpoch);
+    /// it, and only an image can come first. Merged books carry the host's new epoch from that image on.
+    void ExpectImage(CompositeComponentType::Type component);
 
-    const std::string& GetObserverName() const noexcept { return m_observer->GetName(); }
     /// When the newest update in the book reached the provider, ns since 1970 UTC; 0: none yet.
     std::uint64_t GetReceiveTime_ns() const noexcept { return m_receiveTime_ns; }
     bool HasSnapshot() const noexcept { return m_current != nullptr; }
-    const CallbackCounts& GetCounts() const noexcept { return m_counts; }
-
-    /// Called when a component falls silent or speaks again.
-    std::function<void(bool isStale)> onStaleChanged;
 
 private:
-    /// What the observers were told of a component.
+    /// What the clients were told of a component.
     struct Answer
     {
         ps_messages_ns::SubscriptionResult::Value result;
@@ -112,15 +94,12 @@ private:
     };
     struct Component
     {
-        bool isWanted = false;
-        bool isAnswered = false; ///< with success
         bool hasImage = false;
         bool expectsImage = true;
         bool isSilent = false;    ///< for longer than the monitoring interval
         bool hasLostFeed = false; ///< as its provider says
         bool IsStale() const noexcept { return isSilent || hasLostFeed; }
-        std::uint64_t epoch = 0;             ///< the provider's
-        std::uint64_t subscriptionEpoch = 0; ///< the subscription's, once the image is there
+        std::uint64_t epoch = 0; ///< the provider's
         Clock::time_point lastSpoke{};
         std::uint64_t lastReceiveTime_ns = 0;
         std::unique_ptr<const Answer> told; ///< null: nothing yet
@@ -157,7 +136,6 @@ private:
     void SendOwn(const std::shared_ptr<const MergedOrderBook>& book, detail::CallbackRound& round);
     void Send(ClientScope& client, const std::shared_ptr<const MergedOrderBook>& book, detail::CallbackRound& round);
     void TellAnswer(ClientScope& client, CompositeComponentType::Type type);
-    void ForgetBook(CompositeComponentType::Type type);
     /// True when clients of that depth see less than all of the newest book.
     bool IsCut(std::int32_t depth) const noexcept;
     const std::shared_ptr<const MergedOrderBook>& GetView(std::int32_t depth);
@@ -174,15 +152,16 @@ private:
     template <class Call>
     void CallObserver(const std::string& name, const Call& call);
 
-    const CompositeInstrumentDef& m_def; ///< the core's
-    const std::shared_ptr<ICompositePriceObserver> m_observer;
+    DeliveryHost& m_host;
+    // The host's.
+    const CompositeInstrumentDef& m_def;
+    const std::shared_ptr<ICompositePriceObserver>& m_observer;
     CompositeSubscriptionMgr* const m_manager;
-    const std::shared_ptr<ICompositePriceFactory> m_factory;
-    const Settings m_settings;
-    const MakeTimer m_makeTimer;
-    const std::function<Clock::time_point()> m_now;
+    const Settings& m_settings;
+    const CompositeSubscriptionInfo& m_scope; ///< the merged one
+    CallbackCounts& m_counts;
 
-    CompositeSubscriptionInfo m_scope; ///< the merged one
+    const std::shared_ptr<ICompositePriceFactory> m_factory;
     std::array<Component, CompositeComponentType::kCount> m_components;
     BookMerger m_merger;
     std::shared_ptr<const MergedOrderBook> m_current; ///< the newest; null: none yet
@@ -199,8 +178,6 @@ private:
     std::shared_ptr<AsyncTask> m_emptyTimer;
     bool m_holdsBackEmpty = false;
     std::shared_ptr<AsyncTask> m_monitorTimer;
-
-    CallbackCounts m_counts;
 };
 
 } // namespace ps_ns

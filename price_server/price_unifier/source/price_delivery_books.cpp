@@ -40,7 +40,7 @@ std::shared_ptr<MergedOrderBook> PriceDelivery::MergeBook() const
     {
         const auto type = static_cast<CompositeComponentType::Type>(i);
         const Component& component = m_components[i];
-        if (component.isAnswered && !component.hasImage)
+        if (m_host.IsAnswered(type) && !component.hasImage)
         {
             book->missingComponents.insert(type);
         }
@@ -50,7 +50,7 @@ std::shared_ptr<MergedOrderBook> PriceDelivery::MergeBook() const
         }
         if (!component.expectsImage)
         {
-            book->epoch = std::max(book->epoch, component.subscriptionEpoch);
+            book->epoch = std::max(book->epoch, m_host.GetSubscriptionEpoch(type));
         }
     }
     book->lastTradePrice = m_lastTradePrice;
@@ -95,14 +95,14 @@ bool PriceDelivery::HoldsBackEmpty(const MergedOrderBook& book)
     {
         if (m_emptyTimer == nullptr)
         {
-            m_emptyTimer = m_makeTimer("EmptySuppress",
-                                       [this]
-                                       {
-                                           if (std::exchange(m_holdsBackEmpty, false))
-                                           {
-                                               PublishAs(MergeBook());
-                                           }
-                                       });
+            m_emptyTimer = m_host.MakeTimer("EmptySuppress",
+                                            [this]
+                                            {
+                                                if (std::exchange(m_holdsBackEmpty, false))
+                                                {
+                                                    PublishAs(MergeBook());
+                                                }
+                                            });
         }
         m_emptyTimer->Run(m_settings.emptySuppressInterval_ms);
     }
@@ -196,21 +196,21 @@ bool PriceDelivery::MustWait(DeliveryPace& pace, unsigned interval_ms, const Lat
     {
         return false;
     }
-    const Clock::time_point now = m_now();
+    const Clock::time_point now = m_host.Now();
     if (pace.isWaiting || now >= pace.nextTime)
     {
         return pace.isWaiting;
     }
     if (pace.timer == nullptr)
     {
-        pace.timer = m_makeTimer("Conflation",
-                                 [&pace, later]
-                                 {
-                                     if (std::exchange(pace.isWaiting, false))
-                                     {
-                                         later();
-                                     }
-                                 });
+        pace.timer = m_host.MakeTimer("Conflation",
+                                      [&pace, later]
+                                      {
+                                          if (std::exchange(pace.isWaiting, false))
+                                          {
+                                              later();
+                                          }
+                                      });
     }
     pace.isWaiting = true;
     pace.timer->Run(static_cast<unsigned>(std::chrono::ceil<std::chrono::milliseconds>(pace.nextTime - now).count()));
@@ -267,7 +267,7 @@ void PriceDelivery::NoteSent(DeliveryPace& pace, unsigned interval_ms,
     pace.isWaiting = false;
     if (interval_ms != 0)
     {
-        pace.nextTime = m_now() + std::chrono::milliseconds(interval_ms);
+        pace.nextTime = m_host.Now() + std::chrono::milliseconds(interval_ms);
     }
 }
 

@@ -1,5 +1,7 @@
 #include "price_unifier/source/subscription_core.h"
 
+#include "price_unifier/source/detail/call_observer.h"
+
 #include <utility>
 
 namespace ps_ns
@@ -39,29 +41,32 @@ private:
 
 } // namespace
 
-SubscriptionCore::SubscriptionCore(const CompositeInstrumentDef& def,
+SubscriptionCore::SubscriptionCore(CompositeInstrumentDef&& def,
                                    const std::shared_ptr<ICompositePriceObserver>& observer,
                                    CompositeSubscriptionMgr* manager, const CompositeSubscriptionInfo& scope,
-                                   const PriceDelivery::Settings& settings, std::shared_ptr<Executor> executor,
-                                   std::shared_ptr<AsyncDispatcher> timers, zel::metrics::Gauge staleGauge)
-    : m_def(def)
-    , m_executor(std::move(executor))
-    , m_timers(std::move(timers))
-    , m_staleGauge(std::move(staleGauge))
-    , m_delivery(
-          m_def, observer, manager, scope, settings,
-          [this](const char* name, std::function<void()> onExpiry) { return MakeTimer(name, std::move(onExpiry)); },
-          [this] { return m_timers->Now(); })
+                                   const Settings& settings, Surroundings surroundings, IUnsubscribeOwner* owner)
+    : DeliveryHost(std::move(def), observer, manager, scope, settings)
+    , m_surroundings(std::move(surroundings))
+    , m_gate(owner)
 {
-    m_delivery.onStaleChanged = [this](bool isStale) { OnStaleChanged(isStale); };
 }
 
 SubscriptionCore::~SubscriptionCore()
 {
     if (m_staleComponents != 0)
     {
-        --m_staleGauge;
+        zel::metrics::Gauge staleGauge = m_surroundings->staleGauge;
+        --staleGauge;
     }
+}
+
+PriceDelivery& SubscriptionCore::GetDelivery()
+{
+    if (m_delivery == nullptr)
+    {
+        m_delivery = std::make_unique<PriceDelivery>(*this);
+    }
+    return *m_delivery;
 }
 
 void SubscriptionCore::OnStaleChanged(bool isStale)
@@ -72,13 +77,14 @@ void SubscriptionCore::OnStaleChanged(bool isStale)
     {
         return;
     }
+    zel::metrics::Gauge staleGauge = m_surroundings->staleGauge;
     if (isStale)
     {
-        ++m_staleGauge;
+        ++staleGauge;
     }
     else
     {
-        --m_staleGauge;
+        --staleGauge;
     }
     const std::lock_guard lock(m_mutex);
     m_state.isStale = isStale;
@@ -86,7 +92,7 @@ void SubscriptionCore::OnStaleChanged(bool isStale)
 
 std::shared_ptr<AsyncTask> SubscriptionCore::MakeTimer(const char* name, std::function<void()> onExpiry)
 {
-    return std::make_shared<ExecutorTimer>(name, m_timers, m_executor,
+    return std::make_shared<ExecutorTimer>(name, m_surroundings->timers, m_surroundings->executor,
                                            [weak = weak_from_this(), onExpiry = std::move(onExpiry)]
                                            {
                                                const auto core = weak.lock();
@@ -99,20 +105,23 @@ std::shared_ptr<AsyncTask> SubscriptionCore::MakeTimer(const char* name, std::fu
 
 CompositeSubscriptionState SubscriptionCore::GetState() const
 {
-    const std::lock_guard lock(m_mutex);
-    return MakeState();
+    ChangingState changing;
+    {
+        const std::lock_guard lock(m_mutex);
+        changing = m_state;
+    }
+    return MakeState(changing);
 }
 
-/// Under m_mutex.
-CompositeSubscriptionState SubscriptionCore::MakeState() const
+CompositeSubscriptionState SubscriptionCore::MakeState(const ChangingState& changing) const
 {
     CompositeSubscriptionState state(m_def.components);
-    state.isStale = m_state.isStale;
-    state.provider = m_state.provider;
-    state.epoch = m_state.epoch;
-    if (m_state.epoch != 0)
+    state.isStale = changing.isStale;
+    state.provider = changing.provider;
+    state.epoch = changing.epoch;
+    if (changing.epoch != 0)
     {
-        state.symbol = m_state.isRenamed ? m_state.symbol : m_def.GetSymbol();
+        state.symbol = changing.newSymbol != nullptr ? *changing.newSymbol : m_def.GetSymbol();
     }
     return state;
 }
@@ -127,50 +136,71 @@ ComponentAnswers SubscriptionCore::AddClient(const std::shared_ptr<ClientScope>&
 {
     // Under the lock, so that an answer either is in what we return, or is posted after the client has been added.
     const std::lock_guard lock(m_mutex);
-    Deliver([client](PriceDelivery& delivery) { delivery.AddClient(client); });
+    Run([client](SubscriptionCore& core) { core.GetDelivery().AddClient(client); });
     return m_answers;
 }
 
 void SubscriptionCore::ActivateClient(std::shared_ptr<ClientScope> client, bool hadSnapshotAtJoin)
 {
     // With a snapshot at the join the manager asks for an image itself; without one, the first might have come since.
-    Deliver([client = std::move(client), hadSnapshotAtJoin](PriceDelivery& delivery)
-            { delivery.ActivateClient(*client, !hadSnapshotAtJoin); });
+    Run([client = std::move(client), hadSnapshotAtJoin](SubscriptionCore& core)
+        { core.GetDelivery().ActivateClient(*client, !hadSnapshotAtJoin); });
 }
 
 void SubscriptionCore::RemoveClient(std::shared_ptr<ClientScope> client)
 {
-    Deliver([client = std::move(client)](PriceDelivery& delivery) { delivery.RemoveClient(*client); });
+    Run([client = std::move(client)](SubscriptionCore& core) { core.GetDelivery().RemoveClient(*client); });
 }
 
 void SubscriptionCore::ChangeClient(std::shared_ptr<ClientScope> client, const CompositeSubscriptionInfo& info)
 {
-    Deliver([client = std::move(client), info](PriceDelivery& delivery) { delivery.ChangeClient(*client, info); });
+    Run([client = std::move(client), info](SubscriptionCore& core) { core.GetDelivery().ChangeClient(*client, info); });
 }
 
 void SubscriptionCore::SetMergedScope(const CompositeSubscriptionInfo& scope)
 {
-    Deliver([scope](PriceDelivery& delivery) { delivery.SetMergedScope(scope); });
+    Run(
+        [scope](SubscriptionCore& core)
+        {
+            core.m_deliveredScope = scope;
+            if (core.m_delivery != nullptr)
+            {
+                core.m_delivery->OnMergedScope();
+            }
+        });
 }
 
 void SubscriptionCore::GenerateSnapshot(std::uint32_t reason, std::shared_ptr<ClientScope> client)
 {
-    Deliver([reason, client = std::move(client)](PriceDelivery& delivery)
-            { delivery.GenerateSnapshot(reason, client.get()); });
+    Run(
+        [reason, client = std::move(client)](SubscriptionCore& core)
+        {
+            if (core.m_delivery != nullptr)
+            {
+                core.m_delivery->GenerateSnapshot(reason, client.get());
+            }
+        });
 }
 
 void SubscriptionCore::BeginEpoch(CompositeComponentType::Type component, ProviderType::Value provider,
-                                  const std::string& symbol)
+                                  const std::shared_ptr<const std::string>& newSymbol)
 {
     std::uint64_t epoch = 0;
     {
         const std::lock_guard lock(m_mutex);
         epoch = ++m_state.epoch;
         m_state.provider = provider;
-        m_state.isRenamed = symbol != m_def.GetSymbol();
-        m_state.symbol = m_state.isRenamed ? symbol : std::string();
+        m_state.newSymbol = newSymbol;
     }
-    Deliver([component, epoch](PriceDelivery& delivery) { delivery.ExpectImage(component, epoch); });
+    Run(
+        [component, epoch](SubscriptionCore& core)
+        {
+            core.m_subscriptionEpochs[static_cast<std::size_t>(component)] = epoch;
+            if (core.m_delivery != nullptr)
+            {
+                core.m_delivery->ExpectImage(component);
+            }
+        });
 }
 
 void SubscriptionCore::Silence() noexcept
@@ -192,9 +222,40 @@ void SubscriptionCore::OnAnswer(const std::atomic<bool>& isLive, CompositeCompon
     {
         return;
     }
-    m_answers[static_cast<std::size_t>(component)] = {result, format};
-    Deliver([component, result, format, state = MakeState()](PriceDelivery& delivery)
-            { delivery.OnAnswer(component, result, format, state); });
+    const ComponentAnswer answer{result, format};
+    ComponentAnswer& known = m_answers[static_cast<std::size_t>(component)];
+    // A later answer, after a switch or a rename, is told only when it says something else. Answers run in the order
+    // in which they are posted here, so what is known is what will have been told by then.
+    Run([component, answer, changing = m_state, isNews = answer != known](SubscriptionCore& core)
+        { core.TakeAnswer(component, answer, changing, isNews); });
+    known = answer;
+}
+
+/// On the executor.
+void SubscriptionCore::TakeAnswer(CompositeComponentType::Type component, const ComponentAnswer& answer,
+                                  const ChangingState& changing, bool isNews)
+{
+    const bool isSuccess = answer.result == ps_messages_ns::SubscriptionResult::Success;
+    m_isAnswered[static_cast<std::size_t>(component)] = isSuccess;
+    if (m_settings.monitoringInterval_sec != 0)
+    {
+        GetDelivery().NoteAnswer(component);
+    }
+    if (isNews)
+    {
+        const CompositeSubscriptionState state = MakeState(changing);
+        detail::CallObserver(
+            m_def, m_observer->GetName(),
+            [&] { m_observer->OnSubscribe(m_def, EventInfo{}, answer.result, 0, answer.format, component, state); });
+        if (m_delivery != nullptr)
+        {
+            m_delivery->TellClients(component, answer.result, answer.format, state);
+        }
+    }
+    if (!isSuccess && m_delivery != nullptr)
+    {
+        m_delivery->ForgetBook(component);
+    }
 }
 
 } // namespace ps_ns

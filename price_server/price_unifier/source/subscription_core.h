@@ -1,10 +1,13 @@
 #pragma once
 
-#include "async/async_dispatcher.h"
-#include "async/executor.h"
+#include "composite_instrument/composite_subscription_state.h"
+#include "composite_instrument/price_format.h"
 #include "composite_instrument/provider_type.h"
-#include "metrics/metrics.h"
+#include "composite_instrument/subscription_result.h"
+#include "price_unifier/source/delivery_host.h"
 #include "price_unifier/source/price_delivery.h"
+#include "price_unifier/source/unsubscribe_gate.h"
+#include "simple_subscription/subscription_surroundings.h"
 
 #include <array>
 #include <atomic>
@@ -22,6 +25,8 @@ struct ComponentAnswer
 {
     ps_messages_ns::SubscriptionResult::Value result = ps_messages_ns::SubscriptionResult::None;
     PriceFormat format;
+
+    friend bool operator==(const ComponentAnswer&, const ComponentAnswer&) = default;
 };
 using ComponentAnswers = std::array<ComponentAnswer, CompositeComponentType::kCount>;
 
@@ -33,27 +38,26 @@ using ComponentAnswers = std::array<ComponentAnswer, CompositeComponentType::kCo
 ///
 /// A client that joins gets each component's answer exactly once: by the manager's replay when it was there at the
 /// join, and by delivery when it came later. Both happen under one lock.
-class SubscriptionCore final : public std::enable_shared_from_this<SubscriptionCore>
+class SubscriptionCore final : public DeliveryHost, public std::enable_shared_from_this<SubscriptionCore>
 {
 public:
-    SubscriptionCore(const CompositeInstrumentDef& def, const std::shared_ptr<ICompositePriceObserver>& observer,
+    using Surroundings = std::shared_ptr<const SubscriptionSurroundings>;
+
+    /// `owner` hears when the gate has everything that is owed.
+    SubscriptionCore(CompositeInstrumentDef&& def, const std::shared_ptr<ICompositePriceObserver>& observer,
                      CompositeSubscriptionMgr* manager, const CompositeSubscriptionInfo& scope,
-                     const PriceDelivery::Settings& settings, std::shared_ptr<Executor> executor,
-                     std::shared_ptr<AsyncDispatcher> timers, zel::metrics::Gauge staleGauge);
-    ~SubscriptionCore();
-    SubscriptionCore(const SubscriptionCore&) = delete;
-    SubscriptionCore& operator=(const SubscriptionCore&) = delete;
+                     const Settings& settings, Surroundings surroundings, IUnsubscribeOwner* owner);
+    ~SubscriptionCore() override;
 
     // --- Any thread ---
 
-    const CompositeInstrumentDef& GetDefinition() const noexcept { return m_def; }
     CompositeSubscriptionState GetState() const;
     bool AnySnapshotsReceived() const noexcept { return m_hasSnapshot.load(); }
-    const CallbackCounts& GetCounts() const noexcept { return m_delivery.GetCounts(); }
     std::uint64_t GetLastUpdateTime_ns() const noexcept { return m_lastUpdateTime_ns.load(); }
-    const std::string& GetObserverName() const noexcept { return m_delivery.GetObserverName(); }
     /// Runs a task on the executor, silenced or not.
-    void RunViaExecutor(std::function<void()> task) { m_executor->Post(std::move(task)); }
+    void RunViaExecutor(std::function<void()> task) { m_surroundings->executor->Post(std::move(task)); }
+    /// Counts what providers owe the subscription. It is here because who owes an answer keeps the core alive.
+    UnsubscribeGate& GetGate() noexcept { return m_gate; }
 
     // --- The data-queue thread ---
 
@@ -68,8 +72,10 @@ public:
     void SetMergedScope(const CompositeSubscriptionInfo& scope);
     /// To one client, or to the own observer when it is null.
     void GenerateSnapshot(std::uint32_t reason, std::shared_ptr<ClientScope> client);
-    /// A component is about to be subscribed (anew): counts the epoch and notes who serves it under which symbol.
-    void BeginEpoch(CompositeComponentType::Type component, ProviderType::Value provider, const std::string& symbol);
+    /// A component is about to be subscribed (anew): counts the epoch and notes who serves it under which symbol; null:
+    /// the definition's.
+    void BeginEpoch(CompositeComponentType::Type component, ProviderType::Value provider,
+                    const std::shared_ptr<const std::string>& newSymbol);
     /// Nothing more to anybody, and no answer or data is taken in.
     void Silence() noexcept;
 
@@ -80,57 +86,63 @@ public:
     void OnAnswer(const std::atomic<bool>& isLive, CompositeComponentType::Type component,
                   ps_messages_ns::SubscriptionResult::Value result, const PriceFormat& format);
     void Exclude(std::atomic<bool>& isLive);
-    /// Runs `deliver(PriceDelivery&)` on the executor, unless the subscription is silent by then. A template, so that
+    /// Runs `call(SubscriptionCore&)` on the executor, unless the subscription is silent by then. A template, so that
     /// what is posted is one function object, with one allocation.
     template <class Call>
-    void Deliver(Call deliver)
+    void Run(Call call)
     {
-        m_executor->Post(
-            [self = shared_from_this(), deliver = std::move(deliver)]
+        m_surroundings->executor->Post(
+            [self = shared_from_this(), call = std::move(call)]
             {
                 if (!self->m_isSilent.load())
                 {
-                    deliver(self->m_delivery);
+                    call(*self);
                 }
             });
     }
-    /// On the executor, with each book.
+
+    // --- The executor ---
+
+    /// Made when it is asked for.
+    PriceDelivery& GetDelivery();
+    /// Null when there has been no price and no client.
+    PriceDelivery* FindDelivery() noexcept { return m_delivery.get(); }
+    /// With each book.
     void NoteSnapshot() noexcept
     {
-        m_hasSnapshot.store(m_delivery.HasSnapshot());
-        m_lastUpdateTime_ns.store(m_delivery.GetReceiveTime_ns());
+        m_hasSnapshot.store(m_delivery->HasSnapshot());
+        m_lastUpdateTime_ns.store(m_delivery->GetReceiveTime_ns());
     }
+    std::shared_ptr<AsyncTask> MakeTimer(const char* name, std::function<void()> onExpiry) override;
+    Clock::time_point Now() const override { return m_surroundings->timers->Now(); }
+    void OnStaleChanged(bool isStale) override;
 
 private:
     /// What changes of the state; the definition says the rest.
     struct ChangingState
     {
-        bool isStale = false;
-        bool isRenamed = false; ///< `symbol` is not the definition's
+        std::shared_ptr<const std::string> newSymbol; ///< null: the definition's
+        std::uint64_t epoch = 0;                      ///< 0: no component has been subscribed
         ProviderType::Value provider = ProviderType::Zel;
-        std::uint64_t epoch = 0; ///< 0: no component has been subscribed
-        std::string symbol;
+        bool isStale = false;
     };
 
-    CompositeSubscriptionState MakeState() const;
-    void OnStaleChanged(bool isStale);
-    std::shared_ptr<AsyncTask> MakeTimer(const char* name, std::function<void()> onExpiry);
+    CompositeSubscriptionState MakeState(const ChangingState& changing) const;
+    void TakeAnswer(CompositeComponentType::Type component, const ComponentAnswer& answer,
+                    const ChangingState& changing, bool isNews);
 
-    const CompositeInstrumentDef m_def;
-    const std::shared_ptr<Executor> m_executor;
-    const std::shared_ptr<AsyncDispatcher> m_timers;
+    const Surroundings m_surroundings;
     std::atomic<bool> m_isSilent{false};
     std::atomic<bool> m_hasSnapshot{false};
+    unsigned m_staleComponents = 0; ///< executor only, and the destructor
     std::atomic<std::uint64_t> m_lastUpdateTime_ns{0};
 
     mutable std::mutex m_mutex;
     ComponentAnswers m_answers; ///< under m_mutex
     ChangingState m_state;      ///< under m_mutex
 
-    zel::metrics::Gauge m_staleGauge;
-    unsigned m_staleComponents = 0; ///< executor only, and the destructor
-
-    PriceDelivery m_delivery; ///< executor only, but for its counts
+    UnsubscribeGate m_gate;
+    std::unique_ptr<PriceDelivery> m_delivery; ///< executor only
 };
 
 } // namespace ps_ns

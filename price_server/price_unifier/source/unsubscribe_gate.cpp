@@ -5,16 +5,14 @@
 namespace ps_ns
 {
 
-UnsubscribeGate::UnsubscribeGate(std::function<void()> completed)
-    : m_completed(std::move(completed))
-{
-}
-
 void UnsubscribeGate::Expect(bool forChange)
 {
     const std::lock_guard lock(m_mutex);
     ++m_owed;
-    m_owedToChange += forChange ? 1 : 0;
+    if (forChange)
+    {
+        ++m_change->owed;
+    }
 }
 
 void UnsubscribeGate::OnAnswer(bool forChange, bool ok)
@@ -24,27 +22,32 @@ void UnsubscribeGate::OnAnswer(bool forChange, bool ok)
         --m_owed;
         if (forChange)
         {
-            --m_owedToChange;
-            m_changeOk = m_changeOk && ok;
+            --m_change->owed;
+            m_change->isOk = m_change->isOk && ok;
         }
     }
     Settle();
 }
 
-void UnsubscribeGate::BeginChange(std::shared_ptr<SymbolChangeGroup> group, Answered answered)
+void UnsubscribeGate::BeginChange(const std::shared_ptr<UnsubscribeGate>& self,
+                                  std::shared_ptr<SymbolChangeGroup> group, Answered answered)
 {
     {
         const std::lock_guard lock(m_mutex);
-        m_changeInFlight = true;
-        m_changeFailed = false;
-        m_changeOk = true;
-        m_owedToChange = 1; // until FinishExpecting
+        if (m_change == nullptr)
+        {
+            m_change = std::make_unique<Change>();
+        }
+        m_change->isInFlight = true;
+        m_change->hasFailed = false;
+        m_change->isOk = true;
+        m_change->owed = 1; // until FinishExpecting
         m_owed += 1;
-        m_answered = std::move(answered);
-        m_answerIsDue = true;
-        m_group = group;
+        m_change->answered = std::move(answered);
+        m_change->answerIsDue = true;
+        m_change->group = group;
     }
-    group->Join(weak_from_this());
+    group->Join(self);
 }
 
 void UnsubscribeGate::FinishExpecting()
@@ -56,8 +59,11 @@ void UnsubscribeGate::EndChange()
 {
     {
         const std::lock_guard lock(m_mutex);
-        m_changeInFlight = false;
-        m_group.reset();
+        if (m_change != nullptr)
+        {
+            m_change->isInFlight = false;
+            m_change->group.reset();
+        }
     }
     Settle();
 }
@@ -66,7 +72,7 @@ void UnsubscribeGate::OnSymbolChangeFailed()
 {
     {
         const std::lock_guard lock(m_mutex);
-        m_changeFailed = true;
+        m_change->hasFailed = true;
     }
     Settle();
 }
@@ -82,11 +88,13 @@ void UnsubscribeGate::BeginTeardown()
 
 void UnsubscribeGate::Disarm() noexcept
 {
-    std::function<void()> completed;
     Answered answered;
     const std::lock_guard lock(m_mutex);
-    completed.swap(m_completed);
-    answered.swap(m_answered);
+    m_owner = nullptr;
+    if (m_change != nullptr)
+    {
+        answered.swap(m_change->answered);
+    }
 }
 
 void UnsubscribeGate::Settle()
@@ -97,14 +105,14 @@ void UnsubscribeGate::Settle()
         std::shared_ptr<SymbolChangeGroup> group;
         {
             const std::lock_guard lock(m_mutex);
-            m_changeFailed = true; // the group tells its members once only: this gate may come second
-            group = m_group;
+            m_change->hasFailed = true; // the group tells its members once only: this gate may come second
+            group = m_change->group;
         }
         group->Fail();
     }
-    if (const std::function<void()> completed = TakeCompletion())
+    if (IUnsubscribeOwner* const owner = TakeOwner())
     {
-        completed();
+        owner->OnAllUnsubscribed();
     }
 }
 
@@ -115,32 +123,28 @@ bool UnsubscribeGate::AnswerChange()
     bool ok = true;
     {
         const std::lock_guard lock(m_mutex);
-        if (m_owedToChange != 0 || !m_answered)
+        if (m_change == nullptr || m_change->owed != 0 || !m_change->answered)
         {
             return true;
         }
-        answered.swap(m_answered);
-        ok = m_changeOk;
+        answered.swap(m_change->answered);
+        ok = m_change->isOk;
     }
     answered(ok);
     const std::lock_guard lock(m_mutex);
-    m_answerIsDue = false;
+    m_change->answerIsDue = false;
     return ok;
 }
 
-std::function<void()> UnsubscribeGate::TakeCompletion()
+IUnsubscribeOwner* UnsubscribeGate::TakeOwner()
 {
     const std::lock_guard lock(m_mutex);
-    if (m_changeFailed && !m_answerIsDue)
+    if (m_change != nullptr && m_change->hasFailed && !m_change->answerIsDue)
     {
-        m_changeInFlight = false;
+        m_change->isInFlight = false;
     }
-    std::function<void()> completed;
-    if (m_isTearingDown && m_owed == 0 && !m_changeInFlight)
-    {
-        completed.swap(m_completed);
-    }
-    return completed;
+    const bool isInFlight = m_change != nullptr && m_change->isInFlight;
+    return m_isTearingDown && m_owed == 0 && !isInFlight ? std::exchange(m_owner, nullptr) : nullptr;
 }
 
 } // namespace ps_ns

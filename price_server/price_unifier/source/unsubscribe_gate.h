@@ -9,6 +9,17 @@
 namespace ps_ns
 {
 
+/// Who hears that a composite subscription's unsubscribe is complete.
+class IUnsubscribeOwner
+{
+public:
+    /// From whatever thread the last answer came on. The owner may be deleted before this returns.
+    virtual void OnAllUnsubscribed() = 0;
+
+protected:
+    ~IUnsubscribeOwner() = default;
+};
+
 /// Counts the answers that providers owe a composite subscription, and decides when two things may be said: that a
 /// symbol change's unsubscribe is done, and that the whole subscription is.
 ///
@@ -21,22 +32,28 @@ namespace ps_ns
 /// The manager keeps raw pointers to subscriptions under a symbol change; holding the completion back is what keeps
 /// them from being deleted meanwhile.
 ///
-/// Threads: any. Callbacks are made without the lock.
-class UnsubscribeGate final : public ISymbolChangeMember, public std::enable_shared_from_this<UnsubscribeGate>
+/// Threads: any. Callbacks are made without the lock. Who calls keeps the gate alive until the call has returned.
+class UnsubscribeGate final : public ISymbolChangeMember
 {
 public:
     using Answered = std::function<void(bool ok)>;
 
-    /// `completed` is called once, as the last thing ever, after BeginTeardown.
-    explicit UnsubscribeGate(std::function<void()> completed);
+    /// `owner` is called once, as the last thing ever, after BeginTeardown.
+    explicit UnsubscribeGate(IUnsubscribeOwner* owner) noexcept
+        : m_owner(owner)
+    {
+    }
+    UnsubscribeGate(const UnsubscribeGate&) = delete;
+    UnsubscribeGate& operator=(const UnsubscribeGate&) = delete;
 
     /// One more answer is owed, for the symbol change under way or for any other reason.
     void Expect(bool forChange);
     void OnAnswer(bool forChange, bool ok);
 
     /// A symbol change unsubscribes: `answered` is called once, when all answers expected for it are there and
-    /// FinishExpecting has been called.
-    void BeginChange(std::shared_ptr<SymbolChangeGroup> group, Answered answered);
+    /// FinishExpecting has been called. `self` is what holds this gate.
+    void BeginChange(const std::shared_ptr<UnsubscribeGate>& self, std::shared_ptr<SymbolChangeGroup> group,
+                     Answered answered);
     void FinishExpecting();
     /// The change has resubscribed.
     void EndChange();
@@ -48,22 +65,28 @@ public:
     void Disarm() noexcept;
 
 private:
+    /// A symbol change, under way or over: most subscriptions never see one.
+    struct Change
+    {
+        bool isInFlight = false;
+        bool hasFailed = false;
+        bool isOk = true;
+        bool answerIsDue = false; ///< until the call has returned
+        unsigned owed = 0;
+        Answered answered; ///< empty once it is being called
+        std::shared_ptr<SymbolChangeGroup> group;
+    };
+
     void Settle();
     bool AnswerChange();
-    std::function<void()> TakeCompletion();
+    IUnsubscribeOwner* TakeOwner();
 
     std::mutex m_mutex;
     // All under m_mutex.
-    std::function<void()> m_completed;
-    bool m_isTearingDown = false;
+    IUnsubscribeOwner* m_owner;       ///< null once it has been told, or need not be
+    std::unique_ptr<Change> m_change; ///< null: there has been none
     unsigned m_owed = 0;
-    bool m_changeInFlight = false;
-    bool m_changeFailed = false;
-    unsigned m_owedToChange = 0;
-    bool m_changeOk = true;
-    Answered m_answered;        ///< empty once it is being called
-    bool m_answerIsDue = false; ///< until the call has returned
-    std::shared_ptr<SymbolChangeGroup> m_group;
+    bool m_isTearingDown = false;
 };
 
 } // namespace ps_ns

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace ps_ns;
@@ -15,19 +17,35 @@ using Events = std::vector<std::string>;
 class UnsubscribeGateTest : public ::testing::Test
 {
 protected:
+    /// Tells the fixture.
+    struct Owner final : IUnsubscribeOwner
+    {
+        Owner(Events& all, std::string ownName)
+            : events(all)
+            , name(std::move(ownName))
+        {
+        }
+        void OnAllUnsubscribed() override { events.push_back(name + " completed"); }
+
+        Events& events;
+        const std::string name;
+    };
+
     std::shared_ptr<UnsubscribeGate> MakeGate(const std::string& name)
     {
-        return std::make_shared<UnsubscribeGate>([this, name] { events.push_back(name + " completed"); });
+        owners.push_back(std::make_unique<Owner>(events, name));
+        return std::make_shared<UnsubscribeGate>(owners.back().get());
     }
     /// Begins a change that expects one answer.
-    void BeginChange(UnsubscribeGate& gate, const std::string& name)
+    void BeginChange(const std::shared_ptr<UnsubscribeGate>& gate, const std::string& name)
     {
-        gate.BeginChange(group, [this, name](bool ok) { events.push_back(name + (ok ? " ok" : " failed")); });
-        gate.Expect(true);
-        gate.FinishExpecting();
+        gate->BeginChange(gate, group, [this, name](bool ok) { events.push_back(name + (ok ? " ok" : " failed")); });
+        gate->Expect(true);
+        gate->FinishExpecting();
     }
 
     Events events;
+    std::vector<std::unique_ptr<Owner>> owners;
     std::shared_ptr<SymbolChangeGroup> group = std::make_shared<SymbolChangeGroup>();
 };
 
@@ -63,7 +81,7 @@ TEST_F(UnsubscribeGateTest, DoesNotCompleteBeforeTheTeardown)
 TEST_F(UnsubscribeGateTest, AnswersAChangeThatOwesNothingAtOnce)
 {
     const auto gate = MakeGate("A");
-    gate->BeginChange(group, [this](bool ok) { events.push_back(ok ? "ok" : "failed"); });
+    gate->BeginChange(gate, group, [this](bool ok) { events.push_back(ok ? "ok" : "failed"); });
     EXPECT_TRUE(events.empty());
     gate->FinishExpecting();
     EXPECT_EQ(events, Events{"ok"});
@@ -74,7 +92,7 @@ TEST_F(UnsubscribeGateTest, AnswersAChangeAsFailedWhenAnyOfItsAnswersHasFailed)
     for (const bool isFirst : {true, false})
     {
         const auto gate = MakeGate("A");
-        gate->BeginChange(group, [this](bool ok) { events.push_back(ok ? "ok" : "failed"); });
+        gate->BeginChange(gate, group, [this](bool ok) { events.push_back(ok ? "ok" : "failed"); });
         gate->Expect(true);
         gate->Expect(true);
         gate->OnAnswer(true, !isFirst);
@@ -89,7 +107,7 @@ TEST_F(UnsubscribeGateTest, AnswersAChangeAsFailedWhenAnyOfItsAnswersHasFailed)
 TEST_F(UnsubscribeGateTest, HoldsTheCompletionBackUntilTheChangeHasResubscribed)
 {
     const auto gate = MakeGate("A");
-    BeginChange(*gate, "A");
+    BeginChange(gate, "A");
     gate->BeginTeardown();
     gate->OnAnswer(true, true);
     EXPECT_EQ(events, Events{"A ok"});
@@ -100,7 +118,7 @@ TEST_F(UnsubscribeGateTest, HoldsTheCompletionBackUntilTheChangeHasResubscribed)
 TEST_F(UnsubscribeGateTest, CompletesAfterItsOwnFailedAnswer)
 {
     const auto gate = MakeGate("A");
-    BeginChange(*gate, "A");
+    BeginChange(gate, "A");
     gate->BeginTeardown();
     gate->OnAnswer(true, false);
     EXPECT_EQ(events, (Events{"A failed", "A completed"}));
@@ -111,9 +129,9 @@ TEST_F(UnsubscribeGateTest, CompletesAfterASiblingsFailureButNotBeforeItsOwnAnsw
     const auto a = MakeGate("A");
     const auto b = MakeGate("B");
     const auto c = MakeGate("C");
-    BeginChange(*a, "A");
-    BeginChange(*b, "B");
-    BeginChange(*c, "C");
+    BeginChange(a, "A");
+    BeginChange(b, "B");
+    BeginChange(c, "C");
     a->BeginTeardown();
     b->BeginTeardown();
     b->OnAnswer(true, true);
@@ -127,10 +145,10 @@ TEST_F(UnsubscribeGateTest, CompletesAfterASiblingsFailureButNotBeforeItsOwnAnsw
 TEST_F(UnsubscribeGateTest, HoldsNothingBackForASiblingThatJoinsAfterTheFailure)
 {
     const auto a = MakeGate("A");
-    BeginChange(*a, "A");
+    BeginChange(a, "A");
     a->OnAnswer(true, false);
     const auto b = MakeGate("B");
-    BeginChange(*b, "B");
+    BeginChange(b, "B");
     b->BeginTeardown();
     b->OnAnswer(true, true);
     EXPECT_EQ(events, (Events{"A failed", "B ok", "B completed"}));
@@ -140,8 +158,8 @@ TEST_F(UnsubscribeGateTest, CompletesAlsoWhenASiblingHasFailedBeforeItsOwnFailur
 {
     const auto a = MakeGate("A");
     const auto b = MakeGate("B");
-    BeginChange(*a, "A");
-    BeginChange(*b, "B");
+    BeginChange(a, "A");
+    BeginChange(b, "B");
     a->BeginTeardown();
     b->BeginTeardown();
     a->OnAnswer(true, false);
@@ -153,7 +171,7 @@ TEST_F(UnsubscribeGateTest, WaitsForAnswersOutsideTheChangeToo)
 {
     const auto gate = MakeGate("A");
     gate->Expect(false); // a provider switch
-    BeginChange(*gate, "A");
+    BeginChange(gate, "A");
     gate->OnAnswer(true, true);
     EXPECT_EQ(events, Events{"A ok"});
     gate->BeginTeardown();
@@ -166,7 +184,7 @@ TEST_F(UnsubscribeGateTest, WaitsForAnswersOutsideTheChangeToo)
 TEST_F(UnsubscribeGateTest, SaysNothingOnceDisarmed)
 {
     const auto gate = MakeGate("A");
-    BeginChange(*gate, "A");
+    BeginChange(gate, "A");
     gate->Disarm();
     gate->OnAnswer(true, true);
     gate->EndChange();

@@ -70,14 +70,20 @@ std::shared_ptr<Executor> SimpleSubscriptionMgr::GetExecutor(const Submarket& su
 
 std::shared_ptr<Executor> SimpleSubscriptionMgr::GetSubscriptionExecutor(const Submarket& submarket)
 {
+    return GetSurroundings(submarket)->executor;
+}
+
+std::shared_ptr<const SubscriptionSurroundings> SimpleSubscriptionMgr::GetSurroundings(const Submarket& submarket)
+{
     const Submarket key = m_markets.Has(submarket.marketId) ? submarket : Submarket{};
-    const std::lock_guard lock(m_executorMutex);
-    std::shared_ptr<Executor>& executor = m_executors[key];
-    if (executor == nullptr)
+    const std::lock_guard lock(m_surroundingsMutex);
+    std::shared_ptr<const SubscriptionSurroundings>& surroundings = m_surroundings[key];
+    if (surroundings == nullptr)
     {
-        executor = m_executorFactory->MakeExecutor();
+        surroundings = std::make_shared<const SubscriptionSurroundings>(
+            SubscriptionSurroundings{m_executorFactory->MakeExecutor(), m_timers, GetStaleGauge()});
     }
-    return executor;
+    return surroundings;
 }
 
 void SimpleSubscriptionMgr::DumpSubscriptions(unsigned long limit) const

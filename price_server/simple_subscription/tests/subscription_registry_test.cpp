@@ -101,6 +101,38 @@ TEST(SubscriptionRegistry, CountsOneThatEnrolsTwiceOnce)
     EXPECT_EQ(deleted, 1);
 }
 
+TEST(SubscriptionRegistry, KeepsTheOthersWhicheverLeaves)
+{
+    for (std::size_t leaving = 0; leaving < 3; ++leaving)
+    {
+        int deleted = 0;
+        SubscriptionRegistry registry;
+        std::vector<const EnrolledSubscription*> enrolled{
+            new Enrolled(registry, deleted), new Enrolled(registry, deleted), new Enrolled(registry, deleted)};
+        delete enrolled[leaving];
+        enrolled.erase(enrolled.begin() + static_cast<std::ptrdiff_t>(leaving));
+        enrolled.push_back(new Enrolled(registry, deleted));
+        std::multiset<const EnrolledSubscription*> visited;
+        registry.ForEach([&](const EnrolledSubscription& subscription) { visited.insert(&subscription); });
+        EXPECT_EQ(visited, (std::multiset<const EnrolledSubscription*>(enrolled.begin(), enrolled.end())));
+        EXPECT_EQ(registry.GetSize(), 3U);
+        delete enrolled[1]; // in the middle, or at an end, again
+        EXPECT_EQ(registry.GetSize(), 2U);
+    }
+}
+
+TEST(SubscriptionRegistry, IsLeftOnceByOneThatLeavesTwice)
+{
+    int deleted = 0;
+    SubscriptionRegistry registry;
+    new Enrolled(registry, deleted);
+    auto* const leaving = new Enrolled(registry, deleted);
+    registry.Leave(leaving);
+    EXPECT_EQ(registry.GetSize(), 1U);
+    delete leaving; // leaves again
+    EXPECT_EQ(registry.GetSize(), 1U);
+}
+
 TEST(SubscriptionRegistry, VisitsEachSubscriptionOnce)
 {
     int deleted = 0;

@@ -12,10 +12,10 @@ namespace detail
 {
 /// Writes, at level 30, what an observer has thrown; `what` null: something that is no exception.
 void LogObserverThrew(const CompositeInstrumentDef& def, const std::string& name, const char* what);
-} // namespace detail
 
+/// Calls an observer of `def`; what it throws is logged, so that those behind it are served.
 template <class Call>
-void PriceDelivery::CallObserver(const std::string& name, const Call& call)
+void CallObserver(const CompositeInstrumentDef& def, const std::string& name, const Call& call)
 {
     try
     {
@@ -23,12 +23,19 @@ void PriceDelivery::CallObserver(const std::string& name, const Call& call)
     }
     catch (const std::exception& error)
     {
-        detail::LogObserverThrew(m_def, name, error.what());
+        LogObserverThrew(def, name, error.what());
     }
     catch (...)
     {
-        detail::LogObserverThrew(m_def, name, nullptr);
+        LogObserverThrew(def, name, nullptr);
     }
+}
+} // namespace detail
+
+template <class Call>
+void PriceDelivery::CallObserver(const std::string& name, const Call& call)
+{
+    detail::CallObserver(m_def, name, call);
 }
 
 } // namespace ps_ns

@@ -8,6 +8,7 @@
 #include "simple_subscription/i_price_provider.h"
 #include "simple_subscription/market_table.h"
 #include "simple_subscription/subscription_registry.h"
+#include "simple_subscription/subscription_surroundings.h"
 #include "simple_subscription/symbol_change_group.h"
 
 #include <memory>
@@ -64,6 +65,8 @@ public:
     /// The executor of a composite subscription: its submarket's, or one common to all markets that are not in the
     /// table.
     std::shared_ptr<Executor> GetSubscriptionExecutor(const Submarket& submarket);
+    /// The same executor with what else the submarket's composite subscriptions share; never null.
+    std::shared_ptr<const SubscriptionSurroundings> GetSurroundings(const Submarket& submarket);
 
     /// Writes the composite subscriptions to the log, a line each at level 10: at most `limit` of them, 0 for all.
     void DumpSubscriptions(unsigned long limit) const;
@@ -82,8 +85,9 @@ private:
     std::vector<std::shared_ptr<IPriceProvider>> m_providers; ///< constant after the start
     zel::metrics::Store<zel::metrics::Gauge, 1> m_gauges;
 
-    std::mutex m_executorMutex;
-    std::unordered_map<Submarket, std::shared_ptr<Executor>> m_executors; ///< under m_executorMutex
+    std::mutex m_surroundingsMutex;
+    /// Under m_surroundingsMutex.
+    std::unordered_map<Submarket, std::shared_ptr<const SubscriptionSurroundings>> m_surroundings;
 
     SymbolChangeGroups m_symbolChangeGroups;
     SubscriptionRegistry m_registry; ///< last: it dies first, and what it deletes may still use the rest
