@@ -219,7 +219,7 @@ void PriceDelivery::RemoveClient(const ClientScope& client)
 void PriceDelivery::ChangeClient(ClientScope& client, const CompositeSubscriptionInfo& info)
 {
     const bool wasWaiting = std::exchange(client.pace.isWaiting, false);
-    client.info = info;
+    client.SetInfo(info);
     client.pace.nextTime = {};
     client.pace.delivered.reset(); // the next book comes in any case, even if it shows the same
     client.viewSequence = 0;
@@ -256,7 +256,7 @@ void PriceDelivery::OnMergedScope()
         std::shared_ptr<MergedOrderBook> book = MergeBook();
         book->sequence = ++m_sequence;
         m_current = std::move(book);
-        DeliverOwn(round);
+        DeliverOwn(std::shared_ptr(m_current), round);
         round.Pause();
     }
     for (std::size_t i = 0; i < m_clients.size(); ++i)
@@ -293,7 +293,10 @@ void PriceDelivery::GenerateSnapshot(std::uint32_t reason, ClientScope* client)
     else
     {
         SendOwn(snapshot, round);
-        m_ownPace.delivered = newest;
+        if (m_ownPace.delivered != nullptr)
+        {
+            m_ownPace.delivered = newest; // the snapshot shows the same
+        }
     }
 }
 

@@ -122,8 +122,9 @@ private:
     bool HoldsBackEmpty(const MergedOrderBook& book);
     detail::CallbackRound MakeRound() noexcept;
     void Deliver();
-    void DeliverOwn(detail::CallbackRound& round);
-    void DeliverToClients(detail::CallbackRound& round);
+    // The caller holds the book: a callback must not lose it to what it sets off.
+    void DeliverOwn(const std::shared_ptr<const MergedOrderBook>& book, detail::CallbackRound& round);
+    void DeliverToClients(const std::shared_ptr<const MergedOrderBook>& book, detail::CallbackRound& round);
     void DeliverTo(const std::shared_ptr<ClientScope>& client, detail::CallbackRound& round);
     bool HasView(const ClientScope& client, const std::shared_ptr<const MergedOrderBook>& view) const noexcept;
     void NoteDelivered(ClientScope& client, const std::shared_ptr<const MergedOrderBook>& view);
@@ -172,6 +173,7 @@ private:
     double m_lastTradePrice;
 
     DeliveryPace m_ownPace;
+    std::uint64_t m_ownSequence = 0; ///< of the book that the own observer had last; 0: none yet
     std::vector<std::shared_ptr<ClientScope>> m_clients;
     std::vector<DepthView> m_views;
 

@@ -116,16 +116,18 @@ detail::CallbackRound PriceDelivery::MakeRound() noexcept
 
 void PriceDelivery::Deliver()
 {
+    const std::shared_ptr<const MergedOrderBook> book = m_current; // a callback must not lose it to what it sets off
     detail::CallbackRound round = MakeRound();
-    DeliverOwn(round);
-    DeliverToClients(round);
+    DeliverOwn(book, round);
+    DeliverToClients(book, round);
 }
 
 /// The loop that every update of every instrument goes through: what most clients want, every change of the same view,
 /// takes no look-up, no counted reference of its own and no look at the clock.
-void PriceDelivery::DeliverToClients(detail::CallbackRound& round)
+void PriceDelivery::DeliverToClients(const std::shared_ptr<const MergedOrderBook>& book, detail::CallbackRound& round)
 {
-    std::shared_ptr<const MergedOrderBook> view; // held: a callback must not lose its book to what it sets off
+    std::shared_ptr<const MergedOrderBook> cut; // held like the book
+    const std::shared_ptr<const MergedOrderBook>* view = &book;
     std::int32_t depth = kNoDepth;
     std::uint64_t sequence = 0;
     std::uint64_t calls = 0;
@@ -139,19 +141,21 @@ void PriceDelivery::DeliverToClients(detail::CallbackRound& round)
         if (client.info.depth != depth)
         {
             depth = client.info.depth;
+            view = &book;
             if (IsCut(depth))
             {
                 round.Pause();
+                cut = GetView(depth);
+                view = &cut;
             }
-            view = GetView(depth);
-            sequence = view->sequence;
+            sequence = (*view)->sequence;
             round.Resume();
         }
         if (client.viewSequence == sequence)
         {
             continue; // nothing new at this depth
         }
-        if (client.info.conflationInterval_ms != 0 || sequence < client.sentSequence)
+        if (client.hasInterval || sequence < client.sentSequence)
         {
             round.Pause();
             DeliverTo(m_clients[i], round);
@@ -161,7 +165,7 @@ void PriceDelivery::DeliverToClients(detail::CallbackRound& round)
         client.viewSequence = sequence;
         client.sentSequence = sequence;
         ++calls;
-        CallObserver(client.observer->GetName(), [&] { client.observer->OnOrderBook(client.id, m_def, view); });
+        CallObserver(client.observer->GetName(), [&] { client.observer->OnOrderBook(client.id, m_def, *view); });
     }
     round.Count(calls);
 }
@@ -170,7 +174,7 @@ void PriceDelivery::DeliverToClients(detail::CallbackRound& round)
 bool PriceDelivery::HasView(const ClientScope& client,
                             const std::shared_ptr<const MergedOrderBook>& view) const noexcept
 {
-    if (client.info.conflationInterval_ms != 0)
+    if (client.hasInterval)
     {
         return client.pace.delivered == view;
     }
@@ -179,7 +183,7 @@ bool PriceDelivery::HasView(const ClientScope& client,
 
 void PriceDelivery::NoteDelivered(ClientScope& client, const std::shared_ptr<const MergedOrderBook>& view)
 {
-    if (client.info.conflationInterval_ms != 0)
+    if (client.hasInterval)
     {
         client.pace.delivered = view;
     }
@@ -217,19 +221,20 @@ bool PriceDelivery::MustWait(DeliveryPace& pace, unsigned interval_ms, const Lat
     return true;
 }
 
-void PriceDelivery::DeliverOwn(detail::CallbackRound& round)
+void PriceDelivery::DeliverOwn(const std::shared_ptr<const MergedOrderBook>& book, detail::CallbackRound& round)
 {
     const auto later = [this]
     {
-        if (IsNews(m_ownPace, m_current))
+        const std::shared_ptr<const MergedOrderBook> newest = m_current;
+        if (IsNews(m_ownPace, newest))
         {
             detail::CallbackRound own = MakeRound();
-            SendOwn(m_current, own);
+            SendOwn(newest, own);
         }
     };
-    if (m_ownPace.delivered != m_current && !MustWait(m_ownPace, m_scope.conflationInterval_ms, later))
+    if (m_ownSequence != book->sequence && !MustWait(m_ownPace, m_scope.conflationInterval_ms, later))
     {
-        SendOwn(m_current, round);
+        SendOwn(book, round);
     }
 }
 
@@ -240,7 +245,7 @@ void PriceDelivery::DeliverTo(const std::shared_ptr<ClientScope>& client, detail
     {
         return; // nothing new at this depth
     }
-    if (client->info.conflationInterval_ms == 0)
+    if (!client->hasInterval)
     {
         Send(*client, book, round);
         return;
@@ -263,10 +268,14 @@ void PriceDelivery::DeliverTo(const std::shared_ptr<ClientScope>& client, detail
 void PriceDelivery::NoteSent(DeliveryPace& pace, unsigned interval_ms,
                              const std::shared_ptr<const MergedOrderBook>& book)
 {
-    pace.delivered = book;
     pace.isWaiting = false;
-    if (interval_ms != 0)
+    if (interval_ms == 0)
     {
+        pace.delivered.reset();
+    }
+    else
+    {
+        pace.delivered = book;
         pace.nextTime = m_host.Now() + std::chrono::milliseconds(interval_ms);
     }
 }
@@ -283,11 +292,10 @@ bool PriceDelivery::IsNews(const DeliveryPace& pace, const std::shared_ptr<const
 
 void PriceDelivery::SendOwn(const std::shared_ptr<const MergedOrderBook>& book, detail::CallbackRound& round)
 {
-    // A copy of the pointer: the callback must not lose its book to what it sets off.
-    const std::shared_ptr<const MergedOrderBook> held = book;
-    NoteSent(m_ownPace, m_scope.conflationInterval_ms, held);
+    m_ownSequence = book->sequence;
+    NoteSent(m_ownPace, m_scope.conflationInterval_ms, book);
     round.Resume();
-    CallObserver(m_observer->GetName(), [&] { m_observer->OnOrderBook(m_def, held); });
+    CallObserver(m_observer->GetName(), [&] { m_observer->OnOrderBook(m_def, book); });
     round.Count(1);
 }
 
@@ -299,7 +307,7 @@ void PriceDelivery::Send(ClientScope& client, const std::shared_ptr<const Merged
         return;
     }
     std::shared_ptr<const MergedOrderBook> held = book;
-    if (client.info.conflationInterval_ms != 0)
+    if (client.hasInterval)
     {
         NoteSent(client.pace, client.info.conflationInterval_ms, held);
     }
