@@ -85,6 +85,17 @@ void InstrumentFeed::PublishBook(MarketMessage& message, UpdatePools& pools)
     }
 }
 
+/// Only this thread writes the book: it may look at it without the lock.
+const LevelBook& InstrumentFeed::GetBook()
+{
+    if (!m_book.IsSorted())
+    {
+        const ScopedRoleLock lock(m_mutex, m_role);
+        m_book.Sort();
+    }
+    return m_book.GetSorted();
+}
+
 void InstrumentFeed::PublishTrades(MarketMessage& message, UpdatePools& pools)
 {
     if (std::none_of(m_slots.begin(), m_slots.end(), [](const Slot& slot) { return slot.wantsTrades; }))

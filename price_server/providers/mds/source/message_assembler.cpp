@@ -44,7 +44,10 @@ bool MessageAssembler::NextRow()
 {
     while (!m_hasRow && m_reader.Next(m_row))
     {
-        m_rowInstrument = Find(m_row.instrument);
+        if (!m_row.isAlike)
+        {
+            m_rowInstrument = Find(m_row.instrument);
+        }
         m_hasRow = m_rowInstrument != kNoInstrument;
     }
     return m_hasRow;

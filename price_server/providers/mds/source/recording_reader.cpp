@@ -29,8 +29,30 @@ bool RecordingReader::ReadHeader()
     return m_header == Header::Good;
 }
 
+/// The next row if it is alike to the one before, which needs no look at its time; nothing has happened if not.
+bool RecordingReader::NextAlike(RecordingRow& row)
+{
+    if (m_header != Header::Good || m_end - m_begin < RowParser::kLookAhead)
+    {
+        return false;
+    }
+    const char* const next = m_parser.ParseAlike(m_buffer.data() + m_begin, row);
+    if (next == nullptr || row.receiveTime_ns != m_time_ns)
+    {
+        return false;
+    }
+    m_begin = m_scanned = static_cast<std::size_t>(next - m_buffer.data());
+    ++m_line;
+    m_oldRows = 0;
+    return true;
+}
+
 bool RecordingReader::Next(RecordingRow& row)
 {
+    if (NextAlike(row))
+    {
+        return true;
+    }
     if (!ReadHeader())
     {
         return false;

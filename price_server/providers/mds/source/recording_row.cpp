@@ -256,6 +256,7 @@ void RowParser::Remember(std::string_view line, const Head& head) noexcept
 
 ProblemKind RowParser::Parse(std::string_view line, RecordingRow& row) noexcept
 {
+    row.isAlike = false;
     const bool isKnown = BeginsAsBefore(line);
     Head head = m_head;
     Fields fields;
@@ -282,13 +283,18 @@ ProblemKind RowParser::Parse(std::string_view line, RecordingRow& row) noexcept
     {
         return ProblemKind::BadNumber;
     }
-    if (!isKnown)
-    {
-        Remember(line, head);
-    }
     row.receiveTime_ns = head.receiveTime_ns;
     row.exchangeTime_ns = head.exchangeTime_ns;
-    return ParsePriceAndQuantity(fields, row);
+    const ProblemKind problem = ParsePriceAndQuantity(fields, row);
+    if (problem == ProblemKind::None)
+    {
+        if (!isKnown)
+        {
+            Remember(line, head);
+        }
+        RememberTail(fields[kSequence], row.venueSequence);
+    }
+    return problem;
 }
 
 } // namespace ps_ns

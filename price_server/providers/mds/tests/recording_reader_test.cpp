@@ -385,6 +385,49 @@ TEST(RecordingReader, LooksBehindALeapOfTimeWhereverTheBufferEnds)
     EXPECT_EQ(cut.total, 1U) << cut.problems.All();
 }
 
+TEST(RecordingReader, ReadsMessagesOfManyRowsAsIfEachRowStoodAlone)
+{
+    SeededRandom random(20'261'125);
+    std::string text = std::string(kRecordingHeader) + "\n";
+    std::vector<std::string> expected;
+    std::uint64_t bad = 0;
+    for (int message = 0; message < 3'000; ++message)
+    {
+        const std::string time = std::to_string(1'000'000 + message);
+        const std::string symbol = random.Once(2) ? "A" : "B";
+        for (std::int64_t rows = random.Below(20); rows >= 0; --rows)
+        {
+            const bool isBad = random.Once(50);
+            const std::string price = std::to_string(random.Below(100'000) + 1);
+            const std::string line = time + ",,MARKET," + symbol + (random.Once(2) ? ",book,B,," : ",book,S,,") +
+                                     price + (isBad ? ".,1," : ",1,") + time + (rows == 0 ? ",1" : ",0");
+            text += line + (random.Once(100) ? "\r\n" : "\n");
+            bad += isBad ? 1 : 0;
+            if (!isBad)
+            {
+                expected.push_back(time + " " + symbol + " " + price + " 1");
+            }
+        }
+    }
+    const TemporaryFolder folder;
+    const Result result = ReadAll(folder.Write("a.csv", text));
+    EXPECT_EQ(result.rows, expected);
+    EXPECT_EQ(result.CountOf(ProblemKind::BadNumber), bad);
+    EXPECT_EQ(result.total, bad);
+}
+
+TEST(RecordingReader, DropsEveryRowOfAnOldMessage)
+{
+    const TemporaryFolder folder;
+    const Result result = ReadAll(folder.WriteRows("a.csv", "10000,7,M,A,book,B,,1.5,2,9,1\n"
+                                                            "9000,7,M,A,book,B,,1.6,2,9,0\n"
+                                                            "9000,7,M,A,book,B,,1.7,2,9,1\n"
+                                                            "10000,7,M,A,book,B,,1.8,2,9,1\n" +
+                                                                std::string(400, ' ') + "\n"));
+    EXPECT_EQ(result.rows, (std::vector<std::string>{"10000 A 1.5 2", "10000 A 1.8 2"}));
+    EXPECT_EQ(result.CountOf(ProblemKind::TimeBackwards), 2U);
+}
+
 TEST(RecordingReader, ReadsEveryRowOfTheRecordedFiles)
 {
     const std::vector<std::size_t> rows{50'437, 173'681, 93'040, 8'588, 14'350, 23'850, 954};

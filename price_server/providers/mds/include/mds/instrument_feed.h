@@ -2,7 +2,7 @@
 
 #include "base/thread_annotations.h"
 #include "composite_instrument/price_format.h"
-#include "mds/level_book.h"
+#include "mds/feed_book.h"
 #include "mds/market_source.h"
 #include "mds/update_pools.h"
 #include "simple_subscription/i_component_listener.h"
@@ -43,8 +43,8 @@ public:
     /// book, or when it is fresh. Feed thread only.
     void ShowStale(UpdatePools& pools);
 
-    /// The present book. Feed thread only.
-    const LevelBook& GetBook() const noexcept PS_NO_THREAD_ANALYSIS { return m_book; }
+    /// The present book, which is kept sorted from the first call on. Feed thread only.
+    const LevelBook& GetBook() PS_NO_THREAD_ANALYSIS;
 
     /// Tells the listener OnSubscribed, then that it is stale or not at all, then the present book if there is one that
     /// may be shown; updates follow.
@@ -72,7 +72,7 @@ private:
     mutable Role m_role; ///< of m_mutex
 
     /// Written by the feed thread under the lock: that thread reads without it, all others with it.
-    LevelBook m_book PS_GUARDED_BY(m_role);
+    FeedBook m_book PS_GUARDED_BY(m_role);
     bool m_hasImage PS_GUARDED_BY(m_role) = false;
     bool m_isStale PS_GUARDED_BY(m_role) = false;
     bool m_hasStaleImage PS_GUARDED_BY(m_role) = false; ///< the last book message came while it was stale

@@ -47,6 +47,7 @@ public:
     std::uint64_t GetLine() const noexcept { return m_line; }
 
 private:
+    bool NextAlike(RecordingRow& row);
     bool NextLine(std::string_view& line);
     ProblemKind CheckOldTime(std::uint64_t time_ns);
     ProblemKind CheckTime(std::string_view& line, RecordingRow& row);

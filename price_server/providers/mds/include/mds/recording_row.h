@@ -35,10 +35,11 @@ struct RecordingRow
     RowEvent event = RowEvent::Book;
     char side = 0; ///< 'B', 'S', or 0 for a trade whose aggressor is not known
     bool isLast = false;
+    bool isAlike = false; ///< times, names and venue sequence are those of the good row before, and need no look
 };
 
-/// Reads rows, line after line. The rows of one venue message begin alike, with its times and names: what begins as the
-/// good row before it has that part taken over. Allocates nothing.
+/// Reads rows, line after line. The rows of one venue message begin alike, with its times and names, and end alike,
+/// with its sequence: what is as in the good row before is compared, and not read again. Allocates nothing.
 ///
 /// Threads: one at a time.
 class RowParser
@@ -47,6 +48,14 @@ public:
     /// Reads one line, without its end. Returns ProblemKind::None and fills `row`, or what is wrong with the line;
     /// `row` is then not to be used.
     ProblemKind Parse(std::string_view line, RecordingRow& row) noexcept;
+
+    /// How many characters must be readable for ParseAlike.
+    static constexpr std::size_t kLookAhead = 256;
+
+    /// Reads the line that begins at `at` if it is a change of a book that has its times, names and sequence from the
+    /// good row before, short numbers, and ends with a line feed: most rows are, and are read in one go here. Returns
+    /// where the next line begins; null for any other line, good or not, which is Parse's; `row` may then have changed.
+    const char* ParseAlike(const char* at, RecordingRow& row) const noexcept;
 
 private:
     struct Head
@@ -62,10 +71,18 @@ private:
     static bool SplitHead(std::string_view line, Head& head) noexcept;
     static bool ParseTimes(std::string_view line, Head& head) noexcept;
     void Remember(std::string_view line, const Head& head) noexcept;
+    void RememberTail(std::string_view line, std::uint64_t venueSequence) noexcept;
 
     static constexpr std::size_t kLongestHead = 128; ///< longer ones are read each time
     std::array<char, kLongestHead> m_text{};
     Head m_head; ///< of the last good row
+
+    /// From the sequence of the last good row to the comma behind it, in words whose unused bytes are masked out.
+    static constexpr std::size_t kTailWords = 3;
+    std::array<std::uint64_t, kTailWords> m_tail{};
+    std::array<std::uint64_t, kTailWords> m_tailMask{};
+    std::size_t m_tailSize = 0; ///< 0: there is none that could be compared
+    std::uint64_t m_venueSequence = 0;
 };
 
 } // namespace ps_ns
