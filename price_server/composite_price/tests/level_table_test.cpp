@@ -65,6 +65,15 @@ TEST(LevelTable, TakesTheLargestAndTheSmallestPrice)
     EXPECT_EQ(Read(table), (Model{{kSmallest, {kSmallest, 2, 0}}, {kLargest, {kLargest, 1, 0}}}));
 }
 
+TEST(LevelTable, KeepsItsLevelsWhenRoomIsMadeForMore)
+{
+    LevelTable table;
+    table.Reserve(100);
+    table.Set({1, 2, 3});
+    table.Reserve(10'000);
+    EXPECT_EQ(Read(table), (Model{{1, {1, 2, 3}}}));
+}
+
 TEST(LevelTable, EqualsAMapUnderRandomChanges)
 {
     const unsigned seed = 20261122;

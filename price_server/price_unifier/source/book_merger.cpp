@@ -13,104 +13,6 @@ namespace
 using Levels = ComponentBook::Levels;
 using MergedLevel = MergedOrderBook::Level;
 
-using Side = ComponentBook::Side;
-using Place = Levels::iterator;
-
-/// Nearer to the top than this, levels move; further away, holes are made and looked for, this far to either side.
-constexpr std::ptrdiff_t kNear = 48;
-
-void RemoveLevel(Side& side, Place at)
-{
-    if (side.levels.end() - at <= kNear)
-    {
-        side.levels.erase(at);
-    }
-    else
-    {
-        at->quantity = 0;
-        ++side.holes;
-    }
-    if (2 * side.holes > side.levels.size())
-    {
-        std::erase_if(side.levels, [](const OrderBook::Level& level) { return level.quantity == 0; });
-        side.holes = 0;
-    }
-}
-
-/// Inserts before `at`, into a hole if there is one near.
-void InsertLevel(Side& side, Place at, const OrderBook::Level& level)
-{
-    const auto isHole = [](const OrderBook::Level& other) { return other.quantity == 0; };
-    if (side.holes != 0 && side.levels.end() - at > kNear)
-    {
-        const Place above = std::find_if(at, at + kNear, isHole);
-        if (above != at + kNear)
-        {
-            std::move_backward(at, above, above + 1);
-            *at = level;
-            --side.holes;
-            return;
-        }
-        const Place below = at - std::min(kNear, at - side.levels.begin());
-        for (Place hole = at; hole != below;)
-        {
-            if (isHole(*--hole))
-            {
-                std::move(hole + 1, at, hole);
-                *(at - 1) = level;
-                --side.holes;
-                return;
-            }
-        }
-    }
-    side.levels.insert(at, level);
-}
-
-/// Sets the whole quantity at a price in levels sorted by `Worse` (worst first).
-template <class Worse>
-void SetLevel(Side& side, const BookUpdate::Change& change, Worse worse)
-{
-    const Place at =
-        std::lower_bound(side.levels.begin(), side.levels.end(), change.price,
-                         [&](const OrderBook::Level& level, std::int64_t price) { return worse(level.price, price); });
-    const bool found = at != side.levels.end() && at->price == change.price;
-    const OrderBook::Level level{change.price, change.quantity, change.orderCount};
-    if (!found)
-    {
-        if (change.quantity != 0)
-        {
-            InsertLevel(side, at, level);
-        }
-    }
-    else if (change.quantity != 0)
-    {
-        side.holes -= at->quantity == 0 ? 1U : 0U;
-        *at = level;
-    }
-    else if (at->quantity != 0)
-    {
-        RemoveLevel(side, at);
-    }
-}
-
-/// Brings the levels of an image, as they came, into the order `worse`: venues send the best first, which only has to
-/// be turned round. Of several at one price the last one counts, and a quantity of zero is no level.
-template <class Worse>
-void Arrange(Levels& levels, Worse worse)
-{
-    const auto byPrice = [&](const OrderBook::Level& a, const OrderBook::Level& b) { return worse(a.price, b.price); };
-    std::reverse(levels.begin(), levels.end());
-    if (!std::is_sorted(levels.begin(), levels.end(), byPrice))
-    {
-        std::stable_sort(levels.begin(), levels.end(), byPrice);
-    }
-    // Reversed, the last of equal prices comes first: std::unique keeps it.
-    levels.erase(std::unique(levels.begin(), levels.end(),
-                             [](const OrderBook::Level& a, const OrderBook::Level& b) { return a.price == b.price; }),
-                 levels.end());
-    std::erase_if(levels, [](const OrderBook::Level& level) { return level.quantity == 0; });
-}
-
 std::int64_t AddSaturated(std::int64_t a, std::int64_t b) noexcept
 {
     std::int64_t sum = 0;
@@ -264,52 +166,6 @@ std::uint32_t MergeSide(std::span<Rest> rests, std::span<MergedLevel> storage, B
 
 } // namespace
 
-void ComponentBook::Apply(const BookUpdate& update)
-{
-    if (update.isImage)
-    {
-        Load(update);
-        return;
-    }
-    for (const BookUpdate::Change& change : update.changes)
-    {
-        Apply(change);
-    }
-}
-
-void ComponentBook::Load(const BookUpdate& image)
-{
-    Clear();
-    for (const BookUpdate::Change& change : image.changes)
-    {
-        Levels& levels = change.side == BookSideType::Bid ? m_bids.levels : m_asks.levels;
-        levels.push_back({change.price, change.quantity, change.orderCount});
-    }
-    Arrange(m_bids.levels, std::less<>());
-    Arrange(m_asks.levels, std::greater<>());
-}
-
-void ComponentBook::Apply(const BookUpdate::Change& change)
-{
-    if (change.side == BookSideType::Bid)
-    {
-        SetLevel(m_bids, change, std::less<>());
-    }
-    else
-    {
-        SetLevel(m_asks, change, std::greater<>());
-    }
-}
-
-void ComponentBook::Clear() noexcept
-{
-    for (Side* const side : {&m_bids, &m_asks})
-    {
-        side->levels.clear();
-        side->holes = 0;
-    }
-}
-
 void BookMerger::Apply(CompositeComponentType::Type component, const BookUpdate& update)
 {
     m_components[static_cast<std::size_t>(component)].Apply(update);
@@ -327,6 +183,10 @@ const ComponentBook& BookMerger::GetComponent(CompositeComponentType::Type compo
 
 void BookMerger::Merge(MergedOrderBook& book) const
 {
+    for (ComponentBook& component : m_components)
+    {
+        component.Expose(book.bids.depth);
+    }
     std::array<Rest, CompositeComponentType::kCount> rests;
     const auto fill = [&](auto getLevels)
     {

@@ -284,3 +284,75 @@ TEST(BookMerger, EqualsAMapBookWhenLevelsComeAndGoDeepInLargeBooks)
         }
     }
 }
+
+namespace
+{
+
+/// What the two parts of a side promise each other.
+void CheckParts(const ComponentBook::Side& side, bool isBid)
+{
+    const auto isWorse = [isBid](std::int64_t a, std::int64_t b) { return isBid ? a < b : a > b; };
+    for (std::size_t i = 1; i < side.levels.size(); ++i)
+    {
+        ASSERT_TRUE(isWorse(side.levels[i - 1].price, side.levels[i].price));
+    }
+    ASSERT_LE(side.levels.size(), 2 * side.GetKept());
+    if (side.rest == nullptr || side.rest->levels.IsEmpty())
+    {
+        return;
+    }
+    for (const OrderBook::Level& level : side.levels)
+    {
+        ASSERT_FALSE(isWorse(level.price, side.rest->bound));
+    }
+    side.rest->levels.ForEach([&](const OrderBook::Level& level)
+                              { ASSERT_TRUE(isWorse(level.price, side.rest->bound)); });
+}
+
+} // namespace
+
+TEST(BookMerger, EqualsAMapBookWhenPricesWanderThroughLargeBooksAtChangingDepths)
+{
+    const unsigned seed = 20261122;
+    std::mt19937 random(seed);
+    const auto below = [&](unsigned bound) { return std::uniform_int_distribution<unsigned>(0, bound - 1)(random); };
+    BookMerger merger;
+    ReferenceMerger reference;
+    std::int64_t middle = 0;
+    for (int step = 0; step < 3'000; ++step)
+    {
+        // The top goes away on one side and grows on the other, for a while; then the other way round.
+        const std::int64_t before = middle;
+        middle += step % 400 < 200 ? below(5) : -static_cast<std::int64_t>(below(5));
+        BookUpdate update;
+        update.isImage = step % 1'000 == 0;
+        for (std::int64_t price = std::min(before, middle); price <= std::max(before, middle); ++price)
+        {
+            update.changes.push_back({price, price < middle ? 1 : 0, 0, kBid});
+            update.changes.push_back({price, price > middle ? 1 : 0, 0, kAsk});
+        }
+        for (unsigned i = 0; i < (update.isImage ? 1'500 : 12); ++i)
+        {
+            const std::int64_t away = 1 + below(below(3) == 0 ? 30 : 900);
+            const bool isBid = below(2) == 0;
+            update.changes.push_back({isBid ? middle - away : middle + away,
+                                      below(2) == 0 && !update.isImage ? 0 : static_cast<std::int64_t>(1 + below(100)),
+                                      below(5), isBid ? kBid : kAsk});
+        }
+        const auto component = below(4) == 0 && !update.isImage ? kImplied : kDirect;
+        merger.Apply(component, update);
+        reference.Apply(component, update);
+
+        const std::uint32_t depth = below(100) == 0 ? 1 + below(300) : step % 2'000 < 1'000 ? 10 : 1;
+        MergedOrderBook book(depth, depth);
+        merger.Merge(book);
+        const auto toVector = [](const auto& side)
+        { return std::vector<MergedOrderBook::Level>(side.GetLevels().begin(), side.GetLevels().end()); };
+        ASSERT_EQ(toVector(book.bids), reference.Merge(kBid, depth)) << "seed " << seed << " step " << step;
+        ASSERT_EQ(toVector(book.asks), reference.Merge(kAsk, depth)) << "seed " << seed << " step " << step;
+        CheckParts(merger.GetComponent(component).GetBids(), true);
+        CheckParts(merger.GetComponent(component).GetAsks(), false);
+        ASSERT_FALSE(::testing::Test::HasFatalFailure()) << "seed " << seed << " step " << step;
+    }
+    EXPECT_NE(merger.GetComponent(kDirect).GetBids().rest, nullptr) << "nothing has been tried";
+}

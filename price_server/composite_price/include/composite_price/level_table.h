@@ -22,22 +22,40 @@ public:
     /// Sets the quantity at a price; 0 removes the level, and removing what is not there does nothing.
     void Set(const Level& level)
     {
-        if (kPlaces * m_used >= kMostUsed * m_places.size())
-        {
-            LayOut(m_size + 1);
-        }
-        Place& place = Find(level.price);
-        if (!place.isUsed)
+        if (m_places.empty())
         {
             if (level.quantity == 0)
             {
                 return;
             }
+            LayOut(1);
+        }
+        Place* place = &Find(level.price);
+        if (!place->isUsed)
+        {
+            if (level.quantity == 0)
+            {
+                return;
+            }
+            if (IsFull(m_used + 1))
+            {
+                LayOut(m_size + 1);
+                place = &Find(level.price);
+            }
             ++m_used;
         }
-        m_size -= place.quantity != 0 ? 1 : 0;
+        m_size -= place->quantity != 0 ? 1 : 0;
         m_size += level.quantity != 0 ? 1 : 0;
-        place = {level.price, level.quantity, level.orderCount, true};
+        *place = {level.price, level.quantity, level.orderCount, true};
+    }
+
+    /// Makes room for so many more levels, so that setting them cannot fail. What removes a level never fails.
+    void Reserve(std::size_t more)
+    {
+        if (IsFull(m_used + more))
+        {
+            LayOut(m_size + more);
+        }
     }
 
     /// Asks for the memory in which a price is going to be set.
@@ -78,6 +96,8 @@ private:
     };
     static_assert(sizeof(Place) == 24);
 
+    /// More than five of eight.
+    bool IsFull(std::size_t used) const noexcept { return 8 * used > 5 * m_places.size(); }
     /// Twice multiplied: prices are multiples of round numbers, and one multiplication would send them to few places.
     std::size_t Home(std::int64_t price) const noexcept
     {
@@ -98,9 +118,6 @@ private:
     }
     /// Lays the table out anew, with room for so many levels; those that are there stay.
     void LayOut(std::size_t levels);
-
-    static constexpr std::size_t kPlaces = 8;   ///< of so many places
-    static constexpr std::size_t kMostUsed = 5; ///< these are used at most
 
     std::vector<Place> m_places; ///< a power of two, or none
     std::size_t m_used = 0;      ///< with those that have lost their level

@@ -27,7 +27,7 @@ bool MessageAssembler::Next(MarketMessage& message)
     {
         Append(message);
         m_hasRow = false;
-        if (m_row.isLast)
+        if (m_row.isLast || AppendAlike(message))
         {
             return true;
         }
@@ -99,6 +99,26 @@ void MessageAssembler::Append(MarketMessage& message)
         return;
     }
     message.changes.push_back(change);
+}
+
+/// Appends the rows that are alike to the one before as long as there are; true: one of them ends the message.
+bool MessageAssembler::AppendAlike(MarketMessage& message)
+{
+    if (message.isImage)
+    {
+        return false;
+    }
+    AlikeRow row;
+    while (m_reader.NextAlike(row))
+    {
+        message.changes.push_back(
+            {row.price, row.quantity, 0, row.side == 'B' ? BookSideType::Bid : BookSideType::Ask});
+        if (row.isLast)
+        {
+            return true;
+        }
+    }
+    return false;
 }
 
 void MessageAssembler::PutIntoImage(MarketMessage& message, const BookUpdate::Change& change)

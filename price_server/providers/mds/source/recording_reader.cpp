@@ -29,15 +29,15 @@ bool RecordingReader::ReadHeader()
     return m_header == Header::Good;
 }
 
-/// The next row if it is alike to the one before, which needs no look at its time; nothing has happened if not.
-bool RecordingReader::NextAlike(RecordingRow& row)
+bool RecordingReader::NextAlike(AlikeRow& row)
 {
-    if (m_header != Header::Good || m_end - m_begin < RowParser::kLookAhead)
+    if (m_header != Header::Good || m_end - m_begin < RowParser::kLookAhead ||
+        m_parser.GetReceiveTime_ns() != m_time_ns) // a row that was skipped for its time
     {
         return false;
     }
     const char* const next = m_parser.ParseAlike(m_buffer.data() + m_begin, row);
-    if (next == nullptr || row.receiveTime_ns != m_time_ns)
+    if (next == nullptr)
     {
         return false;
     }
@@ -49,8 +49,11 @@ bool RecordingReader::NextAlike(RecordingRow& row)
 
 bool RecordingReader::Next(RecordingRow& row)
 {
-    if (NextAlike(row))
+    AlikeRow alike;
+    const char* const begin = m_buffer.data() + m_begin;
+    if (NextAlike(alike))
     {
+        m_parser.Complete(begin, alike, row);
         return true;
     }
     if (!ReadHeader())

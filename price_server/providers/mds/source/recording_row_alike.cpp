@@ -78,7 +78,7 @@ void RowParser::RememberTail(std::string_view sequence, std::uint64_t venueSeque
     m_venueSequence = venueSequence;
 }
 
-const char* RowParser::ParseAlike(const char* at, RecordingRow& row) const noexcept
+const char* RowParser::ParseAlike(const char* at, AlikeRow& row) const noexcept
 {
     static_assert(kLongestHead + kWord + 2 * (kWord + 1) + (kTailWords + 1) * kWord + 2 <= kLookAhead);
     if (std::endian::native != std::endian::little || m_tailSize == 0 || m_head.size < kWord ||
@@ -86,7 +86,6 @@ const char* RowParser::ParseAlike(const char* at, RecordingRow& row) const noexc
     {
         return nullptr;
     }
-    const char* const names = at + m_head.marketAt;
     at += m_head.size;
     const std::uint64_t eventAndSide = LoadEight(at);
     const ShortNumber price = ReadShortNumber(at + kWord);
@@ -110,22 +109,32 @@ const char* RowParser::ParseAlike(const char* at, RecordingRow& row) const noexc
     {
         return nullptr;
     }
-    row.receiveTime_ns = m_head.receiveTime_ns;
-    row.exchangeTime_ns = m_head.exchangeTime_ns;
+    row.price = ToUnits<kPriceDecimals>(price);
+    row.quantity = ToUnits<kQuantityDecimals>(quantity);
+    row.priceDecimals = price.behind;
+    row.side = eventAndSide == kBid ? 'B' : 'S';
+    row.isLast = *at == '1';
+    return at + 2;
+}
+
+void RowParser::Complete(const char* at, const AlikeRow& alike, RecordingRow& row) const noexcept
+{
+    const char* const names = at + m_head.marketAt;
     const std::size_t marketSize = m_head.symbolAt - m_head.marketAt - 1;
     const std::size_t namesSize = m_head.size - m_head.marketAt - 1;
+    row.receiveTime_ns = m_head.receiveTime_ns;
+    row.exchangeTime_ns = m_head.exchangeTime_ns;
     row.instrument = {names, namesSize};
     row.market = {names, marketSize};
     row.symbol = {names + marketSize + 1, namesSize - marketSize - 1};
-    row.price = ToUnits<kPriceDecimals>(price);
-    row.quantity = ToUnits<kQuantityDecimals>(quantity);
+    row.price = alike.price;
+    row.quantity = alike.quantity;
     row.venueSequence = m_venueSequence;
-    row.priceDecimals = price.behind;
+    row.priceDecimals = alike.priceDecimals;
     row.event = RowEvent::Book;
-    row.side = eventAndSide == kBid ? 'B' : 'S';
-    row.isLast = *at == '1';
+    row.side = alike.side;
+    row.isLast = alike.isLast;
     row.isAlike = true;
-    return at + 2;
 }
 
 } // namespace ps_ns

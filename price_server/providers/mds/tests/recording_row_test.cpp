@@ -63,8 +63,10 @@ protected:
         text.resize(text.size() + RowParser::kLookAhead, '7');
         RecordingRow alone;
         const ProblemKind expected = RowParser().Parse(line, alone);
-        if (const char* const next = m_parser.ParseAlike(text.data(), row))
+        AlikeRow alike;
+        if (const char* const next = m_parser.ParseAlike(text.data(), alike))
         {
+            m_parser.Complete(text.data(), alike, row);
             ++m_alike;
             EXPECT_EQ(next, text.data() + line.size() + 1) << line;
             EXPECT_EQ(expected, ProblemKind::None) << line;

@@ -37,6 +37,7 @@ private:
     bool NextRow();
     InstrumentIndex Find(std::string_view instrument);
     void Append(MarketMessage& message);
+    bool AppendAlike(MarketMessage& message);
     bool IsOf(const MarketMessage& message) const;
     static void PutIntoImage(MarketMessage& message, const BookUpdate::Change& change);
 

@@ -40,6 +40,10 @@ public:
     /// The next good row; false at the end. What `row` points to holds until the next call.
     bool Next(RecordingRow& row);
 
+    /// The next row if it is known to be good and alike to the row handed out last, of which only a change of a book
+    /// differs: most rows are. False: it is another, or cannot be told; Next hands it out.
+    bool NextAlike(AlikeRow& row);
+
     /// Reads the header unless that has been done; false: it is not a recording's, or there is none. Next does this.
     bool ReadHeader();
 
@@ -47,7 +51,6 @@ public:
     std::uint64_t GetLine() const noexcept { return m_line; }
 
 private:
-    bool NextAlike(RecordingRow& row);
     bool NextLine(std::string_view& line);
     ProblemKind CheckOldTime(std::uint64_t time_ns);
     ProblemKind CheckTime(std::string_view& line, RecordingRow& row);

@@ -38,6 +38,16 @@ struct RecordingRow
     bool isAlike = false; ///< times, names and venue sequence are those of the good row before, and need no look
 };
 
+/// What a row that is alike to the good row before it says that that one did not: all the rest is the same.
+struct AlikeRow
+{
+    std::int64_t price = 0;
+    std::int64_t quantity = 0;
+    unsigned priceDecimals = 0; ///< digits behind the point of the price
+    char side = 0;              ///< 'B' or 'S'
+    bool isLast = false;
+};
+
 /// Reads rows, line after line. The rows of one venue message begin alike, with its times and names, and end alike,
 /// with its sequence: what is as in the good row before is compared, and not read again. Allocates nothing.
 ///
@@ -54,8 +64,13 @@ public:
 
     /// Reads the line that begins at `at` if it is a change of a book that has its times, names and sequence from the
     /// good row before, short numbers, and ends with a line feed: most rows are, and are read in one go here. Returns
-    /// where the next line begins; null for any other line, good or not, which is Parse's; `row` may then have changed.
-    const char* ParseAlike(const char* at, RecordingRow& row) const noexcept;
+    /// where the next line begins; null for any other line, good or not, which is Parse's; `row` is then as it was.
+    const char* ParseAlike(const char* at, AlikeRow& row) const noexcept;
+    /// The whole of such a row, which began at `at`.
+    void Complete(const char* at, const AlikeRow& alike, RecordingRow& row) const noexcept;
+
+    /// The time of the good row before.
+    std::uint64_t GetReceiveTime_ns() const noexcept { return m_head.receiveTime_ns; }
 
 private:
     struct Head
