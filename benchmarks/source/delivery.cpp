@@ -63,17 +63,28 @@ struct Images
     const ps_ns::BookUpdate& Get(int update) const { return update % 2 == 0 ? even : odd; }
 };
 
+/// A composite subscription whose direct component has answered, and nothing else of one.
+class Host final : public ps_ns::DeliveryHost
+{
+public:
+    Host(ps_ns::CompositeSubscriptionMgr& manager, const ps_ns::CompositeSubscriptionInfo& scope)
+        : DeliveryHost(MakeSampleDef(1), std::make_shared<QuietObserver>(), &manager, scope, {true, 20, 0, 0})
+    {
+        m_components.Get(ps_ns::CompositeComponentType::Direct).isAnswered = true;
+    }
+    std::shared_ptr<ps_ns::AsyncTask> MakeTimer(const char*, std::function<void()>) override { return nullptr; }
+    Clock::time_point Now() const override { return Clock::now(); }
+    void OnStaleChanged(bool) override {}
+};
+
 /// The project's delivery, from an update of one component to the last observer.
 class OurDelivery
 {
 public:
     explicit OurDelivery(const Observers& observers)
-        : m_delivery(
-              m_def, std::make_shared<QuietObserver>(), &m_manager.manager, kScope, {true, 20, 0, 0},
-              [](const char*, std::function<void()>) { return nullptr; }, [] { return PriceDelivery::Clock::now(); })
+        : m_host(m_manager.manager, kScope)
+        , m_delivery(m_host)
     {
-        m_delivery.OnAnswer(ps_ns::CompositeComponentType::Direct, ps_messages_ns::SubscriptionResult::Success, {},
-                            ps_ns::CompositeSubscriptionState(m_def.components));
         unsigned long id = 0;
         for (const auto& observer : observers)
         {
@@ -99,7 +110,7 @@ public:
 private:
     static constexpr ps_ns::CompositeSubscriptionInfo kScope{10, 0, false, false};
     Manager m_manager;
-    const ps_ns::CompositeInstrumentDef m_def = MakeSampleDef(1);
+    Host m_host;
     const Images m_images;
     PriceDelivery m_delivery;
 };

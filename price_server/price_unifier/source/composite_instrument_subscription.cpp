@@ -323,8 +323,7 @@ void CompositeInstrumentSubscription::UnsubscribeDirect(UnsubscribeAnswer answer
 {
     m_lifeState = DirectUnsubscribed;
     m_core->GetGate().BeginChange(
-        std::shared_ptr<UnsubscribeGate>(m_core, &m_core->GetGate()),
-        m_simpleSubscriptionMgr->GetSymbolChangeGroups().Get(GetDefinition().marketId, GetSymbol()),
+        m_core, m_simpleSubscriptionMgr->GetSymbolChangeGroups().Get(GetDefinition().marketId, GetSymbol()),
         [answer = std::move(answer), id = CompositeInstrumentID(GetDefinition())](bool ok) { answer(id, ok); });
     for (Component& component : m_components)
     {
@@ -374,10 +373,9 @@ void CompositeInstrumentSubscription::RunViaExecutor(std::function<void()> task)
 {
     m_core->RunViaExecutor(std::move(task));
     // Data may follow the last of the answers that are replayed to a client who has just joined.
-    if (m_joining != nullptr && --m_joining->replaysToCome == 0)
+    if (m_replaysToCome != 0 && --m_replaysToCome == 0)
     {
-        const std::unique_ptr<Joining> joining = std::move(m_joining);
-        m_core->ActivateClient(std::move(joining->client), joining->hadSnapshot);
+        m_core->ActivateClient(m_lastAsker, m_hadSnapshotAtJoin);
     }
 }
 

@@ -13,6 +13,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -206,22 +207,17 @@ private:
     std::shared_ptr<const std::string> m_newSymbol;     ///< null: still the definition's
     ProviderType::Value m_provider = ProviderType::Zel; ///< who serves the first wanted component that could be
     LifeState m_lifeState = Active;
-    bool m_isEnding = false;
-
     CompositeSubscriptionInfo m_mergedScope;
-    std::vector<Scope> m_scopes; ///< by id: most subscriptions have one
-    std::array<Component, CompositeComponentType::kCount> m_components;
-    std::unique_ptr<const ComponentAnswers> m_answersAtJoin; ///< null: there were none
-
-    /// The client that has just joined, until its replays have been posted.
-    struct Joining
-    {
-        std::shared_ptr<ClientScope> client;
-        unsigned replaysToCome = 0;
-        bool hadSnapshot = false;
-    };
-    std::unique_ptr<Joining> m_joining;
+    bool m_isEnding = false;
+    bool m_hadSnapshotAtJoin = false;
+    std::uint8_t m_replaysToCome = 0;         ///< to the last asker, who has just joined
+    std::vector<Scope> m_scopes;              ///< by id: most subscriptions have one
     std::shared_ptr<ClientScope> m_lastAsker; ///< whose scope was added or changed last; null: a direct client's
+    std::unique_ptr<ComponentAnswers> m_answersAtJoin; ///< null: there were none, at any join
+    std::array<Component, CompositeComponentType::kCount> m_components;
 };
+
+// One block of the heap's: there are a hundred thousand of these.
+static_assert(sizeof(CompositeInstrumentSubscription) <= 224);
 
 } // namespace ps_ns

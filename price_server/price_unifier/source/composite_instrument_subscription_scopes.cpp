@@ -70,21 +70,23 @@ bool CompositeInstrumentSubscription::AddScope(const CompositeSubscriptionInfo& 
 /// `client` is null for a direct client's scope.
 void CompositeInstrumentSubscription::Join(const std::shared_ptr<ClientScope>& client)
 {
-    const bool hadSnapshot = m_core->AnySnapshotsReceived();
+    m_hadSnapshotAtJoin = m_core->AnySnapshotsReceived();
     const ComponentAnswers answers = client != nullptr ? m_core->AddClient(client) : m_core->GetAnswers();
-    const bool hasAnswers = answers != ComponentAnswers{};
-    m_answersAtJoin = hasAnswers ? std::make_unique<const ComponentAnswers>(answers) : nullptr;
+    if (m_answersAtJoin != nullptr)
+    {
+        *m_answersAtJoin = answers;
+    }
+    else if (answers != ComponentAnswers{})
+    {
+        m_answersAtJoin = std::make_unique<ComponentAnswers>(answers);
+    }
     const auto replays =
         std::count_if(answers.begin(), answers.end(),
                       [](const ComponentAnswer& answer) { return answer.result != SubscriptionResult::None; });
-    m_joining.reset();
+    m_replaysToCome = client != nullptr ? static_cast<std::uint8_t>(replays) : std::uint8_t{0};
     if (client != nullptr && replays == 0)
     {
-        m_core->ActivateClient(client, hadSnapshot);
-    }
-    else if (client != nullptr)
-    {
-        m_joining = std::make_unique<Joining>(Joining{client, static_cast<unsigned>(replays), hadSnapshot});
+        m_core->ActivateClient(client, m_hadSnapshotAtJoin);
     }
 }
 
@@ -103,6 +105,7 @@ bool CompositeInstrumentSubscription::RemoveScope(unsigned long subscriptionId, 
     if (client != nullptr)
     {
         m_lastAsker.reset();
+        m_replaysToCome = 0;
         client->isRemoved.store(true);
         m_core->RemoveClient(std::move(client));
     }
@@ -123,6 +126,7 @@ bool CompositeInstrumentSubscription::ChangeScope(const CompositeSubscriptionInf
         m_core->ChangeClient(scope.client, info);
     }
     m_lastAsker = scope.client;
+    m_replaysToCome = 0;
     scope.info = info;
     m_mergedScope = MergeScopes();
     newAggregate = m_mergedScope;

@@ -29,14 +29,15 @@ void UnsubscribeGate::OnAnswer(bool forChange, bool ok)
     Settle();
 }
 
-void UnsubscribeGate::BeginChange(const std::shared_ptr<UnsubscribeGate>& self,
-                                  std::shared_ptr<SymbolChangeGroup> group, Answered answered)
+void UnsubscribeGate::BeginChange(const std::shared_ptr<void>& holder, std::shared_ptr<SymbolChangeGroup> group,
+                                  Answered answered)
 {
+    std::shared_ptr<ISymbolChangeMember> member;
     {
         const std::lock_guard lock(m_mutex);
         if (m_change == nullptr)
         {
-            m_change = std::make_unique<Change>();
+            m_change = std::make_unique<Change>(*this);
         }
         m_change->isInFlight = true;
         m_change->hasFailed = false;
@@ -46,8 +47,9 @@ void UnsubscribeGate::BeginChange(const std::shared_ptr<UnsubscribeGate>& self,
         m_change->answered = std::move(answered);
         m_change->answerIsDue = true;
         m_change->group = group;
+        member = std::shared_ptr<ISymbolChangeMember>(holder, m_change.get()); // the change lives as long as the gate
     }
-    group->Join(self);
+    group->Join(member);
 }
 
 void UnsubscribeGate::FinishExpecting()
@@ -68,7 +70,7 @@ void UnsubscribeGate::EndChange()
     Settle();
 }
 
-void UnsubscribeGate::OnSymbolChangeFailed()
+void UnsubscribeGate::OnChangeFailed()
 {
     {
         const std::lock_guard lock(m_mutex);
