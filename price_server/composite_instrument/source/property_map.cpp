@@ -24,9 +24,10 @@ PropertyMap::Block PropertyMap::MakeBlock(std::size_t capacity)
     return Block(::new (::operator new(sizeof(Header) + capacity * sizeof(value_type))) Header);
 }
 
-void PropertyMap::Append(Header& block, std::uint16_t number, std::string&& text) noexcept
+template <class Text>
+void PropertyMap::Append(Header& block, std::uint16_t number, Text&& text)
 {
-    ::new (static_cast<void*>(GetEntries(block) + block.size)) value_type(number, std::move(text));
+    ::new (static_cast<void*>(GetEntries(block) + block.size)) value_type(number, std::forward<Text>(text));
     ++block.size; // from now on it is destroyed with the block
 }
 
@@ -47,7 +48,7 @@ PropertyMap::PropertyMap(const PropertyMap& other)
     Block copy = MakeBlock(other.size());
     for (const auto& [number, text] : other)
     {
-        Append(*copy, number, std::string(text));
+        Append(*copy, number, text);
     }
     m_entries = std::move(copy);
 }

@@ -73,7 +73,8 @@ private:
     static Block MakeBlock(std::size_t capacity);
     static iterator GetEntries(Header& block) noexcept;
     /// Appends an entry to a block that has room for it.
-    static void Append(Header& block, std::uint16_t number, std::string&& text) noexcept;
+    template <class Text>
+    static void Append(Header& block, std::uint16_t number, Text&& text);
     const_iterator FindPlace(std::uint16_t number) const noexcept;
 
     Block m_entries; ///< null: empty
