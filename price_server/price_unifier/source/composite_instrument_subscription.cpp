@@ -154,6 +154,7 @@ void CompositeInstrumentSubscription::ReportFailure(CompositeComponentType::Type
 
 int CompositeInstrumentSubscription::SubscribeComponents()
 {
+    m_hasBegun = true;
     std::string firstReason;
     int answer = SubscribeStatus::Failed;
     std::vector<CompositeComponentType::Type> failed;
@@ -416,7 +417,7 @@ void CompositeInstrumentSubscription::Describe(std::ostream& out) const
 {
     out << GetDefinition().ToString() << " subscribedAs=" << GetSymbol() << " handle=" << m_handle
         << " provider=" << static_cast<int>(m_provider) << " state=" << static_cast<int>(m_lifeState)
-        << " scopes=" << m_scopes.size() << " mergedScope " << m_mergedScope << " " << GetCountsAsString();
+        << " scopes=" << m_scopes.GetSize() << " mergedScope " << m_mergedScope << " " << GetCountsAsString();
 }
 
 } // namespace ps_ns

@@ -222,6 +222,13 @@ void SubscriptionCore::Exclude(std::atomic<bool>& isLive)
     isLive.store(false);
 }
 
+void SubscriptionCore::ExcludeAndExpect(std::atomic<bool>& isLive, bool forSymbolChange)
+{
+    const std::lock_guard lock(m_mutex);
+    isLive.store(false);
+    m_gate.Expect(forSymbolChange);
+}
+
 void SubscriptionCore::OnAnswer(const std::atomic<bool>& isLive, CompositeComponentType::Type component,
                                 ps_messages_ns::SubscriptionResult::Value result, const PriceFormat& format)
 {

@@ -76,6 +76,8 @@ public:
     void OnAnswer(const std::atomic<bool>& isLive, CompositeComponentType::Type component,
                   ps_messages_ns::SubscriptionResult::Value result, const PriceFormat& format);
     void Exclude(std::atomic<bool>& isLive);
+    /// Excludes a provider that owes the answer to an unsubscribe from now on.
+    void ExcludeAndExpect(std::atomic<bool>& isLive, bool forSymbolChange);
     /// Runs `call(SubscriptionCore&)` on the executor, unless the subscription is silent by then. A template, so that
     /// what is posted is one function object, with one allocation.
     template <class Call>
@@ -122,14 +124,14 @@ private:
     void TakeAnswer(CompositeComponentType::Type component, const ComponentAnswer& answer,
                     const ChangingState& changing, bool isNews);
 
-    std::atomic<std::uint64_t> m_lastUpdateTime_ns{0};
     const Surroundings m_surroundings;
+    std::unique_ptr<PriceDelivery> m_delivery; ///< executor only; here it is near what else each task reads
 
     mutable std::mutex m_mutex; ///< also guards the components' last answers, and the gate
     ChangingState m_state;      ///< under m_mutex
     UnsubscribeGate m_gate;
 
-    std::unique_ptr<PriceDelivery> m_delivery; ///< executor only
+    std::atomic<std::uint64_t> m_lastUpdateTime_ns{0};
 };
 
 // One block of the heap's with its reference counts: there are a hundred thousand of these.

@@ -48,8 +48,9 @@ public:
     UnsubscribeGate(const UnsubscribeGate&) = delete;
     UnsubscribeGate& operator=(const UnsubscribeGate&) = delete;
 
-    /// One more answer is owed, for the symbol change under way or for any other reason.
-    void Expect(bool forChange);
+    /// One more answer is owed, for the symbol change under way or for any other reason. Under the mutex, which is the
+    /// caller's to take.
+    void Expect(bool forChange) noexcept;
     void OnAnswer(bool forChange, bool ok);
 
     /// A symbol change unsubscribes: `answered` is called once, when all answers expected for it are there and
@@ -85,9 +86,10 @@ private:
     };
 
     void OnChangeFailed();
-    void Settle();
-    bool AnswerChange();
-    IUnsubscribeOwner* TakeOwner();
+    /// Says what may be said now. Takes the lock over, and lets go of it before it calls anybody.
+    void Settle(std::unique_lock<std::mutex> lock);
+    bool AnswerChange(std::unique_lock<std::mutex>& lock);
+    IUnsubscribeOwner* TakeOwner() noexcept;
 
     std::mutex& m_mutex;
     // All under m_mutex.
