@@ -69,7 +69,7 @@ public:
     explicit Host(ps_ns::CompositeSubscriptionMgr& manager)
         : DeliveryHost(MakeSampleDef(1), std::make_shared<QuietObserver>(), &manager, kScope, {true, 20, 0, 0})
     {
-        m_isAnswered[ps_ns::CompositeComponentType::Direct] = true;
+        m_components.Get(ps_ns::CompositeComponentType::Direct).isAnswered = true;
     }
     std::shared_ptr<ps_ns::AsyncTask> MakeTimer(const char*, std::function<void()>) override { return nullptr; }
     Clock::time_point Now() const override { return Clock::now(); }

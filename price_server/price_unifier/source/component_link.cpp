@@ -19,9 +19,8 @@ ComponentLink::~ComponentLink()
 
 void ComponentLink::Detach(bool forSymbolChange)
 {
-    m_core->Exclude(m_isLive);
     m_forSymbolChange.store(forSymbolChange);
-    m_core->GetGate().Expect(forSymbolChange);
+    m_core->ExcludeAndExpect(m_isLive, forSymbolChange);
     m_owesAnswer.store(true);
 }
 

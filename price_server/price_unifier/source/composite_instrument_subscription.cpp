@@ -154,6 +154,7 @@ void CompositeInstrumentSubscription::ReportFailure(CompositeComponentType::Type
 
 int CompositeInstrumentSubscription::SubscribeComponents()
 {
+    m_hasBegun = true;
     std::string firstReason;
     int answer = SubscribeStatus::Failed;
     std::vector<CompositeComponentType::Type> failed;
@@ -323,8 +324,7 @@ void CompositeInstrumentSubscription::UnsubscribeDirect(UnsubscribeAnswer answer
 {
     m_lifeState = DirectUnsubscribed;
     m_core->GetGate().BeginChange(
-        std::shared_ptr<UnsubscribeGate>(m_core, &m_core->GetGate()),
-        m_simpleSubscriptionMgr->GetSymbolChangeGroups().Get(GetDefinition().marketId, GetSymbol()),
+        m_core, m_simpleSubscriptionMgr->GetSymbolChangeGroups().Get(GetDefinition().marketId, GetSymbol()),
         [answer = std::move(answer), id = CompositeInstrumentID(GetDefinition())](bool ok) { answer(id, ok); });
     for (Component& component : m_components)
     {
@@ -374,10 +374,9 @@ void CompositeInstrumentSubscription::RunViaExecutor(std::function<void()> task)
 {
     m_core->RunViaExecutor(std::move(task));
     // Data may follow the last of the answers that are replayed to a client who has just joined.
-    if (m_joining != nullptr && --m_joining->replaysToCome == 0)
+    if (m_replaysToCome != 0 && --m_replaysToCome == 0)
     {
-        const std::unique_ptr<Joining> joining = std::move(m_joining);
-        m_core->ActivateClient(std::move(joining->client), joining->hadSnapshot);
+        m_core->ActivateClient(m_lastAsker, m_hadSnapshotAtJoin);
     }
 }
 
@@ -418,7 +417,7 @@ void CompositeInstrumentSubscription::Describe(std::ostream& out) const
 {
     out << GetDefinition().ToString() << " subscribedAs=" << GetSymbol() << " handle=" << m_handle
         << " provider=" << static_cast<int>(m_provider) << " state=" << static_cast<int>(m_lifeState)
-        << " scopes=" << m_scopes.size() << " mergedScope " << m_mergedScope << " " << GetCountsAsString();
+        << " scopes=" << m_scopes.GetSize() << " mergedScope " << m_mergedScope << " " << GetCountsAsString();
 }
 
 } // namespace ps_ns

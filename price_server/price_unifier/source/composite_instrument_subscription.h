@@ -8,16 +8,16 @@
 #include "composite_instrument/i_flexible_price_observer.h"
 #include "composite_instrument/provider_type.h"
 #include "composite_instrument/subscription_result.h"
+#include "price_unifier/source/scope_table.h"
 #include "price_unifier/source/subscription_core.h"
 #include "simple_subscription/subscription_registry.h"
 
 #include <array>
-#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <tuple>
-#include <vector>
 
 namespace ps_ns
 {
@@ -97,7 +97,7 @@ public:
     /// Re-targets the components to a new merged scope; the clients that it concerns get a new book.
     void ChangeScope(const CompositeSubscriptionInfo& aggregate);
     bool GetScope(unsigned long subscriptionId, ScopeEntry& entry) const;
-    bool HasIndividualSubscriptions() const noexcept { return !m_scopes.empty(); }
+    bool HasIndividualSubscriptions() const noexcept { return !m_scopes.IsEmpty(); }
     const CompositeSubscriptionInfo& GetMergedScope() const noexcept { return m_mergedScope; }
 
     // --- Components ---
@@ -147,15 +147,17 @@ public:
     /// When the newest update in the book reached the provider, ns since 1970 UTC; 0: none yet. From any thread.
     std::uint64_t GetLastUpdateTime_ns() const noexcept { return m_core->GetLastUpdateTime_ns(); }
     ComponentView GetComponentView(CompositeComponentType::Type component) const;
-    /// Calls `visit` for each scope: its id, what it asks for, and the name of its observer.
+    /// Calls `visit` for each scope, in no order: its id, what it asks for, and the name of its observer.
     template <class Visit>
     void ForEachScope(Visit&& visit) const
     {
-        for (const Scope& scope : m_scopes)
-        {
-            visit(scope.id, scope.info,
-                  scope.client != nullptr ? scope.client->observer->GetName() : m_core->GetObserver()->GetName());
-        }
+        m_scopes.ForEach(
+            [&](const Scope& scope)
+            {
+                const bool isDirect = scope.client == nullptr;
+                visit(scope.id, scope.info,
+                      isDirect ? m_core->GetObserver()->GetName() : scope.client->observer->GetName());
+            });
     }
     /// Callbacks made so far, like "books=12 trades=3 customFields=0".
     std::string GetCountsAsString() const;
@@ -169,23 +171,11 @@ private:
         ProviderType::Value provider = ProviderType::Zel;
         bool isDecided = true; ///< its provider is final
     };
-    struct Scope
-    {
-        unsigned long id = 0;
-        CompositeSubscriptionInfo info;
-        std::shared_ptr<ClientScope> client; ///< the delivery's record; empty for a direct client's
-    };
 
     Component& Get(CompositeComponentType::Type type) { return m_components[static_cast<std::size_t>(type)]; }
     bool IsWanted(CompositeComponentType::Type type) const
     {
         return GetDefinition().components[static_cast<std::size_t>(type)];
-    }
-    /// Where the id's scope is, or belongs.
-    std::size_t FindPlace(unsigned long subscriptionId) const;
-    bool HasScopeAt(std::size_t place, unsigned long subscriptionId) const
-    {
-        return place < m_scopes.size() && m_scopes[place].id == subscriptionId;
     }
     CompositeSubscriptionInfo MergeScopes() const;
     void Join(const std::shared_ptr<ClientScope>& client);
@@ -206,22 +196,18 @@ private:
     std::shared_ptr<const std::string> m_newSymbol;     ///< null: still the definition's
     ProviderType::Value m_provider = ProviderType::Zel; ///< who serves the first wanted component that could be
     LifeState m_lifeState = Active;
-    bool m_isEnding = false;
-
     CompositeSubscriptionInfo m_mergedScope;
-    std::vector<Scope> m_scopes; ///< by id: most subscriptions have one
-    std::array<Component, CompositeComponentType::kCount> m_components;
-    std::unique_ptr<const ComponentAnswers> m_answersAtJoin; ///< null: there were none
-
-    /// The client that has just joined, until its replays have been posted.
-    struct Joining
-    {
-        std::shared_ptr<ClientScope> client;
-        unsigned replaysToCome = 0;
-        bool hadSnapshot = false;
-    };
-    std::unique_ptr<Joining> m_joining;
+    bool m_isEnding = false;
+    bool m_hasBegun = false; ///< the components have been asked for: there may be answers
+    bool m_hadSnapshotAtJoin = false;
+    std::uint8_t m_replaysToCome = 0; ///< to the last asker, who has just joined
+    ScopeTable m_scopes;
     std::shared_ptr<ClientScope> m_lastAsker; ///< whose scope was added or changed last; null: a direct client's
+    std::unique_ptr<ComponentAnswers> m_answersAtJoin; ///< null: there were none, at any join
+    std::array<Component, CompositeComponentType::kCount> m_components;
 };
+
+// One block of the heap's: there are a hundred thousand of these.
+static_assert(sizeof(CompositeInstrumentSubscription) <= 256);
 
 } // namespace ps_ns

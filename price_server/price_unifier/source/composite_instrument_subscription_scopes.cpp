@@ -11,24 +11,14 @@ namespace ps_ns
 
 using ps_messages_ns::SubscriptionResult;
 
-std::size_t CompositeInstrumentSubscription::FindPlace(unsigned long subscriptionId) const
-{
-    const auto place = std::lower_bound(m_scopes.begin(), m_scopes.end(), subscriptionId,
-                                        [](const Scope& scope, unsigned long id) { return scope.id < id; });
-    return static_cast<std::size_t>(place - m_scopes.begin());
-}
-
 CompositeSubscriptionInfo CompositeInstrumentSubscription::MergeScopes() const
 {
-    if (m_scopes.empty())
-    {
-        return m_mergedScope; // no sentinel ever reaches a component: the last one stays
-    }
-    CompositeSubscriptionInfo merged = m_scopes.front().info;
-    for (std::size_t i = 1; i < m_scopes.size(); ++i)
-    {
-        merged = CompositeSubscriptionInfo::Merge(merged, m_scopes[i].info);
-    }
+    CompositeSubscriptionInfo merged = m_mergedScope; // no sentinel ever reaches a component: the last one stays
+    bool isFirst = true;
+    m_scopes.ForEach(
+        [&](const Scope& scope) {
+            merged = std::exchange(isFirst, false) ? scope.info : CompositeSubscriptionInfo::Merge(merged, scope.info);
+        });
     return merged;
 }
 
@@ -36,8 +26,7 @@ bool CompositeInstrumentSubscription::AddScope(const CompositeSubscriptionInfo& 
                                                const std::shared_ptr<IFlexiblePriceObserver>& flexibleObserver,
                                                CompositeSubscriptionInfo& newAggregate)
 {
-    const std::size_t place = FindPlace(subscriptionId);
-    if (HasScopeAt(place, subscriptionId))
+    if (m_scopes.Find(subscriptionId) != nullptr)
     {
         return false;
     }
@@ -46,8 +35,7 @@ bool CompositeInstrumentSubscription::AddScope(const CompositeSubscriptionInfo& 
     {
         client = std::make_shared<ClientScope>(subscriptionId, flexibleObserver, info);
     }
-    const auto entry =
-        m_scopes.insert(m_scopes.begin() + static_cast<std::ptrdiff_t>(place), Scope{subscriptionId, info, client});
+    m_scopes.Add({subscriptionId, info, client});
     try
     {
         Join(client);
@@ -58,7 +46,7 @@ bool CompositeInstrumentSubscription::AddScope(const CompositeSubscriptionInfo& 
         {
             client->isRemoved.store(true); // should it have reached the delivery already
         }
-        m_scopes.erase(entry);
+        m_scopes.Remove(*m_scopes.Find(subscriptionId));
         throw;
     }
     m_lastAsker = client;
@@ -70,39 +58,49 @@ bool CompositeInstrumentSubscription::AddScope(const CompositeSubscriptionInfo& 
 /// `client` is null for a direct client's scope.
 void CompositeInstrumentSubscription::Join(const std::shared_ptr<ClientScope>& client)
 {
-    const bool hadSnapshot = m_core->AnySnapshotsReceived();
-    const ComponentAnswers answers = client != nullptr ? m_core->AddClient(client) : m_core->GetAnswers();
-    const bool hasAnswers = answers != ComponentAnswers{};
-    m_answersAtJoin = hasAnswers ? std::make_unique<const ComponentAnswers>(answers) : nullptr;
+    m_hadSnapshotAtJoin = m_core->AnySnapshotsReceived();
+    ComponentAnswers answers;
+    if (client != nullptr)
+    {
+        answers = m_core->AddClient(client);
+    }
+    else if (m_hasBegun)
+    {
+        answers = m_core->GetAnswers();
+    }
+    if (m_answersAtJoin != nullptr)
+    {
+        *m_answersAtJoin = answers;
+    }
+    else if (answers != ComponentAnswers{})
+    {
+        m_answersAtJoin = std::make_unique<ComponentAnswers>(answers);
+    }
     const auto replays =
         std::count_if(answers.begin(), answers.end(),
                       [](const ComponentAnswer& answer) { return answer.result != SubscriptionResult::None; });
-    m_joining.reset();
+    m_replaysToCome = client != nullptr ? static_cast<std::uint8_t>(replays) : std::uint8_t{0};
     if (client != nullptr && replays == 0)
     {
-        m_core->ActivateClient(client, hadSnapshot);
-    }
-    else if (client != nullptr)
-    {
-        m_joining = std::make_unique<Joining>(Joining{client, static_cast<unsigned>(replays), hadSnapshot});
+        m_core->ActivateClient(client, m_hadSnapshotAtJoin);
     }
 }
 
 bool CompositeInstrumentSubscription::RemoveScope(unsigned long subscriptionId, CompositeSubscriptionInfo& newAggregate)
 {
-    const std::size_t place = FindPlace(subscriptionId);
-    if (!HasScopeAt(place, subscriptionId))
+    Scope* const scope = m_scopes.Find(subscriptionId);
+    if (scope == nullptr)
     {
         return false;
     }
-    std::shared_ptr<ClientScope> client = std::move(m_scopes[place].client);
-    m_scopes.erase(m_scopes.begin() + static_cast<std::ptrdiff_t>(place));
+    std::shared_ptr<ClientScope> client = m_scopes.Remove(*scope).client;
     m_mergedScope = MergeScopes();
     newAggregate = m_mergedScope;
     // The record moves to the executor, so that it is let go there: its timers must not lose it under their feet.
     if (client != nullptr)
     {
         m_lastAsker.reset();
+        m_replaysToCome = 0;
         client->isRemoved.store(true);
         m_core->RemoveClient(std::move(client));
     }
@@ -112,18 +110,18 @@ bool CompositeInstrumentSubscription::RemoveScope(unsigned long subscriptionId, 
 bool CompositeInstrumentSubscription::ChangeScope(const CompositeSubscriptionInfo& info, unsigned long subscriptionId,
                                                   CompositeSubscriptionInfo& newAggregate)
 {
-    const std::size_t place = FindPlace(subscriptionId);
-    if (!HasScopeAt(place, subscriptionId))
+    Scope* const scope = m_scopes.Find(subscriptionId);
+    if (scope == nullptr)
     {
         return false;
     }
-    Scope& scope = m_scopes[place];
-    if (scope.client != nullptr)
+    if (scope->client != nullptr)
     {
-        m_core->ChangeClient(scope.client, info);
+        m_core->ChangeClient(scope->client, info);
     }
-    m_lastAsker = scope.client;
-    scope.info = info;
+    m_lastAsker = scope->client;
+    m_replaysToCome = 0;
+    scope->info = info;
     m_mergedScope = MergeScopes();
     newAggregate = m_mergedScope;
     return true;
@@ -146,13 +144,12 @@ void CompositeInstrumentSubscription::ChangeScope(const CompositeSubscriptionInf
 
 bool CompositeInstrumentSubscription::GetScope(unsigned long subscriptionId, ScopeEntry& entry) const
 {
-    const std::size_t place = FindPlace(subscriptionId);
-    if (!HasScopeAt(place, subscriptionId))
+    const Scope* const scope = m_scopes.Find(subscriptionId);
+    if (scope == nullptr)
     {
         return false;
     }
-    const Scope& scope = m_scopes[place];
-    entry = {scope.info, scope.client != nullptr ? scope.client->observer : nullptr};
+    entry = {scope->info, scope->client != nullptr ? scope->client->observer : nullptr};
     return true;
 }
 

@@ -4,11 +4,12 @@
 #include "composite_instrument/composite_component_type.h"
 #include "composite_instrument/composite_instrument_def.h"
 #include "composite_instrument/composite_subscription_info.h"
+#include "composite_instrument/price_format.h"
+#include "composite_instrument/subscription_result.h"
+#include "price_unifier/source/wanted_components.h"
 
-#include <array>
 #include <atomic>
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -26,6 +27,15 @@ struct CallbackCounts
     std::atomic<std::uint64_t> books{0};
     std::atomic<std::uint64_t> trades{0};
     std::atomic<std::uint64_t> customFields{0};
+};
+
+/// What a component has answered to its subscribe, if anything.
+struct ComponentAnswer
+{
+    ps_messages_ns::SubscriptionResult::Value result = ps_messages_ns::SubscriptionResult::None;
+    PriceFormat format;
+
+    friend bool operator==(const ComponentAnswer&, const ComponentAnswer&) = default;
 };
 
 /// What a composite subscription knows for its delivery before there is one: a PriceDelivery is made with the first
@@ -62,12 +72,12 @@ public:
     /// Has the component answered, with success?
     bool IsAnswered(CompositeComponentType::Type component) const noexcept
     {
-        return m_isAnswered[static_cast<std::size_t>(component)];
+        return m_components.Get(component).isAnswered;
     }
     /// What merged books carry once the component's present subscription has brought its image.
     std::uint64_t GetSubscriptionEpoch(CompositeComponentType::Type component) const noexcept
     {
-        return m_subscriptionEpochs[static_cast<std::size_t>(component)];
+        return m_components.Get(component).epoch;
     }
 
     /// A timer that runs a function on the executor.
@@ -83,19 +93,30 @@ protected:
         , m_observer(observer)
         , m_manager(manager)
         , m_settings(settings)
+        , m_components(m_def.components)
         , m_deliveredScope(scope)
     {
     }
     virtual ~DeliveryHost() = default;
 
+    struct Component
+    {
+        ComponentAnswer lastAnswer; ///< under the core's lock
+        std::uint32_t epoch = 0;    ///< the executor's
+        bool isAnswered = false;    ///< the executor's
+    };
+
     const CompositeInstrumentDef m_def;
     const std::shared_ptr<ICompositePriceObserver> m_observer;
     CompositeSubscriptionMgr* const m_manager;
     const Settings m_settings;
-    CompositeSubscriptionInfo m_deliveredScope;
-    std::array<bool, CompositeComponentType::kCount> m_isAnswered{};
-    std::array<std::uint64_t, CompositeComponentType::kCount> m_subscriptionEpochs{};
     CallbackCounts m_counts;
+    WantedComponents<Component> m_components;
+    CompositeSubscriptionInfo m_deliveredScope;
+    // The core's own; they fill what would be padding.
+    std::atomic<bool> m_isSilent{false};
+    std::atomic<bool> m_hasSnapshot{false};
+    std::uint8_t m_staleComponents = 0; ///< executor only, and the destructor
 };
 
 } // namespace ps_ns

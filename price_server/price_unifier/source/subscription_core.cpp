@@ -47,7 +47,7 @@ SubscriptionCore::SubscriptionCore(CompositeInstrumentDef&& def,
                                    const Settings& settings, Surroundings surroundings, IUnsubscribeOwner* owner)
     : DeliveryHost(std::move(def), observer, manager, scope, settings)
     , m_surroundings(std::move(surroundings))
-    , m_gate(owner)
+    , m_gate(m_mutex, owner)
 {
 }
 
@@ -72,7 +72,7 @@ PriceDelivery& SubscriptionCore::GetDelivery()
 void SubscriptionCore::OnStaleChanged(bool isStale)
 {
     const bool wasStale = m_staleComponents != 0;
-    m_staleComponents = isStale ? m_staleComponents + 1 : m_staleComponents - 1;
+    m_staleComponents = static_cast<std::uint8_t>(m_staleComponents + (isStale ? 1 : -1));
     if (wasStale == (m_staleComponents != 0))
     {
         return;
@@ -129,7 +129,15 @@ CompositeSubscriptionState SubscriptionCore::MakeState(const ChangingState& chan
 ComponentAnswers SubscriptionCore::GetAnswers() const
 {
     const std::lock_guard lock(m_mutex);
-    return m_answers;
+    return CopyAnswers();
+}
+
+/// Under m_mutex.
+ComponentAnswers SubscriptionCore::CopyAnswers() const
+{
+    return {m_components.Get(CompositeComponentType::Direct).lastAnswer,
+            m_components.Get(CompositeComponentType::Implied).lastAnswer,
+            m_components.Get(CompositeComponentType::Aggregated).lastAnswer};
 }
 
 ComponentAnswers SubscriptionCore::AddClient(const std::shared_ptr<ClientScope>& client)
@@ -137,7 +145,7 @@ ComponentAnswers SubscriptionCore::AddClient(const std::shared_ptr<ClientScope>&
     // Under the lock, so that an answer either is in what we return, or is posted after the client has been added.
     const std::lock_guard lock(m_mutex);
     Run([client](SubscriptionCore& core) { core.GetDelivery().AddClient(client); });
-    return m_answers;
+    return CopyAnswers();
 }
 
 void SubscriptionCore::ActivateClient(std::shared_ptr<ClientScope> client, bool hadSnapshotAtJoin)
@@ -185,17 +193,17 @@ void SubscriptionCore::GenerateSnapshot(std::uint32_t reason, std::shared_ptr<Cl
 void SubscriptionCore::BeginEpoch(CompositeComponentType::Type component, ProviderType::Value provider,
                                   const std::shared_ptr<const std::string>& newSymbol)
 {
-    std::uint64_t epoch = 0;
+    std::uint32_t epoch = 0;
     {
         const std::lock_guard lock(m_mutex);
         epoch = ++m_state.epoch;
-        m_state.provider = provider;
+        m_state.provider = static_cast<std::int8_t>(provider);
         m_state.newSymbol = newSymbol;
     }
     Run(
         [component, epoch](SubscriptionCore& core)
         {
-            core.m_subscriptionEpochs[static_cast<std::size_t>(component)] = epoch;
+            core.m_components.Get(component).epoch = epoch;
             if (core.m_delivery != nullptr)
             {
                 core.m_delivery->ExpectImage(component);
@@ -214,6 +222,13 @@ void SubscriptionCore::Exclude(std::atomic<bool>& isLive)
     isLive.store(false);
 }
 
+void SubscriptionCore::ExcludeAndExpect(std::atomic<bool>& isLive, bool forSymbolChange)
+{
+    const std::lock_guard lock(m_mutex);
+    isLive.store(false);
+    m_gate.Expect(forSymbolChange);
+}
+
 void SubscriptionCore::OnAnswer(const std::atomic<bool>& isLive, CompositeComponentType::Type component,
                                 ps_messages_ns::SubscriptionResult::Value result, const PriceFormat& format)
 {
@@ -223,7 +238,7 @@ void SubscriptionCore::OnAnswer(const std::atomic<bool>& isLive, CompositeCompon
         return;
     }
     const ComponentAnswer answer{result, format};
-    ComponentAnswer& known = m_answers[static_cast<std::size_t>(component)];
+    ComponentAnswer& known = m_components.Get(component).lastAnswer;
     // A later answer, after a switch or a rename, is told only when it says something else. Answers run in the order
     // in which they are posted here, so what is known is what will have been told by then.
     Run([component, answer, changing = m_state, isNews = answer != known](SubscriptionCore& core)
@@ -236,7 +251,7 @@ void SubscriptionCore::TakeAnswer(CompositeComponentType::Type component, const 
                                   const ChangingState& changing, bool isNews)
 {
     const bool isSuccess = answer.result == ps_messages_ns::SubscriptionResult::Success;
-    m_isAnswered[static_cast<std::size_t>(component)] = isSuccess;
+    m_components.Get(component).isAnswered = isSuccess;
     if (m_settings.monitoringInterval_sec != 0)
     {
         GetDelivery().NoteAnswer(component);

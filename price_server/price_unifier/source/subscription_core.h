@@ -1,9 +1,7 @@
 #pragma once
 
 #include "composite_instrument/composite_subscription_state.h"
-#include "composite_instrument/price_format.h"
 #include "composite_instrument/provider_type.h"
-#include "composite_instrument/subscription_result.h"
 #include "price_unifier/source/delivery_host.h"
 #include "price_unifier/source/price_delivery.h"
 #include "price_unifier/source/unsubscribe_gate.h"
@@ -20,14 +18,6 @@
 namespace ps_ns
 {
 
-/// What a component has answered to its subscribe, if anything.
-struct ComponentAnswer
-{
-    ps_messages_ns::SubscriptionResult::Value result = ps_messages_ns::SubscriptionResult::None;
-    PriceFormat format;
-
-    friend bool operator==(const ComponentAnswer&, const ComponentAnswer&) = default;
-};
 using ComponentAnswers = std::array<ComponentAnswer, CompositeComponentType::kCount>;
 
 /// The part of a composite subscription that other threads use: it hands what providers deliver over to the executor,
@@ -86,6 +76,8 @@ public:
     void OnAnswer(const std::atomic<bool>& isLive, CompositeComponentType::Type component,
                   ps_messages_ns::SubscriptionResult::Value result, const PriceFormat& format);
     void Exclude(std::atomic<bool>& isLive);
+    /// Excludes a provider that owes the answer to an unsubscribe from now on.
+    void ExcludeAndExpect(std::atomic<bool>& isLive, bool forSymbolChange);
     /// Runs `call(SubscriptionCore&)` on the executor, unless the subscription is silent by then. A template, so that
     /// what is posted is one function object, with one allocation.
     template <class Call>
@@ -122,27 +114,27 @@ private:
     struct ChangingState
     {
         std::shared_ptr<const std::string> newSymbol; ///< null: the definition's
-        std::uint64_t epoch = 0;                      ///< 0: no component has been subscribed
-        ProviderType::Value provider = ProviderType::Zel;
+        std::uint32_t epoch = 0;                      ///< 0: no component has been subscribed
+        std::int8_t provider = ProviderType::Zel;
         bool isStale = false;
     };
 
+    ComponentAnswers CopyAnswers() const;
     CompositeSubscriptionState MakeState(const ChangingState& changing) const;
     void TakeAnswer(CompositeComponentType::Type component, const ComponentAnswer& answer,
                     const ChangingState& changing, bool isNews);
 
     const Surroundings m_surroundings;
-    std::atomic<bool> m_isSilent{false};
-    std::atomic<bool> m_hasSnapshot{false};
-    unsigned m_staleComponents = 0; ///< executor only, and the destructor
-    std::atomic<std::uint64_t> m_lastUpdateTime_ns{0};
+    std::unique_ptr<PriceDelivery> m_delivery; ///< executor only; here it is near what else each task reads
 
-    mutable std::mutex m_mutex;
-    ComponentAnswers m_answers; ///< under m_mutex
+    mutable std::mutex m_mutex; ///< also guards the components' last answers, and the gate
     ChangingState m_state;      ///< under m_mutex
-
     UnsubscribeGate m_gate;
-    std::unique_ptr<PriceDelivery> m_delivery; ///< executor only
+
+    std::atomic<std::uint64_t> m_lastUpdateTime_ns{0};
 };
+
+// One block of the heap's with its reference counts: there are a hundred thousand of these.
+static_assert(sizeof(SubscriptionCore) <= 512 - 16);
 
 } // namespace ps_ns

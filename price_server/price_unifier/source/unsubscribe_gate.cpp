@@ -5,9 +5,8 @@
 namespace ps_ns
 {
 
-void UnsubscribeGate::Expect(bool forChange)
+void UnsubscribeGate::Expect(bool forChange) noexcept
 {
-    const std::lock_guard lock(m_mutex);
     ++m_owed;
     if (forChange)
     {
@@ -17,26 +16,25 @@ void UnsubscribeGate::Expect(bool forChange)
 
 void UnsubscribeGate::OnAnswer(bool forChange, bool ok)
 {
+    std::unique_lock lock(m_mutex);
+    --m_owed;
+    if (forChange)
     {
-        const std::lock_guard lock(m_mutex);
-        --m_owed;
-        if (forChange)
-        {
-            --m_change->owed;
-            m_change->isOk = m_change->isOk && ok;
-        }
+        --m_change->owed;
+        m_change->isOk = m_change->isOk && ok;
     }
-    Settle();
+    Settle(std::move(lock));
 }
 
-void UnsubscribeGate::BeginChange(const std::shared_ptr<UnsubscribeGate>& self,
-                                  std::shared_ptr<SymbolChangeGroup> group, Answered answered)
+void UnsubscribeGate::BeginChange(const std::shared_ptr<void>& holder, std::shared_ptr<SymbolChangeGroup> group,
+                                  Answered answered)
 {
+    std::shared_ptr<ISymbolChangeMember> member;
     {
         const std::lock_guard lock(m_mutex);
         if (m_change == nullptr)
         {
-            m_change = std::make_unique<Change>();
+            m_change = std::make_unique<Change>(*this);
         }
         m_change->isInFlight = true;
         m_change->hasFailed = false;
@@ -46,8 +44,9 @@ void UnsubscribeGate::BeginChange(const std::shared_ptr<UnsubscribeGate>& self,
         m_change->answered = std::move(answered);
         m_change->answerIsDue = true;
         m_change->group = group;
+        member = std::shared_ptr<ISymbolChangeMember>(holder, m_change.get()); // the change lives as long as the gate
     }
-    group->Join(self);
+    group->Join(member);
 }
 
 void UnsubscribeGate::FinishExpecting()
@@ -57,33 +56,27 @@ void UnsubscribeGate::FinishExpecting()
 
 void UnsubscribeGate::EndChange()
 {
+    std::unique_lock lock(m_mutex);
+    if (m_change != nullptr)
     {
-        const std::lock_guard lock(m_mutex);
-        if (m_change != nullptr)
-        {
-            m_change->isInFlight = false;
-            m_change->group.reset();
-        }
+        m_change->isInFlight = false;
+        m_change->group.reset();
     }
-    Settle();
+    Settle(std::move(lock));
 }
 
-void UnsubscribeGate::OnSymbolChangeFailed()
+void UnsubscribeGate::OnChangeFailed()
 {
-    {
-        const std::lock_guard lock(m_mutex);
-        m_change->hasFailed = true;
-    }
-    Settle();
+    std::unique_lock lock(m_mutex);
+    m_change->hasFailed = true;
+    Settle(std::move(lock));
 }
 
 void UnsubscribeGate::BeginTeardown()
 {
-    {
-        const std::lock_guard lock(m_mutex);
-        m_isTearingDown = true;
-    }
-    Settle();
+    std::unique_lock lock(m_mutex);
+    m_isTearingDown = true;
+    Settle(std::move(lock));
 }
 
 void UnsubscribeGate::Disarm() noexcept
@@ -97,48 +90,47 @@ void UnsubscribeGate::Disarm() noexcept
     }
 }
 
-void UnsubscribeGate::Settle()
+void UnsubscribeGate::Settle(std::unique_lock<std::mutex> lock)
 {
     // The change's answer comes first: whoever acts on it still needs the subscription that the completion gives up.
-    if (!AnswerChange())
+    if (m_change != nullptr && !AnswerChange(lock))
     {
-        std::shared_ptr<SymbolChangeGroup> group;
-        {
-            const std::lock_guard lock(m_mutex);
-            m_change->hasFailed = true; // the group tells its members once only: this gate may come second
-            group = m_change->group;
-        }
+        m_change->hasFailed = true; // the group tells its members once only: this gate may come second
+        const std::shared_ptr<SymbolChangeGroup> group = m_change->group;
+        lock.unlock();
         group->Fail();
+        lock.lock();
     }
-    if (IUnsubscribeOwner* const owner = TakeOwner())
+    IUnsubscribeOwner* const owner = TakeOwner();
+    lock.unlock();
+    if (owner != nullptr)
     {
         owner->OnAllUnsubscribed();
     }
 }
 
-/// Gives the change's answer when it is due; false when the answer was that it has failed.
-bool UnsubscribeGate::AnswerChange()
+/// Gives the change's answer when it is due, without the lock meanwhile; false when the answer was that it has failed.
+bool UnsubscribeGate::AnswerChange(std::unique_lock<std::mutex>& lock)
 {
-    Answered answered;
-    bool ok = true;
+    if (m_change->owed != 0 || !m_change->answered)
     {
-        const std::lock_guard lock(m_mutex);
-        if (m_change == nullptr || m_change->owed != 0 || !m_change->answered)
-        {
-            return true;
-        }
-        answered.swap(m_change->answered);
-        ok = m_change->isOk;
+        return true;
     }
-    answered(ok);
-    const std::lock_guard lock(m_mutex);
+    const bool ok = m_change->isOk;
+    {
+        Answered answered;
+        answered.swap(m_change->answered);
+        lock.unlock();
+        answered(ok);
+    }
+    lock.lock();
     m_change->answerIsDue = false;
     return ok;
 }
 
-IUnsubscribeOwner* UnsubscribeGate::TakeOwner()
+/// Under m_mutex. Null when it is not time to tell, or has been told.
+IUnsubscribeOwner* UnsubscribeGate::TakeOwner() noexcept
 {
-    const std::lock_guard lock(m_mutex);
     if (m_change != nullptr && m_change->hasFailed && !m_change->answerIsDue)
     {
         m_change->isInFlight = false;

@@ -33,31 +33,32 @@ protected:
 /// them from being deleted meanwhile.
 ///
 /// Threads: any. Callbacks are made without the lock. Who calls keeps the gate alive until the call has returned.
-class UnsubscribeGate final : public ISymbolChangeMember
+class UnsubscribeGate
 {
 public:
     using Answered = std::function<void(bool ok)>;
 
-    /// `owner` is called once, as the last thing ever, after BeginTeardown.
-    explicit UnsubscribeGate(IUnsubscribeOwner* owner) noexcept
-        : m_owner(owner)
+    /// `mutex` guards the gate, and may guard other things. `owner` is called once, as the last thing ever, after
+    /// BeginTeardown.
+    UnsubscribeGate(std::mutex& mutex, IUnsubscribeOwner* owner) noexcept
+        : m_mutex(mutex)
+        , m_owner(owner)
     {
     }
     UnsubscribeGate(const UnsubscribeGate&) = delete;
     UnsubscribeGate& operator=(const UnsubscribeGate&) = delete;
 
-    /// One more answer is owed, for the symbol change under way or for any other reason.
-    void Expect(bool forChange);
+    /// One more answer is owed, for the symbol change under way or for any other reason. Under the mutex, which is the
+    /// caller's to take.
+    void Expect(bool forChange) noexcept;
     void OnAnswer(bool forChange, bool ok);
 
     /// A symbol change unsubscribes: `answered` is called once, when all answers expected for it are there and
-    /// FinishExpecting has been called. `self` is what holds this gate.
-    void BeginChange(const std::shared_ptr<UnsubscribeGate>& self, std::shared_ptr<SymbolChangeGroup> group,
-                     Answered answered);
+    /// FinishExpecting has been called. `holder` is what keeps this gate alive.
+    void BeginChange(const std::shared_ptr<void>& holder, std::shared_ptr<SymbolChangeGroup> group, Answered answered);
     void FinishExpecting();
     /// The change has resubscribed.
     void EndChange();
-    void OnSymbolChangeFailed() override;
     /// The subscription is to end. Idempotent.
     void BeginTeardown();
 
@@ -66,8 +67,15 @@ public:
 
 private:
     /// A symbol change, under way or over: most subscriptions never see one.
-    struct Change
+    struct Change final : ISymbolChangeMember
     {
+        explicit Change(UnsubscribeGate& itsGate)
+            : gate(itsGate)
+        {
+        }
+        void OnSymbolChangeFailed() override { gate.OnChangeFailed(); }
+
+        UnsubscribeGate& gate;
         bool isInFlight = false;
         bool hasFailed = false;
         bool isOk = true;
@@ -77,11 +85,13 @@ private:
         std::shared_ptr<SymbolChangeGroup> group;
     };
 
-    void Settle();
-    bool AnswerChange();
-    IUnsubscribeOwner* TakeOwner();
+    void OnChangeFailed();
+    /// Says what may be said now. Takes the lock over, and lets go of it before it calls anybody.
+    void Settle(std::unique_lock<std::mutex> lock);
+    bool AnswerChange(std::unique_lock<std::mutex>& lock);
+    IUnsubscribeOwner* TakeOwner() noexcept;
 
-    std::mutex m_mutex;
+    std::mutex& m_mutex;
     // All under m_mutex.
     IUnsubscribeOwner* m_owner;       ///< null once it has been told, or need not be
     std::unique_ptr<Change> m_change; ///< null: there has been none

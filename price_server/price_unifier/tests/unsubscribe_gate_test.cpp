@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -34,7 +35,7 @@ protected:
     std::shared_ptr<UnsubscribeGate> MakeGate(const std::string& name)
     {
         owners.push_back(std::make_unique<Owner>(events, name));
-        return std::make_shared<UnsubscribeGate>(owners.back().get());
+        return std::make_shared<UnsubscribeGate>(mutex, owners.back().get());
     }
     /// Begins a change that expects one answer.
     void BeginChange(const std::shared_ptr<UnsubscribeGate>& gate, const std::string& name)
@@ -46,6 +47,7 @@ protected:
 
     Events events;
     std::vector<std::unique_ptr<Owner>> owners;
+    std::mutex mutex; // of all gates: none calls back with the lock held
     std::shared_ptr<SymbolChangeGroup> group = std::make_shared<SymbolChangeGroup>();
 };
 

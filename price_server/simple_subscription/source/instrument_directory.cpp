@@ -74,26 +74,40 @@ bool InstrumentDirectory::IsComplete(short marketId) const
     return m_complete.count(marketId) != 0;
 }
 
-std::optional<DirectoryEntry> InstrumentDirectory::Find(short marketId, short submarketId,
-                                                        const std::string& symbol) const
+bool InstrumentDirectory::IsReading(short marketId) const
 {
     const std::lock_guard lock(m_mutex);
+    return m_entries.count(marketId) != 0 && m_complete.count(marketId) == 0;
+}
+
+const DirectoryEntry* InstrumentDirectory::FindEntry(short marketId, short submarketId, const std::string& symbol) const
+{
     const auto market = m_entries.find(marketId);
     if (market == m_entries.end())
     {
-        return std::nullopt;
+        return nullptr;
     }
     const auto entry = market->second.find(symbol);
     if (entry == market->second.end())
     {
-        return std::nullopt;
+        return nullptr;
     }
     const short known = entry->second.submarket.submarketId;
-    if (known != submarketId && known != -1 && submarketId != -1)
-    {
-        return std::nullopt;
-    }
-    return entry->second;
+    return known == submarketId || known == -1 || submarketId == -1 ? &entry->second : nullptr;
+}
+
+std::optional<DirectoryEntry> InstrumentDirectory::Find(short marketId, short submarketId,
+                                                        const std::string& symbol) const
+{
+    const std::lock_guard lock(m_mutex);
+    const DirectoryEntry* const entry = FindEntry(marketId, submarketId, symbol);
+    return entry != nullptr ? std::optional(*entry) : std::nullopt;
+}
+
+bool InstrumentDirectory::Has(short marketId, short submarketId, const std::string& symbol) const
+{
+    const std::lock_guard lock(m_mutex);
+    return FindEntry(marketId, submarketId, symbol) != nullptr;
 }
 
 std::size_t InstrumentDirectory::GetSize() const

@@ -53,11 +53,12 @@ std::pair<ProviderType::Value, bool> SimpleSubscriptionMgr::GetProviderType(Prov
     for (const auto& provider : m_providers)
     {
         const InstrumentDirectory& directory = provider->GetDirectory();
-        if (provider->GetType() == ProviderType::Mds && directory.Find(marketId, submarketId, symbol))
+        const bool isReading = directory.IsReading(marketId); // asked first: what comes after that may be the last
+        if (provider->GetType() == ProviderType::Mds && directory.Has(marketId, submarketId, symbol))
         {
             return {ProviderType::Mds, true};
         }
-        allComplete = allComplete && (!directory.CanKnow(marketId) || directory.IsComplete(marketId));
+        allComplete = allComplete && !isReading;
     }
     return {ProviderType::Zel, allComplete};
 }

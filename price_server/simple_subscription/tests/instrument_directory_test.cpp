@@ -177,6 +177,38 @@ TEST_F(Directory, KeepsItsInstrumentsWhenAMarketIsDeclaredAgain)
     EXPECT_EQ(m_directory.GetSize(), 1U);
 }
 
+TEST_F(Directory, IsReadingAMarketThatItCanKnowUntilItIsComplete)
+{
+    EXPECT_FALSE(m_directory.IsReading(2));
+    m_directory.AddMarket(2);
+    EXPECT_TRUE(m_directory.IsReading(2));
+    EXPECT_FALSE(m_directory.IsReading(1));
+    m_directory.MarkComplete(2);
+    EXPECT_FALSE(m_directory.IsReading(2));
+}
+
+TEST_F(Directory, HasWhatItFinds)
+{
+    DirectoryEntry entry;
+    entry.symbol = "A";
+    entry.submarket = {2, 3};
+    m_directory.Add(entry);
+    for (const short market : {short{1}, short{2}, short{-1}})
+    {
+        for (const short submarket : {short{-1}, short{3}, short{4}})
+        {
+            for (const char* const symbol : {"A", "B", ""})
+            {
+                EXPECT_EQ(m_directory.Has(market, submarket, symbol),
+                          m_directory.Find(market, submarket, symbol).has_value())
+                    << market << " " << submarket << " " << symbol;
+            }
+        }
+    }
+    EXPECT_TRUE(m_directory.Has(2, 3, "A"));
+    EXPECT_FALSE(m_directory.Has(2, 4, "A"));
+}
+
 TEST_F(Directory, IsCompleteByMarketAndStaysSo)
 {
     m_directory.MarkComplete(2);

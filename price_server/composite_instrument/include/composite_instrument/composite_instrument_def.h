@@ -1,10 +1,10 @@
 #pragma once
 
+#include "composite_instrument/property_map.h"
 #include "composite_instrument/synthetic_leg.h"
 
 #include <array>
 #include <cstdint>
-#include <map>
 #include <string>
 
 namespace ps_ns
@@ -23,14 +23,15 @@ struct CompositeInstrumentDef
     std::uint32_t attrC = 0;
     std::int8_t attrD = 0;
     std::int16_t submarketId = -1;
-    std::uint64_t attrE = 0;
+
+    std::array<bool, 3> components{true, false, false}; ///< wanted: direct, implied, aggregated; here it takes no room
+
+    std::uint64_t attrE = 0; ///< of the identity, too
 
     InstrumentDef instrument; ///< symbol and product / exchange
     std::string currency;
-    std::map<std::uint16_t, std::string> properties;
-    SyntheticLegs legs; ///< not empty: a synthetic instrument
-
-    std::array<bool, 3> components{true, false, false}; ///< wanted: direct, implied, aggregated
+    PropertyMap properties; ///< texts by number
+    SyntheticLegs legs;     ///< not empty: a synthetic instrument
 
     std::uint64_t expiry_ns = 0; ///< ns since 1970 UTC; 0: none
     std::uint64_t lotSize = 0;   ///< units in one lot; 0: not known

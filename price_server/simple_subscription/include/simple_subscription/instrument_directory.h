@@ -51,9 +51,13 @@ public:
 
     bool CanKnow(short marketId) const;
     bool IsComplete(short marketId) const;
+    /// It can know the market, and there may be more to come.
+    bool IsReading(short marketId) const;
 
     /// The entry; `submarketId` -1 on either side matches any.
     std::optional<DirectoryEntry> Find(short marketId, short submarketId, const std::string& symbol) const;
+    /// Is there one? Nothing is copied.
+    bool Has(short marketId, short submarketId, const std::string& symbol) const;
 
     std::size_t GetSize() const;
     /// Both grow after what they count: who has read them and then the entries has not missed what they count.
@@ -65,6 +69,9 @@ public:
     std::vector<DirectoryEntry> GetEntries() const;
 
 private:
+    /// Under m_mutex. Null: there is none.
+    const DirectoryEntry* FindEntry(short marketId, short submarketId, const std::string& symbol) const;
+
     std::atomic<std::uint64_t> m_version{0};
     std::atomic<std::uint64_t> m_changes{0};
     mutable std::mutex m_mutex;
