@@ -1,5 +1,6 @@
 #include "flexible_fixture.h"
 
+#include <chrono>
 #include <new>
 
 using namespace ps_ns;
@@ -72,6 +73,25 @@ TEST_F(ClientData, NeverGoToAClientWhoHasLeftEvenIfTheyWereUnderWay)
     EXPECT_EQ(Take(), (Events{"local.OnOrderBook X 10x1+0 |  @executor", "G.OnOrderBook id=2 X 10x1+0 |  @executor",
                               "local.OnTrades X 10x5 @executor", "G.OnTrades id=2 X 10x5 @executor",
                               "local.OnCustomFields X @executor", "G.OnCustomFields id=2 X @executor"}));
+}
+
+TEST_F(ClientData, NeverGoToAClientWhoLeavesWhileItsIntervalEnds)
+{
+    using namespace std::chrono_literals;
+    const auto third = bench.MakeFlexibleObserver("H");
+    Open();
+    Subscribe(second, 2, {5, 100, false, false});
+    Subscribe(third, 3, {5, 100, false, false});
+    bench.zel->Answer("X");
+    bench.zel->SendImage("X", {{kBid, "10", "1"}});
+    bench.zel->SendChange("X", {{kBid, "10", "2"}}); // waits for the end of both intervals
+    bench.Run();
+    bench.events.Clear();
+    bench.time.Advance(100ms); // posted before the removal, run after it
+    bench.manager->Unsubscribe(def, second, 2);
+    bench.queue.RunAll();
+    bench.events.Clear();
+    EXPECT_EQ(Take(), Events{"H.OnOrderBook id=3 X 10x2+0 |  @executor"});
 }
 
 TEST_F(ClientData, NeverComeBeforeTheReplayedResults)
