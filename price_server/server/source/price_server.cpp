@@ -252,7 +252,8 @@ void PriceServer::RunQueueDry()
     while (m_readerRuns)
     {
         const auto isDry = std::make_shared<std::promise<bool>>();
-        m_queue->insert(new ChannelTask<Task>([this, isDry] { isDry->set_value(m_queue->size() == 0); }, "RunQueueDry"));
+        m_queue->insert(
+            new ChannelTask<Task>([this, isDry] { isDry->set_value(m_queue->size() == 0); }, "RunQueueDry"));
         if (isDry->get_future().get())
         {
             return; // nothing was behind it
