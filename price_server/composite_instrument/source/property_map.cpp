@@ -33,9 +33,21 @@ void PropertyMap::Append(Header& block, std::uint16_t number, Text&& text)
 
 PropertyMap::PropertyMap(std::initializer_list<value_type> entries)
 {
+    if (entries.size() == 0)
+    {
+        return;
+    }
+    m_entries = MakeBlock(entries.size());
     for (const auto& [number, text] : entries)
     {
-        emplace(number, text);
+        if (size() == 0 || begin()[size() - 1].first < number)
+        {
+            Append(*m_entries, number, text); // as they usually come
+        }
+        else
+        {
+            emplace(number, text);
+        }
     }
 }
 
