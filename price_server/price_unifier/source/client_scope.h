@@ -37,7 +37,7 @@ struct ClientScope
         SetInfo(scope);
     }
 
-    // What every delivery looks at, side by side: with the reference count before it, one cache line.
+    // What every delivery looks at, side by side: with the reference count before it, no longer than a cache line.
 
     /// Without an interval, in place of pace.delivered: the sequence of the view that it had last, 0 for none. Within
     /// one depth it tells a view from others.

@@ -75,6 +75,7 @@ CompositeInstrumentSubscription::CompositeInstrumentSubscription(
                                      instrumentMonitoringInterval_sec},
           simpleSubscriptionMgr->GetSurroundings(GetSubmarket(def)), static_cast<IUnsubscribeOwner*>(this)))
     , m_mergedScope(adjustedScope)
+    , m_components(GetDefinition().components)
 {
     m_simpleSubscriptionMgr->GetRegistry().Enrol(this);
 }
@@ -84,10 +85,7 @@ CompositeInstrumentSubscription::~CompositeInstrumentSubscription()
     m_simpleSubscriptionMgr->GetRegistry().Leave(this);
     m_core->Silence();
     m_core->GetGate().Disarm();
-    for (Component& component : m_components)
-    {
-        Unsubscribe(component, false);
-    }
+    ForEachComponent([this](Component& component) { Unsubscribe(component, false); });
 }
 
 void CompositeInstrumentSubscription::OnAllUnsubscribed()
@@ -256,10 +254,7 @@ void CompositeInstrumentSubscription::UnsubscribeComponents() noexcept
     m_isEnding = true;
     m_lifeState = DirectUnsubscribed;
     m_core->Silence();
-    for (Component& component : m_components)
-    {
-        Unsubscribe(component, false);
-    }
+    ForEachComponent([this](Component& component) { Unsubscribe(component, false); });
     m_core->GetGate().BeginTeardown();
 }
 
@@ -291,6 +286,10 @@ void CompositeInstrumentSubscription::SwitchProvider(CompositeComponentType::Typ
     }
     for (const auto other : kComponentTypes)
     {
+        if (!IsWanted(other))
+        {
+            continue;
+        }
         Component& component = Get(other);
         const ProviderType::Value before = component.provider;
         if (other == type)
@@ -298,12 +297,12 @@ void CompositeInstrumentSubscription::SwitchProvider(CompositeComponentType::Typ
             component.provider = provider;
             component.isDecided = true;
         }
-        else if (IsWanted(other) && !component.isDecided)
+        else if (!component.isDecided)
         {
             DecideProvider(other); // what was undecided with it may be decided now
         }
         const bool isSame = component.provider == before && component.link != nullptr;
-        if (!IsWanted(other) || isSame || !component.isDecided || m_lifeState == DirectUnsubscribed)
+        if (isSame || !component.isDecided || m_lifeState == DirectUnsubscribed)
         {
             continue;
         }
@@ -326,10 +325,7 @@ void CompositeInstrumentSubscription::UnsubscribeDirect(UnsubscribeAnswer answer
     m_core->GetGate().BeginChange(
         m_core, m_simpleSubscriptionMgr->GetSymbolChangeGroups().Get(GetDefinition().marketId, GetSymbol()),
         [answer = std::move(answer), id = CompositeInstrumentID(GetDefinition())](bool ok) { answer(id, ok); });
-    for (Component& component : m_components)
-    {
-        Unsubscribe(component, true);
-    }
+    ForEachComponent([this](Component& component) { Unsubscribe(component, true); });
     m_core->GetGate().FinishExpecting();
 }
 
@@ -397,7 +393,7 @@ const PriceFormat& CompositeInstrumentSubscription::GetPriceFormat(CompositeComp
 
 ComponentView CompositeInstrumentSubscription::GetComponentView(CompositeComponentType::Type type) const
 {
-    const Component& component = m_components[static_cast<std::size_t>(type)];
+    const Component& component = m_components.Get(type);
     return {IsWanted(type),
             component.isDecided,
             component.link != nullptr,

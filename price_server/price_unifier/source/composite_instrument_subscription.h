@@ -172,7 +172,21 @@ private:
         bool isDecided = true; ///< its provider is final
     };
 
-    Component& Get(CompositeComponentType::Type type) { return m_components[static_cast<std::size_t>(type)]; }
+    /// Of a wanted one.
+    Component& Get(CompositeComponentType::Type type) { return m_components.Get(type); }
+    /// Calls `use(Component&)` for each wanted one, in their order.
+    template <class Use>
+    void ForEachComponent(const Use& use)
+    {
+        for (std::size_t i = 0; i < CompositeComponentType::kCount; ++i)
+        {
+            const auto type = static_cast<CompositeComponentType::Type>(i);
+            if (IsWanted(type))
+            {
+                use(Get(type));
+            }
+        }
+    }
     bool IsWanted(CompositeComponentType::Type type) const
     {
         return GetDefinition().components[static_cast<std::size_t>(type)];
@@ -204,10 +218,10 @@ private:
     ScopeTable m_scopes;
     std::shared_ptr<ClientScope> m_lastAsker; ///< whose scope was added or changed last; null: a direct client's
     std::unique_ptr<ComponentAnswers> m_answersAtJoin; ///< null: there were none, at any join
-    std::array<Component, CompositeComponentType::kCount> m_components;
+    WantedComponents<Component> m_components;
 };
 
 // One block of the heap's: there are a hundred thousand of these.
-static_assert(sizeof(CompositeInstrumentSubscription) <= 256);
+static_assert(sizeof(CompositeInstrumentSubscription) <= 224);
 
 } // namespace ps_ns

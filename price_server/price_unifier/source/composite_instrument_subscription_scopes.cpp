@@ -129,16 +129,17 @@ bool CompositeInstrumentSubscription::ChangeScope(const CompositeSubscriptionInf
 
 void CompositeInstrumentSubscription::ChangeScope(const CompositeSubscriptionInfo& aggregate)
 {
-    for (const Component& component : m_components)
-    {
-        if (component.link != nullptr)
+    ForEachComponent(
+        [&](const Component& component)
         {
-            if (IPriceProvider* const provider = m_simpleSubscriptionMgr->FindProvider(component.provider))
+            if (component.link != nullptr)
             {
-                provider->ChangeScope(component.link, aggregate);
+                if (IPriceProvider* const provider = m_simpleSubscriptionMgr->FindProvider(component.provider))
+                {
+                    provider->ChangeScope(component.link, aggregate);
+                }
             }
-        }
-    }
+        });
     m_core->SetMergedScope(aggregate);
 }
 

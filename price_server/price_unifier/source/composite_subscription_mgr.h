@@ -301,6 +301,9 @@ private:
                                 unsigned long subscriptionId);
     void UnsubscribeImpl(const CompositeInstrumentDef& def, const std::shared_ptr<ICompositePriceObserver>& observer,
                          unsigned long handle);
+    /// The same, for who is done with both: nothing is copied.
+    void UnsubscribeImpl(CompositeInstrumentDef&& def, std::shared_ptr<ICompositePriceObserver>&& observer,
+                         unsigned long handle);
     void RunDirectUnsubscribe(const CompositeInstrumentDef& def,
                               const std::shared_ptr<ICompositePriceObserver>& observer, unsigned long handle);
     void RunTeardown(CompositeInstrumentSubscription* subscription, const CompositeInstrumentDef& def);

@@ -4,6 +4,8 @@
 #include "price_unifier/source/detail/manager_log.h"
 #include "price_unifier/source/notifications.h"
 
+#include <utility>
+
 namespace ps_ns
 {
 
@@ -149,7 +151,7 @@ bool CompositeSubscriptionMgr::Unsubscribe(unsigned long handle)
                                     << " - could not find the entry in m_handleByCompositeInstrumentID";
                            });
     }
-    UnsubscribeImpl(def, observer, handle);
+    UnsubscribeImpl(std::move(def), std::move(observer), handle);
     return true;
 }
 
@@ -157,8 +159,16 @@ void CompositeSubscriptionMgr::UnsubscribeImpl(const CompositeInstrumentDef& def
                                                const std::shared_ptr<ICompositePriceObserver>& observer,
                                                unsigned long handle)
 {
-    // Named anew: a copy of a const reference could not be moved on.
-    Post([this, def = def, observer = observer, handle] { RunDirectUnsubscribe(def, observer, handle); });
+    UnsubscribeImpl(CompositeInstrumentDef(def), std::shared_ptr<ICompositePriceObserver>(observer), handle);
+}
+
+void CompositeSubscriptionMgr::UnsubscribeImpl(CompositeInstrumentDef&& def,
+                                               std::shared_ptr<ICompositePriceObserver>&& observer,
+                                               unsigned long handle)
+{
+    // Nothing of either stays on the caller's thread: the action may hold the last reference to the observer.
+    Post([this, def = std::move(def), observer = std::move(observer), handle]
+         { RunDirectUnsubscribe(def, observer, handle); });
 }
 
 void CompositeSubscriptionMgr::RunDirectUnsubscribe(const CompositeInstrumentDef& def,
@@ -214,7 +224,10 @@ void CompositeSubscriptionMgr::RunTeardown(CompositeInstrumentSubscription* subs
                            });
     }
     // With its whole vector: who shares the key goes unswitched. The pending gauge is left alone. Both are meant.
-    m_pendingProviderSubscriptions.erase(PendingSubscriptionID(def));
+    if (!m_pendingProviderSubscriptions.empty()) // the key is a copy of the symbol
+    {
+        m_pendingProviderSubscriptions.erase(PendingSubscriptionID(def));
+    }
     delete subscription;
 }
 

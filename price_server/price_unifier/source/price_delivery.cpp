@@ -256,9 +256,10 @@ void PriceDelivery::OnMergedScope()
         std::shared_ptr<MergedOrderBook> book = MergeBook();
         book->sequence = ++m_sequence;
         m_current = std::move(book);
-        DeliverOwn(std::shared_ptr(m_current), round);
-        round.Pause();
     }
+    // While an emptied book is held back, this is the book that waited for the old scope's interval, if one did.
+    DeliverOwn(std::shared_ptr(m_current), round);
+    round.Pause();
     for (std::size_t i = 0; i < m_clients.size(); ++i)
     {
         const std::shared_ptr<ClientScope> client = m_clients[i];

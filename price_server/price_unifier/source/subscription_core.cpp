@@ -47,7 +47,7 @@ SubscriptionCore::SubscriptionCore(CompositeInstrumentDef&& def,
                                    const Settings& settings, Surroundings surroundings, IUnsubscribeOwner* owner)
     : DeliveryHost(std::move(def), observer, manager, scope, settings)
     , m_surroundings(std::move(surroundings))
-    , m_gate(m_mutex, owner)
+    , m_gate(owner)
 {
 }
 
@@ -86,7 +86,7 @@ void SubscriptionCore::OnStaleChanged(bool isStale)
     {
         --staleGauge;
     }
-    const std::lock_guard lock(m_mutex);
+    const std::lock_guard lock(m_gate.GetMutex());
     m_state.isStale = isStale;
 }
 
@@ -107,7 +107,7 @@ CompositeSubscriptionState SubscriptionCore::GetState() const
 {
     ChangingState changing;
     {
-        const std::lock_guard lock(m_mutex);
+        const std::lock_guard lock(m_gate.GetMutex());
         changing = m_state;
     }
     return MakeState(changing);
@@ -128,11 +128,11 @@ CompositeSubscriptionState SubscriptionCore::MakeState(const ChangingState& chan
 
 ComponentAnswers SubscriptionCore::GetAnswers() const
 {
-    const std::lock_guard lock(m_mutex);
+    const std::lock_guard lock(m_gate.GetMutex());
     return CopyAnswers();
 }
 
-/// Under m_mutex.
+/// Under the gate's mutex.
 ComponentAnswers SubscriptionCore::CopyAnswers() const
 {
     return {m_components.Get(CompositeComponentType::Direct).lastAnswer,
@@ -143,7 +143,7 @@ ComponentAnswers SubscriptionCore::CopyAnswers() const
 ComponentAnswers SubscriptionCore::AddClient(const std::shared_ptr<ClientScope>& client)
 {
     // Under the lock, so that an answer either is in what we return, or is posted after the client has been added.
-    const std::lock_guard lock(m_mutex);
+    const std::lock_guard lock(m_gate.GetMutex());
     Run([client](SubscriptionCore& core) { core.GetDelivery().AddClient(client); });
     return CopyAnswers();
 }
@@ -195,7 +195,7 @@ void SubscriptionCore::BeginEpoch(CompositeComponentType::Type component, Provid
 {
     std::uint32_t epoch = 0;
     {
-        const std::lock_guard lock(m_mutex);
+        const std::lock_guard lock(m_gate.GetMutex());
         epoch = ++m_state.epoch;
         m_state.provider = static_cast<std::int8_t>(provider);
         m_state.newSymbol = newSymbol;
@@ -218,13 +218,13 @@ void SubscriptionCore::Silence() noexcept
 
 void SubscriptionCore::Exclude(std::atomic<bool>& isLive)
 {
-    const std::lock_guard lock(m_mutex);
+    const std::lock_guard lock(m_gate.GetMutex());
     isLive.store(false);
 }
 
 void SubscriptionCore::ExcludeAndExpect(std::atomic<bool>& isLive, bool forSymbolChange)
 {
-    const std::lock_guard lock(m_mutex);
+    const std::lock_guard lock(m_gate.GetMutex());
     isLive.store(false);
     m_gate.Expect(forSymbolChange);
 }
@@ -232,7 +232,7 @@ void SubscriptionCore::ExcludeAndExpect(std::atomic<bool>& isLive, bool forSymbo
 void SubscriptionCore::OnAnswer(const std::atomic<bool>& isLive, CompositeComponentType::Type component,
                                 ps_messages_ns::SubscriptionResult::Value result, const PriceFormat& format)
 {
-    const std::lock_guard lock(m_mutex);
+    const std::lock_guard lock(m_gate.GetMutex());
     if (!isLive.load())
     {
         return;

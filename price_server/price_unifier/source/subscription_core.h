@@ -127,9 +127,8 @@ private:
     const Surroundings m_surroundings;
     std::unique_ptr<PriceDelivery> m_delivery; ///< executor only; here it is near what else each task reads
 
-    mutable std::mutex m_mutex; ///< also guards the components' last answers, and the gate
-    ChangingState m_state;      ///< under m_mutex
-    UnsubscribeGate m_gate;
+    UnsubscribeGate m_gate; ///< its mutex also guards the state and the components' last answers
+    ChangingState m_state;
 
     std::atomic<std::uint64_t> m_lastUpdateTime_ns{0};
 };

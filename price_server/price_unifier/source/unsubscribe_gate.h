@@ -38,15 +38,16 @@ class UnsubscribeGate
 public:
     using Answered = std::function<void(bool ok)>;
 
-    /// `mutex` guards the gate, and may guard other things. `owner` is called once, as the last thing ever, after
-    /// BeginTeardown.
-    UnsubscribeGate(std::mutex& mutex, IUnsubscribeOwner* owner) noexcept
-        : m_mutex(mutex)
-        , m_owner(owner)
+    /// `owner` is called once, as the last thing ever, after BeginTeardown.
+    explicit UnsubscribeGate(IUnsubscribeOwner* owner) noexcept
+        : m_owner(owner)
     {
     }
     UnsubscribeGate(const UnsubscribeGate&) = delete;
     UnsubscribeGate& operator=(const UnsubscribeGate&) = delete;
+
+    /// Guards the gate, and whatever else its owner has it guard.
+    std::mutex& GetMutex() const noexcept { return m_mutex; }
 
     /// One more answer is owed, for the symbol change under way or for any other reason. Under the mutex, which is the
     /// caller's to take.
@@ -91,7 +92,7 @@ private:
     bool AnswerChange(std::unique_lock<std::mutex>& lock);
     IUnsubscribeOwner* TakeOwner() noexcept;
 
-    std::mutex& m_mutex;
+    mutable std::mutex m_mutex;
     // All under m_mutex.
     IUnsubscribeOwner* m_owner;       ///< null once it has been told, or need not be
     std::unique_ptr<Change> m_change; ///< null: there has been none

@@ -195,6 +195,34 @@ TEST_F(FlexibleDelivery, NeverGoesBackInSequenceWhenAClientChangesToADepthThatHa
     EXPECT_EQ(changing->books.size(), 3U);
 }
 
+TEST_F(FlexibleDelivery, NeverGoesBackInSequenceWithTheNextChangeEither)
+{
+    ManagerBench::Options options;
+    options.configuration = R"(<PriceServer><General SkipUnchangedSnapshots="1"/></PriceServer>)";
+    // Benches do not nest: this one lives in its own test body only.
+    bench.DestroyManager();
+    ManagerBench skipping(options);
+    const auto narrow = skipping.MakeFlexibleObserver("N");
+    const auto wide = skipping.MakeFlexibleObserver("W");
+    const auto changing = skipping.MakeFlexibleObserver("C");
+    skipping.manager->Subscribe(def, {1, 0, false, false}, skipping.factory, narrow, 1);
+    skipping.manager->Subscribe(def, {3, 0, false, false}, skipping.factory, wide, 2);
+    skipping.manager->Subscribe(def, {3, 0, false, false}, skipping.factory, changing, 3);
+    skipping.Run();
+    skipping.zel->Answer("X");
+    skipping.zel->SendImage("X", {{kBid, "10", "1"}, {kBid, "9", "1"}});
+    skipping.zel->SendChange("X", {{kBid, "9", "2"}}); // nothing new at depth 1
+    skipping.Run();
+    skipping.manager->ChangeScope(def, {1, 0, false, false}, changing, 3, false);
+    skipping.Run();
+    skipping.zel->SendChange("X", {{kBid, "9", "3"}});
+    skipping.Run();
+    ASSERT_EQ(changing->books.size(), 3U);
+    EXPECT_EQ(FormatBook(*changing->books.back()), "10x1+0 | ");
+    EXPECT_EQ(changing->books.back()->sequence, wide->books.back()->sequence);
+    EXPECT_EQ(narrow->books.size(), 1U); // it still sees what it saw
+}
+
 TEST_F(FlexibleDelivery, NeverMergesMoreLevelsThanTheMarketHas)
 {
     Open({2'000'000'000, 0, false, false});

@@ -494,6 +494,26 @@ TEST_F(PriceDeliveryTest, HoldsAnEmptiedBookBackAlsoFromAChangedScopeAndASnapsho
     EXPECT_EQ(bench->events.Filter("A."), Events{"A.OnOrderBook X  |  @executor"});
 }
 
+TEST_F(PriceDeliveryTest, KeepsABookThatWaitsForTheOwnObserverWhenTheScopeChangesWhileAnEmptyOneIsHeldBack)
+{
+    ManagerBench::Options options;
+    options.configuration = R"(<PriceServer><General SkipUnchangedSnapshots="1"/></PriceServer>)";
+    options.emptySuppressInterval_ms = 1000;
+    Start(options, {5, 100, false, false}, 2);
+    bench->zel->SendImage("X", {{kBid, "10", "1"}});
+    bench->zel->SendChange("X", {{kBid, "10", "2"}}); // waits
+    bench->zel->SendChange("X", {{kBid, "10", "0"}}); // held back
+    bench->Run();
+    bench->manager->ChangeScope(handle, {4, 100, false, false}, 1, false);
+    bench->Run();
+    bench->zel->SendChange("X", {{kBid, "10", "2"}}); // as before: nothing has changed
+    bench->Run();
+    bench->time.Advance(5s);
+    bench->Run();
+    EXPECT_EQ(bench->events.Filter("A."),
+              (Events{"A.OnOrderBook X 10x1+0 |  @executor", "A.OnOrderBook X 10x2+0 |  @executor"}));
+}
+
 TEST_F(PriceDeliveryTest, SkipsABookThatIsBackToWhatWasDeliveredWhenItsIntervalEnds)
 {
     ManagerBench::Options options;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -15,39 +16,61 @@ namespace
 
 using Events = std::vector<std::string>;
 
+bool CanLock(std::mutex& mutex)
+{
+    const std::unique_lock lock(mutex, std::try_to_lock);
+    return lock.owns_lock();
+}
+
 class UnsubscribeGateTest : public ::testing::Test
 {
 protected:
     /// Tells the fixture.
     struct Owner final : IUnsubscribeOwner
     {
-        Owner(Events& all, std::string ownName)
-            : events(all)
+        Owner(UnsubscribeGateTest& itsTest, std::string ownName)
+            : test(itsTest)
             , name(std::move(ownName))
         {
         }
-        void OnAllUnsubscribed() override { events.push_back(name + " completed"); }
+        void OnAllUnsubscribed() override { test.Note(name + " completed"); }
 
-        Events& events;
+        UnsubscribeGateTest& test;
         const std::string name;
     };
 
+    /// What a gate has said; it must not hold its lock while it does, nor any other gate.
+    void Note(const std::string& event)
+    {
+        for (const std::weak_ptr<UnsubscribeGate>& weak : gates)
+        {
+            if (const auto gate = weak.lock())
+            {
+                // Another thread asks: a thread must not try a lock that it has itself.
+                EXPECT_TRUE(std::async(std::launch::async, [&] { return CanLock(gate->GetMutex()); }).get()) << event;
+            }
+        }
+        events.push_back(event);
+    }
+
     std::shared_ptr<UnsubscribeGate> MakeGate(const std::string& name)
     {
-        owners.push_back(std::make_unique<Owner>(events, name));
-        return std::make_shared<UnsubscribeGate>(mutex, owners.back().get());
+        owners.push_back(std::make_unique<Owner>(*this, name));
+        const auto gate = std::make_shared<UnsubscribeGate>(owners.back().get());
+        gates.push_back(gate);
+        return gate;
     }
     /// Begins a change that expects one answer.
     void BeginChange(const std::shared_ptr<UnsubscribeGate>& gate, const std::string& name)
     {
-        gate->BeginChange(gate, group, [this, name](bool ok) { events.push_back(name + (ok ? " ok" : " failed")); });
+        gate->BeginChange(gate, group, [this, name](bool ok) { Note(name + (ok ? " ok" : " failed")); });
         gate->Expect(true);
         gate->FinishExpecting();
     }
 
     Events events;
     std::vector<std::unique_ptr<Owner>> owners;
-    std::mutex mutex; // of all gates: none calls back with the lock held
+    std::vector<std::weak_ptr<UnsubscribeGate>> gates;
     std::shared_ptr<SymbolChangeGroup> group = std::make_shared<SymbolChangeGroup>();
 };
 
@@ -83,7 +106,7 @@ TEST_F(UnsubscribeGateTest, DoesNotCompleteBeforeTheTeardown)
 TEST_F(UnsubscribeGateTest, AnswersAChangeThatOwesNothingAtOnce)
 {
     const auto gate = MakeGate("A");
-    gate->BeginChange(gate, group, [this](bool ok) { events.push_back(ok ? "ok" : "failed"); });
+    gate->BeginChange(gate, group, [this](bool ok) { Note(ok ? "ok" : "failed"); });
     EXPECT_TRUE(events.empty());
     gate->FinishExpecting();
     EXPECT_EQ(events, Events{"ok"});
@@ -94,7 +117,7 @@ TEST_F(UnsubscribeGateTest, AnswersAChangeAsFailedWhenAnyOfItsAnswersHasFailed)
     for (const bool isFirst : {true, false})
     {
         const auto gate = MakeGate("A");
-        gate->BeginChange(gate, group, [this](bool ok) { events.push_back(ok ? "ok" : "failed"); });
+        gate->BeginChange(gate, group, [this](bool ok) { Note(ok ? "ok" : "failed"); });
         gate->Expect(true);
         gate->Expect(true);
         gate->OnAnswer(true, !isFirst);

@@ -251,12 +251,12 @@ void PriceServer::RunQueueDry()
 {
     while (m_readerRuns)
     {
-        const auto hasRun = std::make_shared<std::promise<void>>();
-        m_queue->insert(new ChannelTask<Task>([hasRun] { hasRun->set_value(); }, "RunQueueDry"));
-        hasRun->get_future().wait();
-        if (m_queue->size() == 0)
+        const auto isDry = std::make_shared<std::promise<bool>>();
+        m_queue->insert(
+            new ChannelTask<Task>([this, isDry] { isDry->set_value(m_queue->size() == 0); }, "RunQueueDry"));
+        if (isDry->get_future().get())
         {
-            return;
+            return; // nothing was behind it
         }
     }
 }

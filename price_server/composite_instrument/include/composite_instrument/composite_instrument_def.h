@@ -1,14 +1,27 @@
 #pragma once
 
-#include "composite_instrument/property_map.h"
 #include "composite_instrument/synthetic_leg.h"
+
+#include <boost/container/flat_map.hpp>
+#include <boost/container/vector.hpp>
 
 #include <array>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
+#include <utility>
 
 namespace ps_ns
 {
+
+/// Texts by number. All of them lie in one block, where a tree would take one for each: definitions are copied with
+/// each request. Adding and erasing invalidates iterators and references.
+using Properties = boost::container::flat_map<
+    std::uint16_t, std::string, std::less<>,
+    boost::container::vector<std::pair<std::uint16_t, std::string>,
+                             std::allocator<std::pair<std::uint16_t, std::string>>,
+                             boost::container::vector_options_t<boost::container::stored_size<std::uint16_t>>>>;
 
 /// A client's definition of a composite instrument: either one tradable instrument, or a synthetic one built from legs.
 /// A plain value; copying copies the strings and the map and shares the legs.
@@ -30,8 +43,8 @@ struct CompositeInstrumentDef
 
     InstrumentDef instrument; ///< symbol and product / exchange
     std::string currency;
-    PropertyMap properties; ///< texts by number
-    SyntheticLegs legs;     ///< not empty: a synthetic instrument
+    Properties properties;
+    SyntheticLegs legs; ///< not empty: a synthetic instrument
 
     std::uint64_t expiry_ns = 0; ///< ns since 1970 UTC; 0: none
     std::uint64_t lotSize = 0;   ///< units in one lot; 0: not known

@@ -1,6 +1,7 @@
 #include "common/block_pool.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdlib>
 #include <mutex>
 #include <string_view>
@@ -100,6 +101,7 @@ public:
         if (m_slabCount <= m_maxSlabs)
         {
             Batch* const empty = Pop(m_emptyBatches);
+            assert(empty != nullptr); // no more batches are full, with this one, than were made with the slabs
             Push(m_fullBatches, std::exchange(batch, empty));
             return;
         }

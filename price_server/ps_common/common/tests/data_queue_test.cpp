@@ -7,6 +7,7 @@
 
 #include <array>
 #include <latch>
+#include <set>
 #include <span>
 #include <sstream>
 #include <thread>
@@ -349,4 +350,40 @@ TEST_F(DataQueueTest, LinksEveryTaskOfTwoProducersOnceAndEachOnesInOrder)
     EXPECT_EQ(order[0], expected);
     EXPECT_EQ(order[1], expected);
     EXPECT_EQ(m_gauge.Get(), 0.0);
+}
+
+TEST_F(DataQueueTest, GivesEachTaskToOneOfTwoThreadsThatTakeAtTheSameTime)
+{
+    constexpr std::size_t kTasks = 20'000;
+    for (std::size_t i = 0; i < kTasks; ++i)
+    {
+        m_queue->insert(new ChannelTask<Task>({}, ""));
+    }
+    std::array<std::vector<Task*>, 2> taken;
+    std::latch start(2);
+    const auto takeAll = [&](std::vector<Task*>& mine)
+    {
+        std::array<Task*, 3> tasks{};
+        start.arrive_and_wait();
+        while (const std::size_t count = m_queue->take(tasks))
+        {
+            m_queue->uncount(count);
+            mine.insert(mine.end(), tasks.begin(), tasks.begin() + static_cast<std::ptrdiff_t>(count));
+        }
+    };
+    std::thread other([&] { takeAll(taken[0]); });
+    takeAll(taken[1]);
+    other.join();
+    std::set<Task*> all;
+    for (const std::vector<Task*>& mine : taken)
+    {
+        all.insert(mine.begin(), mine.end());
+    }
+    EXPECT_EQ(taken[0].size() + taken[1].size(), kTasks);
+    EXPECT_EQ(all.size(), kTasks);
+    EXPECT_EQ(m_queue->size(), 0U);
+    for (Task* const task : all)
+    {
+        delete task;
+    }
 }

@@ -43,9 +43,9 @@ struct BlockCache
 /// Threads: any. A block may be freed by another thread than the one that allocated it; a thread that ends hands back
 /// what it keeps, and may still allocate and free after that, in the destructors of its thread-local objects.
 ///
-/// Bounds: an eighth of what the pool holds is for the addresses of free blocks, at most. After a burst, what is free
-/// beyond kKeptBytes of a size goes back to the heap, but for what the threads' own few free blocks hold in place: at
-/// most 2 * kBatch blocks of each size and thread.
+/// Bounds: the addresses of free blocks take an eighth of what the slabs do, and 2 KiB for each thread. After a burst,
+/// what is free beyond kKeptBytes of a size goes back to the heap, but for what the threads' own few free blocks hold
+/// in place: at most 2 * kBatch blocks of each size and thread.
 ///
 /// Sanitizers see every block come from the heap and go back to it: recycling is off in builds with them. The
 /// environment variable PS_RECYCLE_BLOCKS, 1 or 0, says otherwise, and is read once, when the first block is
@@ -67,7 +67,8 @@ public:
     static void Free(void* block, std::size_t size) noexcept;
 
     static bool IsOn() noexcept;
-    /// What the pool has from the heap, in use or free. Blocks that are too large for it do not count.
+    /// What the pool has from the heap for blocks, in use or free. Blocks that are too large for it do not count, nor
+    /// do the addresses of free ones.
     static std::size_t GetHeldBytes();
     /// Gives back to the heap what is free and not kept by another thread.
     static void ReleaseUnused() noexcept;

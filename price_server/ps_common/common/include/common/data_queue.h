@@ -33,7 +33,8 @@ struct DataMsgTask
 /// the two meet only in the `next` pointer of the last node. No insert wakes anybody: the consumer looks
 /// (queue_reader.h).
 ///
-/// Threads: insert() from any thread; take() from one thread at a time; shutdown() from the owner's.
+/// Threads: insert() from any thread; take() from one, for the order's sake: two that take at the same time get
+/// different tasks; shutdown() from the owner's.
 ///
 /// The consumer takes several tasks at once, and takes them off the count at once: both sides write it, and its line
 /// would go to and fro with each of them.

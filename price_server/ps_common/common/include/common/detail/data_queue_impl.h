@@ -138,8 +138,8 @@ std::size_t DataQueue<Element>::take(std::span<Task*> tasks)
     // The last of the nodes becomes the new dummy. Its value is out then, but still written there: it is not wiped,
     // because the node's line may be on its way to the producer.
     m_head.value = newDummy;
+    unpack(oldDummy, tasks.first(count)); // under the lock: another consumer would free the new dummy
     m_consumerLock.value.store(false, std::memory_order_release);
-    unpack(oldDummy, tasks.first(count));
     return count;
 }
 
@@ -153,8 +153,8 @@ void DataQueue<Element>::uncount(std::size_t count) noexcept
     }
 }
 
-/// Gets the tasks out of the nodes behind `dummy`, which are the caller's alone by now, and frees what held them: the
-/// dummy and all of the nodes but the last.
+/// Gets the tasks out of the nodes behind `dummy` and frees what held them: the dummy and all of the nodes but the
+/// last, which is the new dummy.
 template <class Element>
 void DataQueue<Element>::unpack(Node* dummy, std::span<Task*> tasks) noexcept
 {
