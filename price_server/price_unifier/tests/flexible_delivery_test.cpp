@@ -10,6 +10,28 @@ namespace
 
 using FlexibleDelivery = FlexibleSubscribe;
 
+/// Three clients of one instrument that skips what shows the same, at depths of 1, 3 and 3. The second update has
+/// brought nothing new at depth 1.
+struct SkippingClients
+{
+    explicit SkippingClients(const CompositeInstrumentDef& def)
+    {
+        bench.manager->Subscribe(def, {1, 0, false, false}, bench.factory, narrow, 1);
+        bench.manager->Subscribe(def, {3, 0, false, false}, bench.factory, wide, 2);
+        bench.manager->Subscribe(def, {3, 0, false, false}, bench.factory, changing, 3);
+        bench.Run();
+        bench.zel->Answer("X");
+        bench.zel->SendImage("X", {{kBid, "10", "1"}, {kBid, "9", "1"}});
+        bench.zel->SendChange("X", {{kBid, "9", "2"}});
+        bench.Run();
+    }
+
+    ManagerBench bench{{.configuration = R"(<PriceServer><General SkipUnchangedSnapshots="1"/></PriceServer>)"}};
+    const std::shared_ptr<RecordingFlexibleObserver> narrow = bench.MakeFlexibleObserver("N");
+    const std::shared_ptr<RecordingFlexibleObserver> wide = bench.MakeFlexibleObserver("W");
+    const std::shared_ptr<RecordingFlexibleObserver> changing = bench.MakeFlexibleObserver("C");
+};
+
 } // namespace
 
 TEST_F(FlexibleDelivery, GivesEachClientItsOwnDepthPaceAndKindsOfData)
@@ -164,63 +186,35 @@ TEST_F(FlexibleDelivery, NeverShowsAnOlderBookWhenTheMergedDepthShrinksAndGrows)
 
 TEST_F(FlexibleDelivery, NeverGoesBackInSequenceWhenAClientChangesToADepthThatHasLongShownTheSame)
 {
-    ManagerBench::Options options;
-    options.configuration = R"(<PriceServer><General SkipUnchangedSnapshots="1"/></PriceServer>)";
-    // Benches do not nest: this one lives in its own test body only.
-    bench.DestroyManager();
-    ManagerBench skipping(options);
-    const auto narrow = skipping.MakeFlexibleObserver("N");
-    const auto wide = skipping.MakeFlexibleObserver("W");
-    const auto changing = skipping.MakeFlexibleObserver("C");
-    skipping.manager->Subscribe(def, {1, 0, false, false}, skipping.factory, narrow, 1);
-    skipping.manager->Subscribe(def, {3, 0, false, false}, skipping.factory, wide, 2);
-    skipping.manager->Subscribe(def, {3, 0, false, false}, skipping.factory, changing, 3);
-    skipping.Run();
-    skipping.zel->Answer("X");
-    skipping.zel->SendImage("X", {{kBid, "10", "1"}, {kBid, "9", "1"}});
-    skipping.zel->SendChange("X", {{kBid, "9", "2"}}); // nothing new at depth 1
-    skipping.Run();
-    ASSERT_EQ(narrow->books.size(), 1U);
-    ASSERT_EQ(changing->books.size(), 2U);
-    skipping.manager->ChangeScope(def, {1, 0, false, false}, changing, 3, true);
-    skipping.Run();
-    ASSERT_EQ(changing->books.size(), 3U);
-    EXPECT_EQ(FormatBook(*changing->books.back()), "10x1+0 | ");
-    EXPECT_EQ(changing->books.back()->sequence, changing->books[1]->sequence);
-    EXPECT_EQ(changing->books.back()->snapshotReason,
+    bench.DestroyManager(); // benches do not nest
+    SkippingClients clients(def);
+    ASSERT_EQ(clients.narrow->books.size(), 1U);
+    ASSERT_EQ(clients.changing->books.size(), 2U);
+    clients.bench.manager->ChangeScope(def, {1, 0, false, false}, clients.changing, 3, true);
+    clients.bench.Run();
+    ASSERT_EQ(clients.changing->books.size(), 3U);
+    EXPECT_EQ(FormatBook(*clients.changing->books.back()), "10x1+0 | ");
+    EXPECT_EQ(clients.changing->books.back()->sequence, clients.changing->books[1]->sequence);
+    EXPECT_EQ(clients.changing->books.back()->snapshotReason,
               static_cast<std::uint32_t>(GenerateSnapshotReason::ScopeUnchanged));
-    skipping.zel->SendChange("X", {{kBid, "9", "3"}});
-    skipping.Run();
-    EXPECT_EQ(narrow->books.size(), 1U); // it still sees what it saw
-    EXPECT_EQ(changing->books.size(), 3U);
+    clients.bench.zel->SendChange("X", {{kBid, "9", "3"}});
+    clients.bench.Run();
+    EXPECT_EQ(clients.narrow->books.size(), 1U); // it still sees what it saw
+    EXPECT_EQ(clients.changing->books.size(), 3U);
 }
 
 TEST_F(FlexibleDelivery, NeverGoesBackInSequenceWithTheNextChangeEither)
 {
-    ManagerBench::Options options;
-    options.configuration = R"(<PriceServer><General SkipUnchangedSnapshots="1"/></PriceServer>)";
-    // Benches do not nest: this one lives in its own test body only.
-    bench.DestroyManager();
-    ManagerBench skipping(options);
-    const auto narrow = skipping.MakeFlexibleObserver("N");
-    const auto wide = skipping.MakeFlexibleObserver("W");
-    const auto changing = skipping.MakeFlexibleObserver("C");
-    skipping.manager->Subscribe(def, {1, 0, false, false}, skipping.factory, narrow, 1);
-    skipping.manager->Subscribe(def, {3, 0, false, false}, skipping.factory, wide, 2);
-    skipping.manager->Subscribe(def, {3, 0, false, false}, skipping.factory, changing, 3);
-    skipping.Run();
-    skipping.zel->Answer("X");
-    skipping.zel->SendImage("X", {{kBid, "10", "1"}, {kBid, "9", "1"}});
-    skipping.zel->SendChange("X", {{kBid, "9", "2"}}); // nothing new at depth 1
-    skipping.Run();
-    skipping.manager->ChangeScope(def, {1, 0, false, false}, changing, 3, false);
-    skipping.Run();
-    skipping.zel->SendChange("X", {{kBid, "9", "3"}});
-    skipping.Run();
-    ASSERT_EQ(changing->books.size(), 3U);
-    EXPECT_EQ(FormatBook(*changing->books.back()), "10x1+0 | ");
-    EXPECT_EQ(changing->books.back()->sequence, wide->books.back()->sequence);
-    EXPECT_EQ(narrow->books.size(), 1U); // it still sees what it saw
+    bench.DestroyManager(); // benches do not nest
+    SkippingClients clients(def);
+    clients.bench.manager->ChangeScope(def, {1, 0, false, false}, clients.changing, 3, false);
+    clients.bench.Run();
+    clients.bench.zel->SendChange("X", {{kBid, "9", "3"}});
+    clients.bench.Run();
+    ASSERT_EQ(clients.changing->books.size(), 3U);
+    EXPECT_EQ(FormatBook(*clients.changing->books.back()), "10x1+0 | ");
+    EXPECT_EQ(clients.changing->books.back()->sequence, clients.wide->books.back()->sequence);
+    EXPECT_EQ(clients.narrow->books.size(), 1U); // it still sees what it saw
 }
 
 TEST_F(FlexibleDelivery, NeverMergesMoreLevelsThanTheMarketHas)
